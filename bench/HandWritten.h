@@ -1,0 +1,94 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Support.h"
+
+/// The parts of a client that somebody would write by hand on raw ZeroMQ, with the thread hops of ours: a caller hands
+/// over to an io thread, which hands replies to a callback thread.
+namespace bench {
+
+/// From any thread to one that waits in a poll.
+template <class Item>
+class Inbox {
+ public:
+  Inbox() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+  ~Inbox() { close(descriptor_); }
+
+  void put(Item item) {
+    bool first;
+    {
+      const std::lock_guard lock(mutex_);
+      first = items_.empty();
+      items_.push_back(std::move(item));
+    }
+    if (first) eventfd_write(descriptor_, 1);
+  }
+  /// Appends what has come to `taken`.
+  void take(std::vector<Item> &taken) {
+    eventfd_t count;
+    eventfd_read(descriptor_, &count);
+    const std::lock_guard lock(mutex_);
+    if (taken.empty()) {
+      taken.swap(items_);
+    } else {
+      std::move(items_.begin(), items_.end(), std::back_inserter(taken));
+      items_.clear();
+    }
+  }
+  int descriptor() const { return descriptor_; }
+
+ private:
+  std::mutex mutex_;
+  std::vector<Item> items_;
+  const int descriptor_;
+};
+
+/// A thread that calls what it is given, in order.
+template <class Call>
+class CallbackThread {
+ public:
+  CallbackThread() : thread_([this] { run(); }) {}
+  ~CallbackThread() {
+    {
+      const std::lock_guard lock(mutex_);
+      stopped_ = true;
+    }
+    arrived_.notify_one();
+    thread_.join();
+  }
+
+  void post(Call call) {
+    {
+      const std::lock_guard lock(mutex_);
+      calls_.push_back(std::move(call));
+    }
+    arrived_.notify_one();
+  }
+
+ private:
+  void run() {
+    std::vector<Call> taken;
+    std::unique_lock lock(mutex_);
+    while (true) {
+      arrived_.wait(lock, [this] { return stopped_ || !calls_.empty(); });
+      if (calls_.empty()) return;
+      taken.swap(calls_);
+      lock.unlock();
+      for (Call &call : taken) call();
+      taken.clear();
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<Call> calls_;
+  bool stopped_ = false;
+  std::thread thread_;  // last: it uses the others
+};
+
+}  // namespace bench

@@ -1,0 +1,457 @@
+// Many requests under way at once on a DEALER, maps encoded and decoded: how many a second beside the same loop by hand
+// with msgpack-cxx, and what one of them costs while others are pending.
+
+#include <QELNetworkKit/Log.h>
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKKORVALClient.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <msgpack.hpp>
+#include <numeric>
+#include <random>
+#include <semaphore>
+#include <thread>
+#include <unordered_map>
+
+#include "HandWritten.h"
+#include "Support.h"
+
+namespace {
+
+using bench::Clock;
+
+constexpr double replyValue = 0.5;
+constexpr int window = 1000;
+
+/// Answers each map with a small map that carries its "messageID", copied as it is so that this end costs little. Told
+/// so, it gathers requests before it answers them, or answers some of them never.
+class Peer {
+ public:
+  enum class Order { asTheyCame, reversed, shuffled };
+
+  Peer() : socket_(context_, ZMQ_ROUTER) {
+    socket_.set(ZMQ_SNDHWM, 0);
+    socket_.set(ZMQ_RCVHWM, 0);
+    port_ = socket_.bindToLoopback();
+    thread_ = std::thread([this] { run(); });
+  }
+  ~Peer() {
+    stopped_ = true;
+    thread_.join();
+  }
+  int port() const { return port_; }
+
+  // To be called while nothing is under way.
+  void gather(size_t count, Order order) {
+    order_ = order;
+    gathered_ = count;
+  }
+  void ignoreNext(int64_t count) { ignored_ = count; }
+
+ private:
+  struct Answer {
+    std::string identity, body;
+  };
+
+  void run() {
+    socket_.set(ZMQ_RCVTIMEO, 100);
+    bench::Frame identity, body;
+    while (!stopped_) {
+      if (!identity.receive(socket_)) continue;
+      bench::require(body.receive(socket_), "half a request");
+      if (ignored_ > 0)
+        --ignored_;
+      else
+        take({std::string(identity.bytes()), answerTo(body.bytes())});
+    }
+  }
+
+  void take(Answer answer) {
+    if (gathered_ <= 1) return send(answer);
+    answers_.push_back(std::move(answer));
+    if (answers_.size() < gathered_) return;
+    if (order_ == Order::reversed) std::reverse(answers_.begin(), answers_.end());
+    if (order_ == Order::shuffled) std::shuffle(answers_.begin(), answers_.end(), std::mt19937(1));
+    for (const Answer &each : answers_) send(each);
+    answers_.clear();
+  }
+
+  void send(const Answer &answer) {
+    bench::Frame(answer.identity).send(socket_, ZMQ_SNDMORE);
+    bench::Frame(answer.body).send(socket_);
+  }
+
+  static std::string answerTo(std::string_view request) {
+    static constexpr std::string_view key = "\xa9messageID";
+    const size_t place = request.find(key);
+    bench::require(place != request.npos && place + key.size() < request.size(), "a request without an identifier");
+    std::string_view identifier = request.substr(place + key.size());
+    const uint8_t type = uint8_t(identifier.front());
+    identifier = identifier.substr(0, type < 0x80 ? 1 : size_t(1) + (size_t(1) << (type - 0xcc) % 4));
+    std::string answer = "\x82";
+    answer += key;
+    answer += identifier;
+    answer += std::string_view(
+        "\xa4"
+        "data\x81\xa5"
+        "value\xcb\x3f\xe0\0\0\0\0\0\0",
+        21);
+    return answer;
+  }
+
+  bench::Context context_;
+  bench::Socket socket_;
+  int port_ = 0;
+  std::vector<Answer> answers_;
+  std::atomic<size_t> gathered_{1};
+  std::atomic<Order> order_{Order::asTheyCame};
+  std::atomic<int64_t> ignored_{0};
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+/// Lets a caller have so many requests under way, and counts the answers.
+class Traffic {
+ public:
+  explicit Traffic(int limit) : free_(limit), step_(std::max(limit / 16, 1)) {}
+
+  /// Waits until one more may be made.
+  void enter() { bench::require(free_.try_acquire_for(std::chrono::seconds(60)), "no replies"); }
+  /// An answer has arrived.
+  void leave(double value) {
+    bench::require(value == replyValue, "a wrong reply");
+    if (++finished_ % step_ == 0) free_.release(step_);
+    if (finished_ == expected_) all_.open();
+  }
+  void expect(int64_t count) { expected_ += count; }
+  void awaitAll() { bench::require(all_.pass(), "replies are missing"); }
+
+ private:
+  std::counting_semaphore<> free_;
+  const int64_t step_;
+  std::atomic<int64_t> expected_{0};
+  int64_t finished_ = 0;  // the answering thread's
+  bench::Gate all_;
+};
+
+class Contestant {
+ public:
+  virtual ~Contestant() = default;
+  /// Makes so many requests, with at most `window` of them under way, and returns when all have been answered.
+  virtual void exchange(int64_t count) = 0;
+};
+
+// Ours.
+
+class Ours : public Contestant {
+ public:
+  explicit Ours(int port, int limit = window)
+      : traffic_(limit), client_(QELNKKORVALClient::create(QELNKContext::contextWithBackgroundQueue())) {
+    bench::Gate connected;
+    client_->connectToHost("127.0.0.1", port, [&](auto &) { connected.open(); });
+    bench::require(connected.pass(), "no connection");
+  }
+  ~Ours() override { client_->disconnect(); }
+
+  void exchange(int64_t count) override {
+    traffic_.expect(count);
+    for (int64_t i = 0; i < count; ++i) {
+      traffic_.enter();
+      send([this](auto &, auto &message) {
+        if (message->response()) traffic_.leave((*message->response())["data"]["value"].doubleValue());
+      });
+    }
+    traffic_.awaitAll();
+  }
+
+  /// Requests that will never be answered.
+  void park(int64_t count) {
+    for (int64_t i = 0; i < count; ++i) send(nullptr);
+  }
+
+ private:
+  void send(QELNKMessage::ResponseBlock block) {
+    qelnk::Value request = client_->requestForCommand("setPortValue");
+    request.set("data", qelnk::Value::map({{"id", "w1.p17"}, {"value", 0.5}}));
+    client_->sendRequest(std::move(request), std::move(block));
+  }
+
+  Traffic traffic_;
+  const std::shared_ptr<QELNKKORVALClient> client_;
+};
+
+// By hand.
+
+void packRequest(msgpack::sbuffer &buffer, int64_t identifier) {
+  msgpack::packer<msgpack::sbuffer> packer(buffer);
+  const std::chrono::duration<double, std::milli> time = std::chrono::system_clock::now().time_since_epoch();
+  packer.pack_map(4);
+  packer.pack(std::string_view("command"));
+  packer.pack(std::string_view("setPortValue"));
+  packer.pack(std::string_view("timestamp"));
+  packer.pack(time.count());
+  packer.pack(std::string_view("messageID"));
+  packer.pack(identifier);
+  packer.pack(std::string_view("data"));
+  packer.pack_map(2);
+  packer.pack(std::string_view("id"));
+  packer.pack(std::string_view("w1.p17"));
+  packer.pack(std::string_view("value"));
+  packer.pack(0.5);
+}
+
+/// The request as a tree of objects, as a program holds it that does not write its messages by hand.
+msgpack::object treeOfRequest(msgpack::zone &zone, int64_t identifier) {
+  using Tree = std::vector<std::pair<std::string_view, msgpack::object>>;
+  const auto map = [&](const Tree &entries) {
+    msgpack::object object;
+    object.type = msgpack::type::MAP;
+    object.via.map.size = uint32_t(entries.size());
+    object.via.map.ptr = static_cast<msgpack::object_kv *>(
+        zone.allocate_align(sizeof(msgpack::object_kv) * entries.size(), alignof(msgpack::object_kv)));
+    for (size_t i = 0; i < entries.size(); ++i) {
+      object.via.map.ptr[i].key = msgpack::object(entries[i].first, zone);
+      object.via.map.ptr[i].val = entries[i].second;
+    }
+    return object;
+  };
+  const std::chrono::duration<double, std::milli> time = std::chrono::system_clock::now().time_since_epoch();
+  return map(
+      {{"command", msgpack::object(std::string_view("setPortValue"), zone)},
+       {"timestamp", msgpack::object(time.count())},
+       {"messageID", msgpack::object(identifier)},
+       {"data", map({{"id", msgpack::object(std::string_view("w1.p17"), zone)}, {"value", msgpack::object(0.5)}})}});
+}
+
+const msgpack::object *find(const msgpack::object &map, std::string_view key) {
+  if (map.type != msgpack::type::MAP) return nullptr;
+  for (const auto &[name, value] : map.via.map)
+    if (name.type == msgpack::type::STR && std::string_view(name.via.str.ptr, name.via.str.size) == key) return &value;
+  return nullptr;
+}
+
+double valueOf(const msgpack::object &reply) {
+  const auto *data = find(reply, "data"), *value = data ? find(*data, "value") : nullptr;
+  return value ? value->as<double>() : 0;
+}
+
+msgpack::object_handle decode(const bench::Frame &frame) {
+  return msgpack::unpack(frame.bytes().data(), frame.bytes().size());
+}
+
+/// Requests written by the caller, sent and matched by an io thread, answered on a callback thread. With trees the
+/// caller makes a tree, which the io thread writes.
+class MapClient {
+ public:
+  using Reply = std::function<void(const msgpack::object &)>;
+
+  MapClient(int port, bool trees) : trees_(trees), thread_([this, port] { run(port); }) {}
+  ~MapClient() {
+    stopped_ = true;
+    thread_.join();
+  }
+
+  void send(Reply reply) {
+    Request request{.identifier = nextIdentifier_++, .reply = std::move(reply)};
+    if (trees_) {
+      request.zone = std::make_unique<msgpack::zone>(512);
+      request.tree = treeOfRequest(*request.zone, request.identifier);
+    } else {
+      request.body = msgpack::sbuffer(128);
+      packRequest(request.body, request.identifier);
+    }
+    inbox_.put(std::move(request));
+  }
+
+ private:
+  struct Request {
+    int64_t identifier = 0;
+    Reply reply{};
+    msgpack::sbuffer body{0};
+    std::unique_ptr<msgpack::zone> zone{};
+    msgpack::object tree{};
+  };
+  struct Call {
+    Reply reply;
+    msgpack::object_handle response;
+    void operator()() { reply(response.get()); }
+  };
+
+  void run(int port) {
+    bench::Socket socket(context_, ZMQ_DEALER);
+    socket.connectToLoopback(port);
+    zmq_pollitem_t items[] = {{socket.get(), 0, ZMQ_POLLIN, 0}, {nullptr, inbox_.descriptor(), ZMQ_POLLIN, 0}};
+    while (!stopped_) {
+      items[0].events = short(unsent_ < requests_.size() ? ZMQ_POLLIN | ZMQ_POLLOUT : ZMQ_POLLIN);
+      zmq_poll(items, 2, 20);
+      if (items[1].revents) inbox_.take(requests_);
+      if (items[0].revents & ZMQ_POLLIN) receive(socket);
+      send(socket);
+    }
+  }
+
+  void send(const bench::Socket &socket) {
+    for (; unsent_ < requests_.size(); ++unsent_) {
+      Request &request = requests_[unsent_];
+      if (request.zone && request.body.size() == 0) msgpack::pack(request.body = msgpack::sbuffer(128), request.tree);
+      bench::Frame frame({request.body.data(), request.body.size()});
+      if (!frame.send(socket, ZMQ_DONTWAIT)) return;
+      pending_.emplace(request.identifier, std::move(request.reply));
+    }
+    requests_.clear();
+    unsent_ = 0;
+  }
+
+  void receive(const bench::Socket &socket) {
+    bench::Frame frame;
+    for (int i = 0; i < 256 && frame.receive(socket, ZMQ_DONTWAIT); ++i) {
+      msgpack::object_handle response = decode(frame);
+      const auto *identifier = find(response.get(), "messageID");
+      const auto found = identifier ? pending_.find(identifier->as<int64_t>()) : pending_.end();
+      if (found == pending_.end()) continue;
+      callbacks_.post({std::move(found->second), std::move(response)});
+      pending_.erase(found);
+    }
+  }
+
+  const bool trees_;
+  bench::Context context_;
+  bench::Inbox<Request> inbox_;
+  std::vector<Request> requests_;  // taken over; those from `unsent_` on are still to be sent
+  size_t unsent_ = 0;
+  std::unordered_map<int64_t, Reply> pending_;
+  int64_t nextIdentifier_ = 0;
+  bench::CallbackThread<Call> callbacks_;
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+class HandWritten : public Contestant {
+ public:
+  HandWritten(int port, bool trees) : traffic_(window), client_(port, trees) {}
+
+  void exchange(int64_t count) override {
+    traffic_.expect(count);
+    for (int64_t i = 0; i < count; ++i) {
+      traffic_.enter();
+      client_.send([this](const msgpack::object &reply) { traffic_.leave(valueOf(reply)); });
+    }
+    traffic_.awaitAll();
+  }
+
+ private:
+  Traffic traffic_;
+  MapClient client_;
+};
+
+class OneThread : public Contestant {
+ public:
+  explicit OneThread(int port) : socket_(context_, ZMQ_DEALER) { socket_.connectToLoopback(port); }
+
+  void exchange(int64_t count) override {
+    bench::Frame frame;
+    for (int64_t sent = 0, received = 0; received < count;) {
+      for (; sent < count && sent - received < window; ++sent) {
+        msgpack::sbuffer body(128);
+        packRequest(body, sent);
+        bench::require(bench::Frame({body.data(), body.size()}).send(socket_), "not sent");
+      }
+      bench::require(frame.receive(socket_), "no reply");
+      do bench::require(valueOf(decode(frame).get()) == replyValue, "a wrong reply");
+      while (++received < count && frame.receive(socket_, ZMQ_DONTWAIT));
+    }
+  }
+
+ private:
+  bench::Context context_;
+  bench::Socket socket_;
+};
+
+// The measurements.
+
+struct Entry {
+  const char *peer;
+  std::unique_ptr<Contestant> contestant;
+  std::vector<double> rates{};
+};
+
+void inFlight(bool pinned) {
+  constexpr int64_t count = 40000;
+  constexpr int rounds = 15;
+  bench::pin(pinned);
+  Peer peer;
+  std::vector<Entry> entries;
+  entries.push_back({"qelnk", std::make_unique<Ours>(peer.port())});
+  entries.push_back({"hand-written", std::make_unique<HandWritten>(peer.port(), false)});
+  entries.push_back({"hand-written-trees", std::make_unique<HandWritten>(peer.port(), true)});
+  entries.push_back({"one-thread", std::make_unique<OneThread>(peer.port())});
+  for (Entry &entry : entries) entry.contestant->exchange(count / 4);
+  for (int round = 0; round < rounds; ++round) {
+    for (size_t i = 0; i < entries.size(); ++i) {
+      Entry &entry = entries[(i + size_t(round)) % entries.size()];
+      const auto start = Clock::now();
+      entry.contestant->exchange(count);
+      entry.rates.push_back(double(count) / bench::seconds(Clock::now() - start));
+    }
+  }
+  for (const Entry &entry : entries) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < entry.rates.size(); ++i) ratios.push_back(entry.rates[i] / entries[1].rates[i]);
+    bench::printRow(std::string("in-flight/") + (pinned ? "one-core" : "all-cores"), entry.peer,
+                    {{"per_second", bench::median(entry.rates)}, {"ratio", bench::median(ratios)}});
+  }
+}
+
+/// Time, and time on a core of the caller's, the io and the callback thread together, for one of `count` requests.
+void measureOne(const std::string &name, int64_t count, const std::function<void()> &exchange) {
+  const auto busy = [] {
+    double sum = 0;
+    for (const auto &[thread, use] : bench::threadUse())
+      if (thread == bench::ioThreadName || thread == bench::callbackThreadName || thread == "pipeline_bench")
+        sum += use.seconds;
+    return sum;
+  };
+  exchange();  // once to warm up
+  const double before = busy();
+  const auto start = Clock::now();
+  exchange();
+  bench::printRow(name, "qelnk",
+                  {{"ns", bench::seconds(Clock::now() - start) * 1e9 / double(count)},
+                   {"cpu_ns", (busy() - before) * 1e9 / double(count)}});
+}
+
+void pending() {
+  constexpr int64_t total = 200000;
+  Peer peer;
+  for (const int64_t pending : {10, 1000, 100000}) {
+    // That many under way, all answered at once.
+    for (const auto &[name, order] : {std::pair("in-order", Peer::Order::asTheyCame),
+                                      {"reversed", Peer::Order::reversed},
+                                      {"shuffled", Peer::Order::shuffled}}) {
+      Ours ours(peer.port(), int(pending) * 16);
+      peer.gather(size_t(pending), order);
+      const int64_t rounds = pending == 10 ? 2000 : total / pending;
+      measureOne("pending/" + std::to_string(pending) + "/" + name, pending * rounds, [&] {
+        for (int64_t round = 0; round < rounds; ++round) ours.exchange(pending);
+      });
+      peer.gather(1, order);
+    }
+    // That many older ones that stay unanswered, and others answered meanwhile.
+    Ours ours(peer.port());
+    peer.ignoreNext(pending);
+    ours.park(pending);
+    measureOne("pending/" + std::to_string(pending) + "/older-unanswered", total, [&] { ours.exchange(total); });
+  }
+}
+
+}  // namespace
+
+int main() {
+  QLGetHandle().setLevel(qelnk::LogLevel::error);
+  inFlight(false);
+  inFlight(true);
+  bench::pin(false);
+  pending();
+}

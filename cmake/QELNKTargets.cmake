@@ -1,0 +1,15 @@
+# Flags of the project's own code.
+
+# Links and compiles a target with the sanitizers of this build.
+function(qelnk_sanitize target)
+  if(QELNK_SANITIZE)
+    target_compile_options(${target} PUBLIC -fsanitize=${QELNK_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(${target} PUBLIC -fsanitize=${QELNK_SANITIZE})
+  endif()
+endfunction()
+
+# Warnings as errors.
+function(qelnk_own_code target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+  qelnk_sanitize(${target})
+endfunction()

@@ -1,0 +1,83 @@
+#include "daemon/QELNKKORVALLoad.h"
+
+#include "daemon/Mirror.h"
+#include "platform/LogFormat.h"
+
+using qelnk::Value;
+using Message = std::shared_ptr<QELNKMessage>;
+
+void QELNKKORVALClient::Load::start(QELNKKORVALClient &client) {
+  const auto takeWorkflows = [load = shared_from_this()](QELNKKORVALClient &of, const Value &descriptions) {
+    load->addWorkflows(of, descriptions);
+  };
+  const auto takeProject = [load = shared_from_this(), takeWorkflows](QELNKKORVALClient &of, const Value &project) {
+    of.updateProjectState(project);
+    of.scheduleMessage(load->ask(of.requestForCommand("getWorkflows"), "the workflows", takeWorkflows));
+  };
+  client.scheduleMessage(ask(client.requestForCommand("getProject"), "the project", takeProject));
+}
+
+Message QELNKKORVALClient::Load::ask(Value request, std::string what, Step step) {
+  if (QLGetHandle().enabled(qelnk::LogLevel::debug))
+    qelnk::logDebug("QELNKClient sending request {}", request.description());
+  return std::make_shared<QELNKMessage>(std::move(request),
+                                        [load = shared_from_this(), what = std::move(what), step = std::move(step)](
+                                            const std::shared_ptr<QELNKClient> &of, const Message &message) {
+                                          auto &client = static_cast<QELNKKORVALClient &>(*of);
+                                          if (load->failed_) return;
+                                          if (!message->response()) return load->fail(client, what, message->error());
+                                          // Once another project has been opened its own load brings everything; going
+                                          // on here would bring it twice.
+                                          if (client.mirror_->opening() == load->opening_)
+                                            step(client, (*message->response())[QELNKKORVALData]);
+                                        });
+}
+
+void QELNKKORVALClient::Load::addWorkflows(QELNKKORVALClient &client, const Value &descriptions) {
+  std::vector<Message> messages;
+  messages.reserve(descriptions.size() + 1);
+  for (const Value &description : descriptions.items()) {
+    if (!description.isDictionary()) continue;
+    const Workflow workflow = addWorkflow(client, description);
+    messages.push_back(ask(client.requestForCommand("getExposedPorts", workflow),
+                           fmt::format("the ports of workflow {}", workflow->uid().value_or("")),
+                           [workflow](QELNKKORVALClient &, const Value &data) {
+                             for (const Value &port : data[QELNKKORVALData].items())
+                               if (port.isDictionary()) workflow->addPortWithDescription(port);
+                           }));
+  }
+  messages.push_back(barrier());
+  client.scheduleMessages(messages);
+}
+
+QELNKKORVALClient::Load::Workflow QELNKKORVALClient::Load::addWorkflow(QELNKKORVALClient &client,
+                                                                       const Value &description) {
+  auto workflow = std::make_shared<QELNKOrlinWorkflow>(description);
+  const auto &mirror = client.mirror_;
+  // Workflows come and go on the response queue alone, so the place is still the next one when it is taken.
+  workflow->onPortAdded_ = [mirror = std::weak_ptr(mirror), workflow = workflow.get(),
+                            place = mirror->numberOfWorkflows()](const std::shared_ptr<QELNKOrlinPort> &port) {
+    if (const auto to = mirror.lock(); to && port->uid()) to->portAdded(workflow, place, *port->uid());
+  };
+  mirror->append(workflow);
+  return workflow;
+}
+
+// An empty message is never sent; it finishes when everything queued before it has. A push without a "messageID" may
+// be taken for its answer while it waits, because both read as number 0: then it has finished all the same.
+Message QELNKKORVALClient::Load::barrier() {
+  return std::make_shared<QELNKMessage>(
+      [load = shared_from_this()](const std::shared_ptr<QELNKClient> &of, const Message &message) {
+        auto &client = static_cast<QELNKKORVALClient &>(*of);
+        if (load->failed_) return;
+        if (message->error()) return load->fail(client, "the workflows", message->error());
+        // Where a project is being opened the connected callback is for the load that follows.
+        if (client.mirror_->openingsAsked == load->opening_) client.informConnected();
+      });
+}
+
+void QELNKKORVALClient::Load::fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error) {
+  failed_ = true;
+  qelnk::logError("QELNKKORVALClient could not load {}: {}", what, error.description);
+  if (client.mirror_->openingsAsked == opening_) client.releaseConnecting();
+}

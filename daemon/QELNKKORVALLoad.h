@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QELNetworkKit/Error.h>
+#include <QELNetworkKit/QELNKKORVALClient.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+/// One loading of the mirror: asks for the project, then for the workflows, then for the ports of each of them, and
+/// reports "connected" once everything asked for has come.
+///
+/// Its requests are scheduled, never waited for: they are made on the io thread and on the response queue, where a
+/// synchronous caller is served.
+///
+/// Threads: start() on any thread; the rest runs on the response queue. Its messages own it.
+class QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
+ public:
+  /// For the project of an opening of the mirror's.
+  explicit Load(uint64_t opening) : opening_(opening) {}
+  void start(QELNKKORVALClient &client);
+
+ private:
+  using Workflow = std::shared_ptr<QELNKOrlinWorkflow>;
+  using Step = std::function<void(QELNKKORVALClient &client, const qelnk::Value &data)>;
+
+  std::shared_ptr<QELNKMessage> ask(qelnk::Value request, std::string what, Step step);
+  std::shared_ptr<QELNKMessage> barrier();
+  void addWorkflows(QELNKKORVALClient &client, const qelnk::Value &descriptions);
+  static Workflow addWorkflow(QELNKKORVALClient &client, const qelnk::Value &description);
+  /// Ends this load, with one line on the log however many of its requests fail.
+  void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
+
+  const uint64_t opening_;
+  bool failed_ = false;
+};

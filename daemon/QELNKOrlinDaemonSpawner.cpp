@@ -1,0 +1,152 @@
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
+#include <QELNetworkKit/UserSettings.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "daemon/DaemonPlaces.h"
+#include "platform/LogFormat.h"
+#include "platform/Semaphore.h"
+
+using qelnk::Value;
+using Daemon = std::shared_ptr<QELNKOrlinDaemon>;
+using DaemonClient = std::shared_ptr<QELNKKORVALDaemonClient>;
+
+/// The daemons that run. The handler of each process's end holds it too, so it may outlive its spawner.
+struct QELNKOrlinDaemonSpawner::Tracked {
+  mutable std::mutex mutex;
+  std::condition_variable emptied;
+  std::vector<Daemon> daemons;
+
+  bool usesPort(int64_t port) const {
+    return std::any_of(daemons.begin(), daemons.end(), [&](const Daemon &daemon) { return daemon->port() == port; });
+  }
+  void remove(const Daemon &daemon);
+};
+
+void QELNKOrlinDaemonSpawner::Tracked::remove(const Daemon &daemon) {
+  const std::lock_guard lock(mutex);  // held while a daemon is started, so one that ends at once is in the list by now
+  std::erase(daemons, daemon);
+  qelnk::logDebug("Exited orlin daemon {}, {} running", daemon->description(), daemons.size());
+  if (daemons.empty()) emptied.notify_all();
+}
+
+static std::string below(const std::filesystem::path &folder, const char *path) { return folder / path; }
+
+// The path without the slashes at its end, which would hide its last name.
+static std::filesystem::path withoutSlash(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+QELNKOrlinDaemonSpawner::QELNKOrlinDaemonSpawner(const std::string &daemonBundle, int64_t basePort)
+    : javaPath_(below(daemonBundle, "Contents/PlugIns/jdk1.8.0_131.jdk/Contents/Home/jre/bin/java")),
+      pluginsPath_("../../../plugins"),
+      daemonPath_(below(daemonBundle, "Contents/Java/orlin-Daemon.jar")),
+      ffmpegPath_(below(withoutSlash(daemonBundle).parent_path(), "tools")),
+      basePort_(basePort),
+      tracked_(std::make_shared<Tracked>()) {}
+
+QELNKOrlinDaemonSpawner::~QELNKOrlinDaemonSpawner() = default;
+
+// Launching.
+
+std::vector<std::string> QELNKOrlinDaemonSpawner::arguments(const std::string &project, int64_t port, int64_t heapSize,
+                                                            int64_t webSocketPort) const {
+  std::vector<std::string> list;
+  if (heapSize > 0) list.push_back(fmt::format("-Xmx{}m", heapSize));
+  list.insert(list.end(), {"-Dcom.kestrova.orlin.pluginroot=" + pluginsPath_,
+                           "-Dcom.kestrova.orlin.pluginmask=", "-Djava.net.preferIPv4Stack=true", "-noverify", "-jar",
+                           daemonPath_, "-ffpath", ffmpegPath_, "-tcp", std::to_string(port)});
+  if (webSocketPort > 0) list.insert(list.end(), {"-web", std::to_string(webSocketPort)});
+  list.push_back(project);
+  return list;
+}
+
+Daemon QELNKOrlinDaemonSpawner::spawnDaemonWithProject(const std::string &project, const Value &properties) {
+  const int64_t heapSize = properties[QELNKOrlinDaemonMaxHeapSize].integerValue();
+  const int64_t webSocketPort = std::max<int64_t>(0, properties[QELNKOrlinDaemonWebSocketPort].integerValue());
+  std::error_code ignored;
+  if (!std::filesystem::exists(project, ignored)) return std::make_shared<QELNKOrlinDaemon>(project, 0, 0, nullptr);
+
+  const std::lock_guard lock(tracked_->mutex);
+  int64_t port = basePort_;
+  while (tracked_->usesPort(port)) ++port;
+  auto daemon = std::make_shared<QELNKOrlinDaemon>(project, port, webSocketPort, nullptr);
+  start(daemon, arguments(project, port, heapSize, webSocketPort));
+  tracked_->daemons.push_back(daemon);
+  qelnk::logDebug("Started orlin daemon {}, {} running", daemon->description(), tracked_->daemons.size());
+  return daemon;
+}
+
+void QELNKOrlinDaemonSpawner::start(const Daemon &daemon, const std::vector<std::string> &arguments) {
+  qelnk::logDebug("Starting orlin daemon task with arguments [{}]", fmt::join(arguments, ", "));
+  try {
+    // The handler holds the daemon weakly: the daemon holds the process, and with it perhaps the handler.
+    daemon->setTask(qelnk::Process::launch(
+        javaPath_, arguments,
+        [tracked = tracked_, weakly = std::weak_ptr(daemon)](const std::shared_ptr<qelnk::Process> &) {
+          if (const auto ended = weakly.lock()) tracked->remove(ended);
+        }));
+  } catch (const qelnk::ProcessError &error) {
+    qelnk::logError("QELNKOrlinDaemonSpawner could not start orlin daemon: {}", error.what());
+    throw;
+  }
+}
+
+DaemonClient QELNKOrlinDaemonSpawner::spawnConnectedDaemonWithProject(const std::string &project,
+                                                                      const Value &properties,
+                                                                      ConnectedDaemonBlock onConnected) {
+  return spawnConnectedDaemonWithProject(project, properties, std::move(onConnected), QELNKContext::sharedContext());
+}
+
+DaemonClient QELNKOrlinDaemonSpawner::spawnConnectedDaemonWithProject(const std::string &project,
+                                                                      const Value &properties,
+                                                                      ConnectedDaemonBlock onConnected,
+                                                                      std::shared_ptr<QELNKContext> context) {
+  auto client = spawnClient(project, properties, std::move(context));
+  if (client) connect(client, std::move(onConnected));
+  return client;
+}
+
+DaemonClient QELNKOrlinDaemonSpawner::spawnClient(const std::string &project, const Value &properties,
+                                                  std::shared_ptr<QELNKContext> context) {
+  auto client = QELNKKORVALDaemonClient::create(std::move(context), spawnDaemonWithProject(project, properties));
+  client->setSyncRequests(properties[QELNKOrlinDaemonSyncRequests].boolValue());
+  return client;
+}
+
+void QELNKOrlinDaemonSpawner::connect(const DaemonClient &client, ConnectedDaemonBlock onConnected) {
+  // Where nothing was started nobody will answer. Who wants to wait is not kept waiting, for the connection or later
+  // for a request: it is ended at once.
+  const bool isHopeless = client->syncRequests() && client->daemon()->port() == 0;
+  if (isHopeless) client->setSyncRequests(false);
+  client->connectToHost("localhost", int32_t(client->daemon()->port()),
+                        [onConnected = std::move(onConnected)](const std::shared_ptr<QELNKClient> &connected) {
+                          if (onConnected) onConnected(std::static_pointer_cast<QELNKKORVALDaemonClient>(connected));
+                        });
+  if (!isHopeless) return;
+  client->setSyncRequests(true);
+  client->disconnect();
+}
+
+// Tracking.
+
+void QELNKOrlinDaemonSpawner::stopAllDaemons() {
+  for (const Daemon &daemon : daemons()) daemon->quit();
+  std::unique_lock lock(tracked_->mutex);
+  tracked_->emptied.wait(lock, [&] { return tracked_->daemons.empty(); });
+}
+
+size_t QELNKOrlinDaemonSpawner::runningDaemons() const {
+  const std::lock_guard lock(tracked_->mutex);
+  return tracked_->daemons.size();
+}
+
+std::vector<Daemon> QELNKOrlinDaemonSpawner::daemons() const {
+  const std::lock_guard lock(tracked_->mutex);
+  return tracked_->daemons;
+}

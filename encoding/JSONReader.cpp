@@ -1,0 +1,140 @@
+#include <QELNetworkKit/JSON.h>
+#include <simdjson.h>
+
+#include <memory>
+#include <vector>
+
+#include "encoding/ValueStorage.h"
+
+namespace qelnk {
+
+namespace {
+
+using Element = simdjson::dom::element;
+
+/// Copies a parsed document into a value tree. The parser's limit bounds its depth; still it walks without recursion.
+class TreeCopier {
+ public:
+  explicit TreeCopier(size_t inputSize) : builder_(inputSize) {}
+
+  Value copy(const Element &document) {
+    Value root;
+    put(&root, document);
+    while (!open_.empty()) {
+      Open &top = open_.back();
+      if (top.isList ? top.item == top.itemEnd : top.member == top.memberEnd) {
+        if (!top.isList) builder_.finishMap(top.container);
+        open_.pop_back();
+      } else if (top.isList) {
+        const Element element = *top.item;
+        ++top.item;
+        put(top.next++, element);
+      } else {
+        builder_.string(top.next++, top.member.key());
+        const Element element = top.member.value();
+        ++top.member;
+        put(top.next++, element);
+      }
+    }
+    return builder_.finish(&root);
+  }
+
+ private:
+  /// A container that is being filled.
+  struct Open {
+    Value *container;
+    Value *next;
+    bool isList;
+    simdjson::dom::array::iterator item{}, itemEnd{};
+    simdjson::dom::object::iterator member{}, memberEnd{};
+  };
+
+  void put(Value *slot, const Element &element) {
+    switch (element.type()) {
+      case simdjson::dom::element_type::ARRAY:
+        return open(slot, simdjson::dom::array(element));
+      case simdjson::dom::element_type::OBJECT:
+        return open(slot, simdjson::dom::object(element));
+      case simdjson::dom::element_type::STRING:
+        return builder_.string(slot, std::string_view(element));
+      case simdjson::dom::element_type::INT64:
+        new (slot) Value(int64_t(element));
+        break;
+      case simdjson::dom::element_type::UINT64:
+        new (slot) Value(uint64_t(element));
+        break;
+      case simdjson::dom::element_type::DOUBLE:
+        new (slot) Value(double(element));
+        break;
+      case simdjson::dom::element_type::BOOL:
+        new (slot) Value(bool(element));
+        break;
+      case simdjson::dom::element_type::NULL_VALUE:
+        new (slot) Value();
+    }
+  }
+
+  // The parser counts elements up to a limit of 24 bits; beyond it they are counted here.
+  template <class Container>
+  static size_t sizeOf(const Container &container) {
+    const size_t size = container.size();
+    return size < 0xFFFFFF ? size : size_t(std::distance(container.begin(), container.end()));
+  }
+
+  void open(Value *slot, const simdjson::dom::array &array) {
+    Value *first = builder_.container(slot, detail::tagList, sizeOf(array));
+    open_.push_back({slot, first, true, array.begin(), array.end(), {}, {}});
+  }
+  void open(Value *slot, const simdjson::dom::object &object) {
+    Value *first = builder_.container(slot, detail::tagMap, sizeOf(object));
+    open_.push_back({slot, first, false, {}, {}, object.begin(), object.end()});
+  }
+
+  detail::TreeBuilder builder_;
+  std::vector<Open> open_;
+};
+
+// One parser a thread, for its buffers; one that has grown large is not kept.
+constexpr size_t largestKeptParser = 1 << 20;
+
+struct ThreadParser {
+  std::unique_ptr<simdjson::dom::parser> parser;
+
+  simdjson::dom::parser &get() {
+    if (!parser) parser = std::make_unique<simdjson::dom::parser>();
+    return *parser;
+  }
+  void tidy() {
+    if (parser && parser->capacity() > largestKeptParser) parser.reset();
+  }
+};
+
+void fail(Error *error, int64_t code, std::string description) {
+  if (error) *error = {"JSON", code, std::move(description), nullptr};
+}
+
+}  // namespace
+
+std::optional<Value> jsonObject(std::span<const uint8_t> bytes, Error *error, JSONTopLevel top) {
+  thread_local ThreadParser threadParser;
+  Element document;
+  const auto code = threadParser.get().parse(bytes.data(), bytes.size()).get(document);
+  if (code) {
+    fail(error, code, simdjson::error_message(code));
+    return std::nullopt;
+  }
+  std::optional<Value> value;
+  if (top == JSONTopLevel::any || document.is_array() || document.is_object()) {
+    value = TreeCopier(bytes.size()).copy(document);
+  } else {
+    fail(error, 1, "Only a list or a map can be the top level of JSON");
+  }
+  threadParser.tidy();
+  return value;
+}
+
+std::optional<Value> jsonObject(std::string_view text, Error *error, JSONTopLevel top) {
+  return jsonObject(std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()), error, top);
+}
+
+}  // namespace qelnk

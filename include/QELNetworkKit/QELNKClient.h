@@ -1,0 +1,130 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/QELNKMessage.h>
+#include <QELNetworkKit/QELNKSocket.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace qelnk {
+class Semaphore;
+}
+
+/// The request side: connects to one host and port, sends requests in the order queued, matches replies to them and
+/// hands each to its callback.
+///
+///     auto client = QELNKClient::create(QELNKContext::contextWithBackgroundQueue());
+///     client->connectToHost("localhost", 5555, [](auto &) {});
+///     client->sendRequest(Value::map({{"ask", "time"}}), [](auto &, auto &message) {
+///       if (message->response()) use(*message->response());
+///     });
+///
+/// ZeroMQ connects in the background: a peer that is not there yet is no failure, requests wait for it. Each message's
+/// callback is called exactly once, with its response or with its error, as long as the host holds the client; once the
+/// last reference has gone none is called.
+///
+/// Threads: every public operation may be called from any thread, inside callbacks too. Callbacks run on the context's
+/// response queue with no lock held. Hooks run on the io thread and must not wait.
+class QELNK_EXPORT QELNKClient : public QELNKSocket {
+ public:
+  using ConnectedBlock = std::function<void(const std::shared_ptr<QELNKClient> &client)>;
+  using ResponseBlock = QELNKMessage::ResponseBlock;
+
+  static std::shared_ptr<QELNKClient> create(std::shared_ptr<QELNKContext> context);
+  ~QELNKClient() override;
+
+  /// Starts the io thread, which connects. `onConnected` is called once and may be empty. With syncRequests() it
+  /// returns once the callback has run, or the connection has ended. Once for each client; a second call is refused
+  /// with a line on the log.
+  void connectToHost(std::string host, int32_t port, ConnectedBlock onConnected);
+
+  /// Queues a request and returns it. With syncRequests() it returns once the request has finished, serving the calling
+  /// thread's run loop meanwhile; on the io thread, and before connectToHost(), it never waits. On a client that has
+  /// disconnected the request finishes with its error at once.
+  std::shared_ptr<QELNKMessage> sendRequest(qelnk::Value request, ResponseBlock responseBlock,
+                                            bool responselessMessage = false);
+  /// The same with the longest time that it may take, in place of requestTimeout().
+  std::shared_ptr<QELNKMessage> sendRequest(qelnk::Value request, ResponseBlock responseBlock,
+                                            std::chrono::nanoseconds timeout);
+
+  /// Queues a message as it is, in the order of the calls; never waits for the io thread. One that was queued before is
+  /// refused with a line on the log.
+  void scheduleMessage(const std::shared_ptr<QELNKMessage> &message);
+  /// Queues several with none of another thread's between them.
+  void scheduleMessages(const std::vector<std::shared_ptr<QELNKMessage>> &messages);
+
+  /// Ends a message that has not finished: it finishes with an error of code ECANCELED. Whether it was sent meanwhile
+  /// is not known; a reply that comes later is discarded. A message that has finished stays as it is.
+  void cancelMessage(const std::shared_ptr<QELNKMessage> &message);
+
+  /// Closes the connection for good. Every message that has not finished finishes with an error of code ENOTCONN, and
+  /// whoever waits is released.
+  void disconnect() override;
+
+  /// How long a request without a timeout of its own may take; none unless set.
+  std::optional<std::chrono::nanoseconds> requestTimeout() const;
+  void setRequestTimeout(std::optional<std::chrono::nanoseconds> timeout);
+
+  /// Whether requests and connecting wait. Set it before connecting.
+  bool syncRequests() const;
+  void setSyncRequests(bool sync);
+  /// A flag for subclasses.
+  bool executing() const;
+  void setExecuting(bool executing);
+  /// The peer, as given to connectToHost().
+  std::string host() const;
+  int32_t port() const;
+  ConnectedBlock connectedBlock() const;
+  void setConnectedBlock(ConnectedBlock block);
+  /// Number of messages that have not finished.
+  size_t pendingMessages() const;
+
+  /// ZMQ_REQ.
+  int32_t socketType() const override;
+
+ protected:
+  explicit QELNKClient(std::shared_ptr<QELNKContext> context);
+  friend class QELNKSocket;
+
+  /// The socket has connected; calls informConnected(). On the io thread.
+  virtual void onConnected();
+  /// Has the connected callback called on the response queue, and releases who waits for the connection. Any thread.
+  void informConnected();
+  /// The message that `response` answers, or null. Here the oldest one. On the io thread. What an override posts to the
+  /// response queue before it returns null runs between the callbacks of the replies around this one.
+  virtual std::shared_ptr<QELNKMessage> messageForResponse(const qelnk::Value &response);
+  /// The number that a subclass finds a message by, read once when it is queued; none here. On the queueing thread.
+  virtual std::optional<int64_t> identifierForMessage(const QELNKMessage &message) const;
+  /// The first message in the list with an identifier, or null. On the io thread.
+  std::shared_ptr<QELNKMessage> messageWithIdentifier(int64_t identifier) const;
+  /// Finishes a message: schedules its callback, releases who waits for it, takes it off the list. On the io thread.
+  void finishMessage(const std::shared_ptr<QELNKMessage> &message);
+  /// Waits for `semaphore` turning the calling thread's run loop, at most 0.1 s at a time.
+  static void waitForSemaphore(qelnk::Semaphore &semaphore);
+
+  void ioThread() override;
+
+ private:
+  struct State;
+  class Loop;
+  std::shared_ptr<QELNKMessage> send(std::shared_ptr<QELNKMessage> message);
+  bool prepare(const std::shared_ptr<QELNKMessage> &message);
+  void enqueue(std::span<const std::shared_ptr<QELNKMessage>> messages);
+  bool handIn(std::span<const std::shared_ptr<QELNKMessage>> messages, bool cancel);
+  bool withdraw(const std::shared_ptr<QELNKMessage> &message);
+  void complete(std::shared_ptr<QELNKMessage> message);
+  void fail(std::shared_ptr<QELNKMessage> message, int32_t code, const char *reason);
+  void start();
+  void endWithoutThread();
+  ConnectedBlock takeConnectedBlock();
+  Loop *currentLoop() const;
+
+  std::unique_ptr<State> state_;
+};

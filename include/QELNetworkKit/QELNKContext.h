@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QELNetworkKit/Clock.h>
+#include <QELNetworkKit/Export.h>
+
+#include <memory>
+
+class ZMQContext;
+namespace qelnk {
+class Queue;
+}
+
+/// What messaging endpoints share: a ZeroMQ context with one io thread, the queue for network work and the queue on
+/// which the callbacks of connections and responses run.
+///
+/// Threads: any. It is destroyed when the last holder lets go (each endpoint holds its context), which closes its
+/// sockets and terminates its ZeroMQ context; that waits for no peer beyond the linger time of a socket.
+class QELNK_EXPORT QELNKContext {
+ public:
+  /// The process's context, made on first use; its callbacks run on the main queue. None after
+  /// terminateSharedContext().
+  static std::shared_ptr<QELNKContext> sharedContext();
+
+  /// A new context with one serial queue of its own for both, so that no callback runs on the main queue.
+  static std::shared_ptr<QELNKContext> contextWithBackgroundQueue();
+
+  /// Drops the process's hold on the shared context for good. It ends once no endpoint holds it.
+  static void terminateSharedContext();
+
+  QELNKContext(std::shared_ptr<ZMQContext> zmqContext, std::shared_ptr<qelnk::Queue> networkQueue,
+               std::shared_ptr<qelnk::Queue> responseQueue);
+  ~QELNKContext();
+  QELNKContext(const QELNKContext &) = delete;
+  QELNKContext &operator=(const QELNKContext &) = delete;
+
+  const std::shared_ptr<ZMQContext> &zmqContext() const { return zmqContext_; }
+  const std::shared_ptr<qelnk::Queue> &networkQueue() const { return networkQueue_; }
+  const std::shared_ptr<qelnk::Queue> &responseQueue() const { return responseQueue_; }
+
+ private:
+  std::shared_ptr<ZMQContext> zmqContext_;
+  std::shared_ptr<qelnk::Queue> networkQueue_;
+  std::shared_ptr<qelnk::Queue> responseQueue_;
+};

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/QELNKClient.h>
+#include <QELNetworkKit/QELNKKORVALConstants.h>
+#include <QELNetworkKit/QELNKOrlinWorkflow.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qelnk {
+class Mirror;
+}
+
+/// Drives one processing daemon and mirrors its project, workflows and ports.
+///
+/// connectToHost() reports "connected" once the mirror is complete: the project, all workflows and all their ports are
+/// known. Commands report no errors of the daemon; a value that does not fit is ignored. A message that ended without a
+/// response (timed out, cancelled, disconnected) changes nothing in the mirror, and callbacks of the host get it with
+/// its error set.
+///
+/// Threads: every public operation may be called from any thread. Callbacks run on the context's response queue; pushed
+/// values are stored on the io thread, before their callback runs.
+class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
+ public:
+  using UpdateBlock = QELNKOrlinPort::UpdateBlock;
+  /// Gets the client, which is a QELNKKORVALClient, and the finished message.
+  using CommandBlock = QELNKMessage::ResponseBlock;
+
+  static std::shared_ptr<QELNKKORVALClient> create(std::shared_ptr<QELNKContext> context);
+  ~QELNKKORVALClient() override;
+
+  // The project.
+
+  /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called.
+  void updateWorkflows();
+  /// Starts or stops the project, then calls `onDone` (which may be empty).
+  void startProject(CommandBlock onDone);
+  void stopProject(CommandBlock onDone);
+  void saveProject(const std::string &name);
+  /// Saves the project under its own file.
+  void save();
+  /// Has the daemon open a project; then empties the mirror, loads it anew and calls `onLoaded`.
+  void loadProject(const std::string &name, ConnectedBlock onLoaded);
+  /// Takes over the project's state from a description of it.
+  void updateProjectState(const qelnk::Value &description);
+  /// Asks the daemon to exit, and disconnects once that has been sent.
+  virtual void quit();
+
+  bool running() const;
+  /// None while no project is known, or the daemon gave none.
+  std::optional<std::string> projectName() const;
+  void setProjectName(std::optional<std::string> name);
+  std::optional<std::string> projectFile() const;
+  void setProjectFile(std::optional<std::string> file);
+
+  // Workflows; no traffic. The first in order, or null.
+
+  std::shared_ptr<QELNKOrlinWorkflow> workflowWithName(std::string_view name) const;
+  std::shared_ptr<QELNKOrlinWorkflow> workflowWithID(std::string_view uid) const;
+  std::shared_ptr<QELNKOrlinWorkflow> workflowWithIndex(size_t index) const;
+  size_t numberOfWorkflows() const;
+  std::vector<std::shared_ptr<QELNKOrlinWorkflow>> workflows() const;
+
+  // Commands for workflows and ports.
+
+  /// Nothing is sent for a workflow that is executing already, or is not for the second.
+  void startWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+  void stopWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+
+  /// Asks the daemon to set a port; the mirror changes when it has confirmed.
+  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const std::shared_ptr<QELNKOrlinPort> &port,
+                   const qelnk::Value &value);
+  /// One request for each port that a key of `values` (a map of port name to value) names; other keys are skipped.
+  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const qelnk::Value &values);
+  /// The same from two lists of the same length; lists of different lengths send nothing.
+  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const std::vector<std::string> &ports,
+                   const std::vector<qelnk::Value> &values);
+  /// Sends true to a trig port, true and then false to a bool port, nothing to any other.
+  void triggerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::string_view portName);
+
+  /// Has the daemon push the values of output ports, and `onUpdate` called for each push. Input ports and unknown names
+  /// are skipped.
+  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                        const std::vector<std::string> &updatesForPorts, UpdateBlock onUpdate);
+  void unRegisterWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                          const std::vector<std::string> &updatesForPorts);
+  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                        const std::vector<std::string> &updatesForPorts, const std::string &command,
+                        UpdateBlock onUpdate);
+
+  /// A request map with the command, the time and the next message identifier; for sendRequest().
+  qelnk::Value requestForCommand(std::string_view command);
+  qelnk::Value requestForCommand(std::string_view command, const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+
+  /// ZMQ_DEALER.
+  int32_t socketType() const override;
+
+ protected:
+  explicit QELNKKORVALClient(std::shared_ptr<QELNKContext> context);
+  friend class QELNKSocket;
+
+  void onConnected() override;
+  std::shared_ptr<QELNKMessage> messageForResponse(const qelnk::Value &response) override;
+  std::optional<int64_t> identifierForMessage(const QELNKMessage &message) const override;
+  /// A message for scheduleMessage(), told on the log as sendRequest() does: for requests that must not wait even with
+  /// syncRequests().
+  static std::shared_ptr<QELNKMessage> messageForRequest(qelnk::Value request, CommandBlock onDone,
+                                                         bool responseless = false);
+
+ private:
+  class Load;
+  void releaseConnecting();
+  void takePush(const qelnk::Value &data);
+  void setProjectRunning(std::string_view command, bool runs, CommandBlock onDone);
+  void setWorkflowExecuting(std::string_view command, const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                            bool executes);
+  std::shared_ptr<qelnk::Mirror> mirror_;
+};

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/QELNKKORVALClient.h>
+#include <QELNetworkKit/QELNKOrlinDaemon.h>
+
+#include <memory>
+
+/// The client of a daemon that this process launched.
+class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
+ public:
+  static std::shared_ptr<QELNKKORVALDaemonClient> create(std::shared_ptr<QELNKContext> context,
+                                                         std::shared_ptr<QELNKOrlinDaemon> daemon);
+  ~QELNKKORVALDaemonClient() override;
+
+  /// Asks the daemon to exit, waits until its process has ended, and disconnects. Not on the response queue. A daemon
+  /// that is still starting gets to hear it. Where there is no process (any more) it does not wait.
+  void quit() override;
+
+  const std::shared_ptr<QELNKOrlinDaemon> &daemon() const { return daemon_; }
+
+ protected:
+  QELNKKORVALDaemonClient(std::shared_ptr<QELNKContext> context, std::shared_ptr<QELNKOrlinDaemon> daemon);
+  friend class QELNKSocket;
+
+ private:
+  std::shared_ptr<QELNKOrlinDaemon> daemon_;
+};

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Process.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// One daemon that was launched.
+///
+/// Threads: any.
+class QELNK_EXPORT QELNKOrlinDaemon {
+ public:
+  /// `task` is null, and the port 0, where no process was started.
+  QELNKOrlinDaemon(std::string project, int64_t port, int64_t webSocketPort, std::shared_ptr<qelnk::Process> task);
+
+  /// Waits until the process has ended, which it does of itself once a client has sent it "quit", and lets it go. Sends
+  /// nothing.
+  void quit();
+
+  std::string project() const;
+  void setProject(std::string project);
+  /// The daemon's command port; 0 where no process was started.
+  int64_t port() const { return port_; }
+  /// The web-socket port it was given; 0 for none.
+  int64_t webSocketPort() const { return webSocketPort_; }
+  /// The process; null where none was started, and after quit().
+  std::shared_ptr<qelnk::Process> task() const;
+
+  /// "orlin daemon with project PROJECT on port PORT"
+  std::string description() const;
+
+ private:
+  friend class QELNKOrlinDaemonSpawner;
+  void setTask(std::shared_ptr<qelnk::Process> task);
+
+  const int64_t port_, webSocketPort_;
+  mutable std::mutex mutex_;  // guards what follows
+  std::string project_;
+  std::shared_ptr<qelnk::Process> task_;
+};

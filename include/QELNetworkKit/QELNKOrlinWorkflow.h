@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/QELNKOrlinPort.h>
+#include <QELNetworkKit/Value.h>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+/// One workflow of the daemon's project and the ports that it exposes.
+///
+/// Threads: any.
+class QELNK_EXPORT QELNKOrlinWorkflow {
+ public:
+  /// Builds a workflow without ports from the daemon's description of it (a map).
+  explicit QELNKOrlinWorkflow(const qelnk::Value &description);
+  QELNKOrlinWorkflow(const QELNKOrlinWorkflow &) = delete;
+  QELNKOrlinWorkflow &operator=(const QELNKOrlinWorkflow &) = delete;
+
+  /// Builds a port from the daemon's description of it, appends it and returns it.
+  std::shared_ptr<QELNKOrlinPort> addPortWithDescription(const qelnk::Value &description);
+
+  /// None where the description had none.
+  const std::optional<std::string> &name() const { return name_; }
+  const std::optional<std::string> &uid() const { return uid_; }
+  bool executing() const { return executing_.load(std::memory_order_relaxed); }
+  void setExecuting(bool executing) { executing_.store(executing, std::memory_order_relaxed); }
+  bool executeOnRun() const { return executeOnRun_; }
+
+  /// The ports as they are now, in order.
+  std::vector<std::shared_ptr<QELNKOrlinPort>> ports() const;
+  /// The first port in order with that name or identifier, or null. By identifier the cost does not grow with the
+  /// number of ports.
+  std::shared_ptr<QELNKOrlinPort> portWithName(std::string_view name) const;
+  std::shared_ptr<QELNKOrlinPort> portWithID(std::string_view uid) const;
+  /// The port at a place among all ports, among the input ports, among the output ports; null beyond the end.
+  std::shared_ptr<QELNKOrlinPort> portWithIndex(size_t index) const;
+  std::shared_ptr<QELNKOrlinPort> inputPortWithIndex(size_t index) const;
+  std::shared_ptr<QELNKOrlinPort> outputPortWithIndex(size_t index) const;
+  size_t numberOfPorts() const;
+  size_t numberOfInputPorts() const;
+  size_t numberOfOutputPorts() const;
+
+ private:
+  friend class QELNKKORVALClient;
+  using PortAddedBlock = std::function<void(const std::shared_ptr<QELNKOrlinPort> &)>;
+  std::shared_ptr<QELNKOrlinPort> portOfType(int32_t portType, size_t index) const;
+  size_t numberOfPortsOfType(int32_t portType) const;
+
+  std::optional<std::string> name_, uid_;
+  bool executeOnRun_;
+  std::atomic<bool> executing_;
+  mutable std::mutex mutex_;  // guards what follows
+  std::vector<std::shared_ptr<QELNKOrlinPort>> ports_;
+  std::unordered_map<std::string_view, size_t> portsByID_;  // views into the ports' own identifiers
+  PortAddedBlock onPortAdded_;                              // set by the client that mirrors this workflow
+};

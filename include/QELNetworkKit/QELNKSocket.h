@@ -1,0 +1,148 @@
+#pragma once
+
+#include <QELNetworkKit/Clock.h>
+#include <QELNetworkKit/Error.h>
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/Value.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+class ZMQSocket;
+
+/// How the messages of an endpoint travel in frames.
+enum QELNKMessageBody : int32_t {
+  QELNKMessageBodyJSON = 0,         ///< JSON text of a list or map
+  QELNKMessageBodyMessagePack = 1,  ///< MessagePack; received messages are maps
+  QELNKMessageBodyXML = 2,          ///< an XML document
+  QELNKMessageBodyString = 3,       ///< a string in UTF-8
+  QELNKMessageBodyData = 4,         ///< a byte buffer as it is
+  QELNKMessageBodyMultipart = 5     ///< a list of byte buffers, one a frame, as it is
+};
+
+/// The frames of one message.
+using QELNKFrames = std::vector<qelnk::Data>;
+
+/// The base of every messaging endpoint: whole messages of frames out and in, their encoding, and counters of traffic.
+///
+/// Endpoints that own an io thread are made by a create() of theirs. When the last reference goes the thread is ended
+/// first and then the object; where it goes on that very thread, the thread finishes by itself and the object ends
+/// after it.
+///
+/// Threads: the ZeroMQ socket belongs to the endpoint's io thread, and so do the operations that send and receive.
+/// disconnect(), logData() and the accessors may be called from any thread.
+class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket> {
+ public:
+  virtual ~QELNKSocket();
+  QELNKSocket(const QELNKSocket &) = delete;
+  QELNKSocket &operator=(const QELNKSocket &) = delete;
+
+  /// Makes an endpoint of class T, a subclass whose constructor is reachable, with the deleter that ends its thread
+  /// first.
+  template <class T, class... Arguments>
+  static std::shared_ptr<T> make(Arguments &&...arguments) {
+    return std::shared_ptr<T>(new T(std::forward<Arguments>(arguments)...), Deleter());
+  }
+
+  /// Ends the connection: the io thread closes the socket at its next pass, which is at once. Does not wait. Ends what
+  /// waits. An endpoint without an io thread closes its socket on the calling thread.
+  virtual void disconnect();
+
+  /// The ZeroMQ socket type of the class.
+  virtual int32_t socketType() const = 0;
+
+  /// "tcp://HOST:PORT"; endpoints that bind give "*" as host.
+  static std::string endPointForHost(const std::string &host, int32_t port);
+  /// The endpoint of the ZeroMQ socket; empty when there is none.
+  std::string endPoint() const;
+
+  /// Stores the calling thread's ZeroMQ error number and text, domain "ZMQ".
+  static void zmqError(qelnk::Error *error);
+
+  bool sendData(const qelnk::Data &frame, int32_t flags, qelnk::Error *error);
+  /// Sends one message of several frames. After a failure the frames before it stay sent.
+  bool sendData(const QELNKFrames &frames, qelnk::Error *error);
+  /// Receives the frames of one message, without the empty ones; none on failure.
+  std::optional<QELNKFrames> receiveData(int32_t flags, qelnk::Error *error);
+  /// Whether the frame just received has more behind it.
+  bool multipartMessage() const;
+
+  /// The frame of a message in an encoding of 0 to 4; none with no error for any other, none with an error where it
+  /// cannot be encoded.
+  static std::optional<qelnk::Data> serializeMessage(const qelnk::Value &message, int32_t type, qelnk::Error *error);
+  /// The message of a frame in an encoding of 0 to 4.
+  static std::optional<qelnk::Value> deserializeData(const qelnk::Data &frame, int32_t type, qelnk::Error *error);
+  /// The frames of a message in this endpoint's encoding.
+  std::optional<QELNKFrames> serializeMessage(const qelnk::Value &message, qelnk::Error *error) const;
+  /// The message of frames in this endpoint's encoding; none with no error where there is not exactly one frame.
+  std::optional<qelnk::Value> deserializeData(const QELNKFrames &frames, qelnk::Error *error) const;
+
+  /// Sets how long a closed socket may go on sending, in milliseconds, as an 8-byte option; ZeroMQ's refusal is told on
+  /// the log. Any thread: the io thread does it where there is one.
+  void setLinger(int64_t milliseconds);
+
+  /// Logs the traffic since the last call, in KiB a second. The first call starts the meter.
+  void logData();
+  uint64_t dataSent() const { return dataSent_.load(std::memory_order_relaxed); }
+  uint64_t dataReceived() const { return dataReceived_.load(std::memory_order_relaxed); }
+
+  /// The ZeroMQ socket, or null before the endpoint has connected or bound and after it has ended.
+  std::shared_ptr<ZMQSocket> socket() const;
+  void setSocket(std::shared_ptr<ZMQSocket> socket);
+  const std::shared_ptr<QELNKContext> &context() const { return context_; }
+  int32_t messageBody() const { return messageBody_; }
+  void setMessageBody(int32_t body) { messageBody_ = body; }
+
+  /// The clock of this endpoint's deadlines and meter; the system's unless set, which is to be done before it starts.
+  const std::shared_ptr<qelnk::Clock> &clock() const { return clock_; }
+  void setClock(std::shared_ptr<qelnk::Clock> clock) { clock_ = std::move(clock); }
+
+ protected:
+  explicit QELNKSocket(std::shared_ptr<QELNKContext> context);
+
+  class IOThread;
+  /// Starts the endpoint's thread, which runs ioThread() and then closes the socket. The endpoint must have been made
+  /// by make(). Throws std::system_error when the system gives no thread.
+  void startThread(const std::string &name);
+  /// The body of the endpoint's thread; returns soon once isCancelled().
+  virtual void ioThread() {}
+  bool onMessageThread() const;
+  /// Whether the thread is to end. On the io thread.
+  bool isCancelled() const;
+
+  /// Makes the ZeroMQ socket, which drops what is unsent when it closes unless it is told otherwise. On the thread that
+  /// is to own it. Throws ZMQException.
+  std::shared_ptr<ZMQSocket> openSocket();
+  /// Closes the ZeroMQ socket, if there is one, and forgets it. What was sent last may take at least `linger` to leave,
+  /// in the background. On the thread that owns it.
+  void closeSocket(std::chrono::milliseconds linger = {});
+  /// Whether the context asks the io thread to close its socket.
+  bool isAskedToClose() const;
+  /// The raw socket, or null. On the thread that owns it.
+  void *rawSocket() const;
+  /// receiveData() into frames that are used again; 0, or ZeroMQ's error number.
+  int receiveFrames(QELNKFrames &frames, int32_t flags);
+
+ private:
+  struct QELNK_EXPORT Deleter {
+    void operator()(QELNKSocket *socket) const;
+  };
+  std::shared_ptr<IOThread> thread() const;
+
+  std::shared_ptr<QELNKContext> context_;
+  std::shared_ptr<qelnk::Clock> clock_;
+  mutable std::mutex mutex_;  // guards socket_, thread_ and dataMark_
+  std::shared_ptr<ZMQSocket> socket_;
+  std::shared_ptr<IOThread> thread_;
+  std::optional<double> dataMark_;
+  std::atomic<ZMQSocket *> owned_{nullptr};  // socket_, for the thread that owns it
+  std::atomic<int32_t> messageBody_{QELNKMessageBodyJSON};
+  std::atomic<uint64_t> dataSent_{0}, dataReceived_{0};
+};

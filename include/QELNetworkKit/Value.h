@@ -1,0 +1,310 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <iosfwd>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+class PQODictionary;
+
+namespace qelnk {
+
+class XMLDocument;
+class Value;
+
+namespace detail {
+struct Access;
+}
+
+/// An owned run of bytes. Copies share the bytes until one of them is changed.
+///
+/// Threads: like a standard container; copies that share bytes may be used on different threads at once.
+class QELNK_EXPORT Data {
+ public:
+  Data() = default;
+  /// Copies `bytes`.
+  explicit Data(std::span<const uint8_t> bytes);
+  explicit Data(std::string_view bytes);
+  Data(std::initializer_list<uint8_t> bytes) : Data(std::span(bytes.begin(), bytes.size())) {}
+  /// `size` bytes of no particular value, to be written through mutableData().
+  static Data uninitialized(size_t size);
+
+  Data(const Data &other);
+  Data(Data &&other) noexcept : bytes_(std::exchange(other.bytes_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  Data &operator=(Data other) noexcept {
+    std::swap(bytes_, other.bytes_);
+    std::swap(size_, other.size_);
+    return *this;
+  }
+  ~Data();
+
+  const uint8_t *data() const { return bytes_; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const uint8_t *begin() const { return bytes_; }
+  const uint8_t *end() const { return bytes_ + size_; }
+  uint8_t operator[](size_t index) const { return bytes_[index]; }
+  std::span<const uint8_t> span() const { return {bytes_, size_}; }
+  /// The same bytes as characters.
+  std::string_view text() const { return {reinterpret_cast<const char *>(bytes_), size_}; }
+
+  /// The bytes for writing; they are no longer shared. Valid until the next change of this object.
+  uint8_t *mutableData();
+  void append(std::span<const uint8_t> bytes);
+  void append(std::string_view bytes);
+  /// Changes the size; new bytes have no particular value.
+  void resize(size_t size);
+  /// Makes room for `capacity` bytes in all.
+  void reserve(size_t capacity);
+  void clear() { *this = Data(); }
+
+  friend bool operator==(const Data &a, const Data &b) {
+    return a.size_ == b.size_ && (a.size_ == 0 || std::memcmp(a.bytes_, b.bytes_, a.size_) == 0);
+  }
+
+ private:
+  friend struct detail::Access;
+  void grow(size_t capacity);
+  uint8_t *bytes_ = nullptr;  // a counted block; its header lies before the bytes
+  size_t size_ = 0;
+};
+
+/// What a Value holds. `map` is the plain map, `orderedMap` a PQODictionary.
+enum class Kind : uint8_t {
+  null,
+  boolean,
+  int8,
+  int16,
+  int32,
+  int64,
+  uint8,
+  uint16,
+  uint32,
+  uint64,
+  float32,
+  float64,
+  string,
+  data,
+  list,
+  map,
+  orderedMap,
+  xml
+};
+
+/// The lower-case name of a kind, for messages.
+QELNK_EXPORT std::string_view nameOfKind(Kind kind);
+
+/// A value tree: null, a boolean, a number, a string, a byte buffer, a list, a map, an ordered map or an XML document.
+///
+/// It is a regular type of 16 bytes. Copies of what does not fit inside share it until one of them is changed, so
+/// copying costs a counter. A number remembers its width; numbers are equal when their numeric values are equal (NaN
+/// equals NaN), a boolean is equal only to a boolean, and equal values have equal hashes. Absent (no entry) and null
+/// (an entry) differ. No operation uses the machine's stack in proportion to the depth of a tree.
+///
+/// A plain map keeps its entries in the order in which their keys were first set, which equality and hashes do not look
+/// at. Keys may be any value; a list or map that is used as a key equals another only when its entries come in the same
+/// order.
+///
+/// A tree that was decoded from a message lives in one piece of memory: a list or map that is copied out of it keeps
+/// all of it (strings, buffers and scalars do not). Use detached() to keep a small part of a large message for long.
+///
+/// Threads: like a standard container: one value may be read by many threads or changed by one; values that share what
+/// they hold may be used on different threads at once. Operations throw std::bad_alloc when memory runs out, and
+/// std::logic_error where said.
+class QELNK_EXPORT Value {
+ public:
+  /// One entry of a plain map.
+  struct Entry;
+
+  constexpr Value() noexcept : head_(0), bits_(0) {}
+  constexpr Value(std::nullptr_t) noexcept : Value() {}
+  template <std::same_as<bool> T>
+  constexpr Value(T flag) noexcept : head_(uint64_t(Kind::boolean)), bits_(flag ? 1 : 0) {}
+  template <std::integral T>
+  requires(!std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> &&
+           !std::same_as<T, char16_t> && !std::same_as<T, char32_t> &&
+           sizeof(T) <= 8) constexpr Value(T number) noexcept
+      : head_(uint64_t(kindOf<T>())), bits_(uint64_t(int64_t(number))) {}
+  constexpr Value(float number) noexcept
+      : head_(uint64_t(Kind::float32)), bits_(__builtin_bit_cast(uint32_t, number)) {}
+  constexpr Value(double number) noexcept
+      : head_(uint64_t(Kind::float64)), bits_(__builtin_bit_cast(uint64_t, number)) {}
+  /// Text, held as it is; it should be UTF-8.
+  Value(std::string_view text);
+  Value(const char *text) : Value(std::string_view(text)) {}
+  Value(const std::string &text) : Value(std::string_view(text)) {}
+  Value(Data data);
+  Value(PQODictionary map);
+  Value(XMLDocument document);
+
+  /// A list of the given values.
+  static Value list(std::initializer_list<Value> items = {});
+  /// A plain map of the given pairs; a later pair of the same key replaces the value of the earlier one.
+  static Value map(std::initializer_list<std::pair<Value, Value>> entries = {});
+
+  Value(const Value &other) : head_(other.head_), bits_(other.bits_) {
+    if (other.isShared()) acquire();
+  }
+  Value(Value &&other) noexcept : head_(std::exchange(other.head_, 0)), bits_(std::exchange(other.bits_, 0)) {}
+  Value &operator=(const Value &other) {
+    Value copy(other);
+    swap(copy);
+    return *this;
+  }
+  Value &operator=(Value &&other) noexcept {
+    Value taken(std::move(other));
+    swap(taken);
+    return *this;
+  }
+  ~Value() {
+    if (isShared()) release();
+  }
+  void swap(Value &other) noexcept {
+    std::swap(head_, other.head_);
+    std::swap(bits_, other.bits_);
+  }
+
+  // What it is.
+
+  Kind kind() const {
+    const uint8_t tag = uint8_t(head_);
+    return tag < shortStringTag ? Kind(tag) : tag == shortStringTag ? Kind::string : Kind(tag - 1);
+  }
+  bool isNull() const { return uint8_t(head_) == 0; }
+  bool isBool() const { return kind() == Kind::boolean; }
+  /// A number of any width; a boolean is none.
+  bool isNumber() const { return kind() >= Kind::int8 && kind() <= Kind::float64; }
+  bool isInteger() const { return kind() >= Kind::int8 && kind() <= Kind::uint64; }
+  bool isFloat() const { return kind() == Kind::float32 || kind() == Kind::float64; }
+  bool isString() const { return kind() == Kind::string; }
+  bool isData() const { return kind() == Kind::data; }
+  bool isList() const { return kind() == Kind::list; }
+  bool isMap() const { return kind() == Kind::map; }
+  bool isOrderedMap() const { return kind() == Kind::orderedMap; }
+  /// A plain or an ordered map.
+  bool isDictionary() const { return isMap() || isOrderedMap(); }
+  bool isXML() const { return kind() == Kind::xml; }
+
+  // Scalars. Each reads numbers, booleans (1 or 0) and strings (their leading decimal number), and gives 0 for anything
+  // else.
+
+  /// Whether a number is not 0; a string is true when, after white space, a sign and zeros, it goes on with one of
+  /// "YyTt" or 1 to 9.
+  bool boolValue() const;
+  /// The low 32 bits of integerValue().
+  int32_t intValue() const { return int32_t(uint32_t(uint64_t(integerValue()))); }
+  /// A fraction is cut; a float beyond the range gives the nearest bound; an unsigned number keeps its 64 bits.
+  int64_t integerValue() const;
+  uint64_t unsignedValue() const {
+    return kind() == Kind::uint64 || !isFloat() ? uint64_t(integerValue()) : unsignedFromFloat();
+  }
+  double doubleValue() const;
+
+  /// The characters of a string, else empty. Valid as long as this value is not changed.
+  std::string_view string() const {
+    const uint8_t tag = uint8_t(head_);
+    if (tag == shortStringTag) return {reinterpret_cast<const char *>(this) + 2, size_t(uint8_t(head_ >> 8))};
+    if (tag == uint8_t(Kind::data)) return {reinterpret_cast<const char *>(bits_), head_ >> 16};
+    return {};
+  }
+  /// The bytes of a byte buffer, else empty. Valid as long as this value is not changed.
+  std::span<const uint8_t> bytes() const;
+  /// The byte buffer, sharing its bytes where it can; empty when it is none.
+  Data data() const;
+  /// The ordered map; an empty one when this is none.
+  const PQODictionary &orderedMap() const;
+  /// The XML document; an empty one when this is none.
+  const XMLDocument &xml() const;
+
+  // Lists and maps. Reading operations see anything else as empty.
+
+  /// Number of elements of a list or of entries of either map, else 0.
+  size_t size() const;
+  bool empty() const { return size() == 0; }
+
+  /// The elements of a list, else none.
+  std::span<const Value> items() const;
+  /// The entries of a plain map in the order of their keys' first setting, else none.
+  std::span<const Entry> entries() const;
+
+  /// The value under a key of either map, or null when there is no such entry. The pointer is valid until this value is
+  /// changed.
+  const Value *find(std::string_view key) const;
+  const Value *find(const char *key) const { return find(std::string_view(key)); }
+  const Value *find(const std::string &key) const { return find(std::string_view(key)); }
+  const Value *find(const Value &key) const;
+  bool contains(std::string_view key) const { return find(key) != nullptr; }
+  /// The value under a key, or a null value.
+  const Value &operator[](std::string_view key) const;
+  const Value &operator[](const char *key) const { return (*this)[std::string_view(key)]; }
+  /// The element of a list, or a null value beyond its end.
+  const Value &operator[](size_t index) const;
+  const Value &operator[](int index) const { return (*this)[size_t(index)]; }
+
+  /// Adds an element to a list; null becomes a list first. Throws std::logic_error on anything else.
+  void append(Value item);
+  /// Stores `value` under `key` of either map, at the key's place where it has one; null becomes a plain map first.
+  /// Throws std::logic_error on anything else.
+  void set(Value key, Value value);
+  /// Removes an entry of either map; returns whether there was one.
+  bool erase(const Value &key);
+  void erase(size_t index);
+  /// For changing an element in place. Throws std::out_of_range where there is none.
+  Value &at(size_t index);
+  Value &at(std::string_view key);
+  /// Makes room for `count` elements or entries in a list or plain map.
+  void reserve(size_t count);
+
+  /// The same tree in memory of its own.
+  Value detached() const;
+
+  /// Readable text on one line, in the manner of JSON; buffers as `<n bytes>` with their first bytes.
+  std::string description() const;
+
+  size_t hash() const;
+  QELNK_EXPORT friend bool operator==(const Value &a, const Value &b);
+
+ private:
+  friend struct detail::Access;
+  // Tags are the kinds with one more for strings of at most 14 bytes, which lie inside the value behind their length.
+  static constexpr uint8_t shortStringTag = uint8_t(Kind::string);
+  static constexpr uint8_t firstSharedTag = uint8_t(Kind::string) + 1;
+
+  template <class T>
+  static constexpr Kind kindOf() {
+    constexpr Kind base = std::signed_integral<T> ? Kind::int8 : Kind::uint8;
+    return Kind(uint8_t(base) + (sizeof(T) == 1 ? 0 : sizeof(T) == 2 ? 1 : sizeof(T) == 4 ? 2 : 3));
+  }
+  constexpr Value(uint64_t head, uint64_t bits) noexcept : head_(head), bits_(bits) {}
+  bool isShared() const { return uint8_t(head_) >= firstSharedTag; }
+  void acquire();
+  void release() noexcept;
+  uint64_t unsignedFromFloat() const;
+
+  uint64_t head_;  // tag, a byte of length or flags, and 48 bits of size (or the first characters of a short string)
+  uint64_t bits_;  // a number, a pointer, or more characters
+};
+
+struct Value::Entry {
+  Value key;
+  Value value;
+};
+
+QELNK_EXPORT std::ostream &operator<<(std::ostream &out, const Value &value);
+
+}  // namespace qelnk
+
+template <>
+struct std::hash<qelnk::Value> {
+  size_t operator()(const qelnk::Value &value) const { return value.hash(); }
+};

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Value.h>
+#include <QELNetworkKit/ZMQContext.h>
+
+#include <zmq.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// A ZeroMQ socket. Failures throw ZMQException, but for sending, which reports false; each is written to the log's
+/// error level as "ZMQLogError: *** SOCKET: FUNCTION: REASON".
+///
+/// Threads: one thread owns a socket from its making to its closing; endpoint() and description() may be called from
+/// any.
+class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
+ public:
+  /// "ZMQ_PAIR" and so on for 0 to 8 (5 and 6 have their old names), else "UNKNOWN".
+  static std::string_view nameForSocketType(int32_t type);
+
+  /// Usually made by ZMQContext::socketWithType().
+  ZMQSocket(ZMQContext *context, int32_t type);
+  /// Closes.
+  ~ZMQSocket();
+  ZMQSocket(const ZMQSocket &) = delete;
+  ZMQSocket &operator=(const ZMQSocket &) = delete;
+
+  /// Closes the socket; what is still to be sent leaves in the background, as long as the linger option says, and at
+  /// most longestLinger where nobody set it: a peer that never comes must not hold up the end of the context. Twice is
+  /// harmless.
+  void close();
+  static constexpr std::chrono::milliseconds longestLinger{1000};
+  bool isClosed() const { return socket_.load() == nullptr; }
+
+  bool setData(const qelnk::Data &data, int32_t option);
+  /// Sets an option whose value is an int.
+  bool setInt(int value, int32_t option);
+  /// Reads an option of any type; the result has the length that ZeroMQ reports.
+  std::optional<qelnk::Data> dataForOption(int32_t option) const;
+
+  bool bindToEndpoint(const std::string &endpoint);
+  bool connectToEndpoint(const std::string &endpoint);
+
+  /// Sends one frame; a failure is logged and gives false.
+  bool sendData(const qelnk::Data &data, int32_t flags);
+  /// Receives one frame into `buffer`. Returns its length, which may exceed `length` when it was cut, or -1.
+  int receive(void *buffer, size_t length, int32_t flags);
+  /// Receives one frame.
+  qelnk::Data receiveData(int32_t flags);
+
+  /// Asks for messages that begin with `prefix`; returns whether ZeroMQ accepted it.
+  bool subscribe(std::string_view prefix);
+  bool subscribeAll() { return subscribe({}); }
+
+  /// Fills a poll item for this socket.
+  void getPollItem(zmq_pollitem_t &item, int16_t events) const;
+
+  /// The context it was made on, not owned.
+  ZMQContext *context() const { return context_.load(); }
+  int32_t type() const { return type_.load(); }
+  /// The raw socket; null once closed.
+  void *socket() const { return socket_.load(); }
+
+  // For a host that takes the raw socket over or hands another in. They store and do nothing else: a raw socket that is
+  // forgotten here is the caller's to close.
+  void setContext(ZMQContext *context) { context_ = context; }
+  void setType(int32_t type) { type_ = type; }
+  void setSocket(void *socket) { socket_ = socket; }
+  /// True forgets the raw socket; false changes nothing.
+  void setClosed(bool closed) {
+    if (closed) socket_ = nullptr;
+  }
+
+  /// The last endpoint given to bind or connect.
+  std::string endpoint() const;
+  void setEndpoint(std::string endpoint);
+
+  /// "<ZMQSocket: 0x… (ctx=0x…, type=ZMQ_REQ, endpoint=tcp://…, closed=0)>"
+  std::string description() const;
+
+ private:
+  friend class ZMQContext;
+  friend class QELNKSocket;
+  [[noreturn]] void fail(const char *function) const;
+  void logError(const char *function) const;
+  void boundLinger();
+  int linger() const;
+
+  std::atomic<ZMQContext *> context_;
+  std::weak_ptr<ZMQContext::Registry> registry_;
+  std::atomic<int32_t> type_;
+  std::atomic<void *> socket_{nullptr};
+  // An io thread owns it and closes it once it is asked to.
+  std::atomic<bool> ownedByThread_{false}, askedToClose_{false};
+  mutable std::mutex mutex_;  // guards endpoint_
+  std::string endpoint_;
+};

@@ -1,0 +1,317 @@
+#include "messaging/ClientLoop.h"
+
+#include <QELNetworkKit/Clock.h>
+#include <QELNetworkKit/Queue.h>
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "platform/Guard.h"
+#include "platform/LogFormat.h"
+
+#include <zmq.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+using namespace std::chrono_literals;
+using qelnk::Error;
+
+namespace {
+
+// Longest wait of a pass, and how long a failed sending rests.
+constexpr auto pollInterval = 20ms;
+// How many messages are received, and how many are sent, before the other has its turn. A request socket does the two
+// in turns.
+int drainBound(int32_t socketType) { return socketType == ZMQ_REQ ? 1 : 256; }
+
+std::string describe(const Error &error) {
+  return error ? fmt::format("{} ({} {})", error.description, error.domain, error.code) : "(null)";
+}
+
+}  // namespace
+
+QELNKClient::Loop::Loop(QELNKClient &client)
+    : client_(client),
+      state_(*client.state_),
+      runLoop_(qelnk::RunLoop::current()),
+      socketType_(client.socketType()),
+      endpoint_(endPointForHost(client.host(), client.port())) {
+  runLoop_->setClock(client.clock());
+  client.clock()->attach(runLoop_);  // deadlines are looked at in every pass: a clock moved by hand has to cause one
+  state_.loop = this;
+  const std::lock_guard lock(state_.mutex);
+  state_.runLoop = runLoop_;
+}
+
+bool QELNKClient::Loop::isEnding() const {
+  return state_.stopRequested.load(std::memory_order_relaxed) || client_.isCancelled();
+}
+
+void QELNKClient::Loop::run() {
+  qelnk::runGuarded("QELNKClient io thread", [this] { serve(); });
+  end();
+  qelnk::logDefault("QELNKClient io thread exiting");
+}
+
+void QELNKClient::Loop::serve() {
+  if (isEnding()) return;
+  qelnk::logDefault("QELNKClient connecting to {}", endpoint_);
+  if (!connect(endpoint_)) {
+    qelnk::logError("QELNKClient could not connect");
+    return;
+  }
+  qelnk::logDefault("QELNKClient connected to {}", endpoint_);
+  client_.onConnected();
+  while (!isEnding() && pass()) {
+  }
+}
+
+bool QELNKClient::Loop::connect(const std::string &endpoint) {
+  poll_ = {};
+  try {
+    const auto socket = client_.openSocket();
+    poll_ = qelnk::SocketPoll(socket->socket(), *runLoop_);
+    return socket->connectToEndpoint(endpoint);
+  } catch (const ZMQException &) {
+    return false;  // its reason is on the log
+  }
+}
+
+// One pass. Returns false when it was the last.
+bool QELNKClient::Loop::pass() {
+  const int events = poll();
+  const int error = events < 0 ? zmq_errno() : 0;
+  if (isEnding()) return false;
+  if (error != 0) qelnk::logError("QELNKClient poll error [{}: {}]", error, zmq_strerror(error));
+  if (events > 0 && (events & ZMQ_POLLIN)) receive();
+  if (events > 0 && (events & ZMQ_POLLOUT)) send();
+  finishEmpty();
+  expire();
+  return error == 0 || error == EINTR;
+}
+
+// Waiting.
+
+// What the socket is ready for, once it is ready for something or another thread has handed something in; -1 on
+// failure.
+int QELNKClient::Loop::poll() {
+  serveOthers();
+  const int events = wantedEvents();
+  if (events != 0 || !sleep()) return events;
+  const bool waited = poll_.wait(longestWait()) >= 0;
+  state_.asleep.store(false, std::memory_order_relaxed);
+  if (!waited) return -1;
+  serveOthers();  // so that what woke the thread goes out in this pass
+  return wantedEvents();
+}
+
+// Does what other threads asked for.
+void QELNKClient::Loop::serveOthers() {
+  runLoop_->runOnce(0ns);
+  takeInbox();
+  if (!isEnding()) renewSocket();
+}
+
+int QELNKClient::Loop::wantedEvents() {
+  if (client_.isAskedToClose()) {
+    errno = ENOTSOCK;
+    return -1;
+  }
+  int wanted = ZMQ_POLLIN | ZMQ_POLLERR;
+  if (const QELNKMessage *unsent = messages_.firstUnsent(); unsent && (unsent != failed_ || Steady::now() >= retryAt_))
+    wanted |= ZMQ_POLLOUT;
+  const int events = poll_.events();
+  return events < 0 ? events : events & wanted;
+}
+
+// Whether the thread may wait: nothing is left to do, and whoever hands something in from here on wakes it.
+bool QELNKClient::Loop::sleep() {
+  if (isEnding() || (messages_.first() && messages_.first()->isEmptyMessage())) return false;
+  const std::lock_guard lock(state_.mutex);
+  if (!state_.inbox.empty()) return false;
+  state_.asleep.store(true, std::memory_order_relaxed);
+  return true;
+}
+
+std::chrono::nanoseconds QELNKClient::Loop::longestWait() const {
+  std::chrono::nanoseconds limit = runLoop_->untilNextTimer(pollInterval);
+  if (failed_)
+    limit = std::min<std::chrono::nanoseconds>(limit, std::max<Steady::duration>(retryAt_ - Steady::now(), 0ns));
+  // A clock of the host's may stand still until it is moved, which wakes the run loop.
+  if (const auto deadline = messages_.firstDeadline();
+      deadline != std::chrono::nanoseconds::max() && client_.clock() == qelnk::Clock::system())
+    limit = std::min(limit, std::max(deadline - client_.clock()->now(), 0ns));
+  return limit;
+}
+
+// Receiving.
+
+void QELNKClient::Loop::receive() {
+  for (int count = 0; count < drainBound(socketType_) && !isEnding(); count++) {
+    const int error = client_.receiveFrames(frames_, ZMQ_DONTWAIT);
+    if (error == 0) {
+      handleFrames();
+    } else {
+      if (error != EAGAIN || count == 0)
+        qelnk::logError("QELNKClient recieved message with no data and error {}",
+                        describe({.domain = "ZMQ", .code = error, .description = zmq_strerror(error), .userInfo = {}}));
+      return;
+    }
+  }
+}
+
+void QELNKClient::Loop::handleFrames() {
+  Error error;
+  auto response = client_.deserializeData(frames_, &error);
+  if (!response) {
+    qelnk::logError("QELNKClient could not deserialize response with error {}", describe(error));
+    return;
+  }
+  if (QLGetHandle().enabled(qelnk::LogLevel::debug))
+    qelnk::logDebug("QELNKClient got response {}", response->description());
+  const auto message = client_.messageForResponse(*response);
+  if (message && !message->isFinished()) {
+    message->response_ = std::move(response);
+    finish(message);
+  } else {
+    state_.responses.seal();
+    qelnk::logError("QELNKClient got response without matching message, discarding it");
+  }
+}
+
+// Sending.
+
+void QELNKClient::Loop::send() {
+  for (int count = 0; count < drainBound(socketType_) && !isEnding(); count++) {
+    QELNKMessage *message = messages_.firstUnsent();
+    if (!message) return;
+    if (!send(*message)) {
+      if (count == 0) rest(*message);
+      return;
+    }
+  }
+}
+
+// Returns false when nothing more can be sent now.
+bool QELNKClient::Loop::send(QELNKMessage &message) {
+  Error error;
+  const auto frames = client_.serializeMessage(*message.request_, &error);
+  if (!frames) {
+    qelnk::logError("QELNKClient could not serialize request with error {}", describe(error));
+  } else if (!sendFrames(message, *frames, error)) {
+    return false;
+  }
+  message.error_ = std::move(error);
+  failed_ = nullptr;
+  if (!message.sent_) {
+    rest(message);
+    return false;
+  }
+  if (message.responseless_) {
+    unanswerableSentAt_ = Steady::now();
+    client_.complete(messages_.remove(message));
+  }
+  return true;
+}
+
+// Returns false when the socket is full, which is no attempt.
+bool QELNKClient::Loop::sendFrames(QELNKMessage &message, const QELNKFrames &frames, Error &error) {
+  size_t tried = 0;
+  for (bool ok = true; ok && tried < frames.size(); tried++) {
+    const int more = tried + 1 < frames.size() ? ZMQ_SNDMORE : 0;
+    ok = client_.sendData(frames[tried], ZMQ_DONTWAIT | more, &error);
+    if (!ok && tried == 0 && error.code == EAGAIN) return false;
+  }
+  // A failure of the last frame counts as sent.
+  message.sent_ = tried == frames.size();
+  if (!message.sent_) qelnk::logError("QELNKClient did not send request, only sent {} from {}", tried, frames.size());
+  return true;
+}
+
+// A message that cannot be sent keeps its place, and is tried again a little later.
+void QELNKClient::Loop::rest(const QELNKMessage &message) {
+  failed_ = &message;
+  retryAt_ = Steady::now() + pollInterval;
+}
+
+// Finishing.
+
+void QELNKClient::Loop::finish(const std::shared_ptr<QELNKMessage> &message) {
+  if (!qelnk::MessageList::isListed(*message)) takeInbox();
+  if (!qelnk::MessageList::isListed(*message)) return;
+  if (message.get() == failed_) failed_ = nullptr;
+  client_.complete(messages_.remove(*message));
+}
+
+void QELNKClient::Loop::finishEmpty() {
+  while (messages_.first() && messages_.first()->isEmptyMessage())
+    client_.complete(messages_.remove(*messages_.first()));
+}
+
+void QELNKClient::Loop::expire() {
+  if (messages_.firstDeadline() == std::chrono::nanoseconds::max()) return;
+  const auto now = client_.clock()->now();
+  while (QELNKMessage *message = messages_.expired(now)) abandon(*message, ETIMEDOUT, "Request timed out");
+}
+
+void QELNKClient::Loop::cancel(const std::shared_ptr<QELNKMessage> &message) {
+  if (qelnk::MessageList::isListed(*message)) abandon(*message, ECANCELED, "Request cancelled");
+}
+
+void QELNKClient::Loop::abandon(QELNKMessage &message, int32_t code, const char *reason) {
+  if (&message == failed_) failed_ = nullptr;
+  replyOutstanding_ |= message.sent_ && socketType_ == ZMQ_REQ;
+  client_.fail(messages_.remove(message), code, reason);
+}
+
+// A request socket that waits for a reply sends nothing, and the reply, should it come, would be taken for that to the
+// next request. A new socket knows nothing of it.
+void QELNKClient::Loop::renewSocket() {
+  if (!std::exchange(replyOutstanding_, false)) return;
+  qelnk::logDefault("QELNKClient connecting to {} anew, for a request ended without its reply", endpoint_);
+  client_.closeSocket();
+  if (!connect(endpoint_)) qelnk::logError("QELNKClient could not connect");
+}
+
+void QELNKClient::Loop::takeInbox() {
+  {
+    const std::lock_guard lock(state_.mutex);
+    if (state_.inbox.empty()) return;
+    taken_.swap(state_.inbox);
+  }
+  for (State::Order &order : taken_) {
+    if (order.cancel)
+      cancel(order.message);
+    else
+      messages_.append(std::move(order.message));
+  }
+  taken_.clear();
+  if (taken_.capacity() > 4096) taken_.shrink_to_fit();
+}
+
+void QELNKClient::Loop::end() {
+  // What expects no reply is meant to arrive before the connection ends; everything else is of no use any more.
+  const auto left = unanswerableSentAt_ + ZMQSocket::longestLinger - Steady::now();
+  client_.closeSocket(std::max(std::chrono::ceil<std::chrono::milliseconds>(left), 0ms));
+  std::shared_ptr<qelnk::Semaphore> connected;
+  for (bool ended = false; !ended;) {
+    takeInbox();
+    while (QELNKMessage *message = messages_.first())
+      client_.fail(messages_.remove(*message), ENOTCONN, "Client disconnected");
+    const std::lock_guard lock(state_.mutex);
+    if (!state_.inbox.empty()) continue;
+    ended = true;
+    state_.phase = State::Phase::ended;
+    state_.runLoop.reset();
+    connected = state_.connected;
+  }
+  state_.loop = nullptr;
+  if (connected) connected->signal();
+  // A callback that was never due often holds the client itself, and must not keep it for ever.
+  state_.responses.seal();
+  client_.context()->responseQueue()->async([weak = client_.weak_from_this()] {
+    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock())) self->setConnectedBlock(nullptr);
+  });
+}

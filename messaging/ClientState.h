@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QELNetworkKit/QELNKClient.h>
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/RunLoop.h>
+
+#include "messaging/ResponsePoster.h"
+#include "platform/Semaphore.h"
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// What a client's threads share.
+struct QELNKClient::State {
+  enum class Phase : uint8_t {
+    idle,      // not connected yet: messages gather in the inbox
+    running,   // the io thread takes them
+    stopping,  // it will finish what is still handed in
+    ended      // nobody takes them: they finish where they are handed in
+  };
+  /// What other threads ask the io thread for: to queue a message, or to cancel it.
+  struct Order {
+    std::shared_ptr<QELNKMessage> message;
+    bool cancel = false;
+  };
+
+  explicit State(std::shared_ptr<qelnk::Queue> queue) : responses(std::move(queue)) {}
+
+  mutable std::mutex mutex;  // guards the members down to `port`
+  Phase phase = Phase::idle;
+  std::vector<Order> inbox;
+  std::shared_ptr<qelnk::RunLoop> runLoop;  // the io thread's, while it runs
+  ConnectedBlock connectedBlock;
+  std::shared_ptr<qelnk::Semaphore> connected;  // for who waits for the connection
+  std::optional<std::chrono::nanoseconds> requestTimeout;
+  std::string host;
+  int32_t port = 0;
+
+  std::atomic<bool> stopRequested{false};
+  // The io thread waits, or is about to: set with the mutex held and the inbox empty. Whoever fills the inbox clears it
+  // and wakes the thread, so that a busy thread is never woken.
+  std::atomic<bool> asleep{false};
+  std::atomic<bool> syncRequests{false}, executing{false};
+  std::atomic<size_t> pending{0};
+  qelnk::ResponsePoster responses;
+  Loop *loop = nullptr;  // the io thread's, while it runs
+};

@@ -1,0 +1,59 @@
+#include "messaging/IOThread.h"
+
+#include "platform/Guard.h"
+
+#include <mutex>
+
+struct QELNKSocket::IOThread::Shared {
+  std::mutex mutex;
+  bool ended = false;  // the thread does not use the endpoint any longer
+  // What the thread is to destroy at its end, with its own handle, which would wait for it on any other thread.
+  QELNKSocket *abandoned = nullptr;
+  std::shared_ptr<IOThread> self;
+};
+
+namespace {
+
+struct Current {
+  bool isIOThread = false;
+  const QELNKSocket *endpoint = nullptr;
+  std::stop_token stop;
+};
+thread_local Current current;
+
+}  // namespace
+
+QELNKSocket::IOThread::IOThread(const std::string &name, QELNKSocket *endpoint)
+    : shared_(std::make_shared<Shared>()), thread_(name, [shared = shared_, endpoint](std::stop_token stop) {
+        current = {true, endpoint, std::move(stop)};
+        run(*shared, endpoint);
+      }) {}
+
+void QELNKSocket::IOThread::run(Shared &shared, QELNKSocket *endpoint) {
+  qelnk::runGuarded("QELNKSocket io thread", [&] { endpoint->ioThread(); });
+  endpoint->closeSocket();
+  current.endpoint = nullptr;
+  std::unique_lock lock(shared.mutex);
+  shared.ended = true;
+  const auto self = std::move(shared.self);
+  lock.unlock();
+  delete shared.abandoned;
+}
+
+bool QELNKSocket::IOThread::end(std::shared_ptr<IOThread> thread, QELNKSocket *endpoint) {
+  thread->cancel();
+  if (current.isIOThread) {
+    const auto shared = thread->shared_;
+    const std::lock_guard lock(shared->mutex);
+    if (!shared->ended) {
+      shared->abandoned = endpoint;
+      shared->self = std::move(thread);
+      return false;
+    }
+  }
+  thread->thread_.join();
+  return true;
+}
+
+const QELNKSocket *QELNKSocket::IOThread::currentEndpoint() { return current.endpoint; }
+bool QELNKSocket::IOThread::isCurrentCancelled() { return current.stop.stop_requested(); }

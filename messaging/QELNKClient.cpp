@@ -1,0 +1,289 @@
+#include <QELNetworkKit/QELNKClient.h>
+#include <QELNetworkKit/Queue.h>
+
+#include "messaging/ClientLoop.h"
+#include "messaging/ClientState.h"
+#include "messaging/IOThread.h"
+#include "platform/Guard.h"
+#include "platform/LogFormat.h"
+#include "platform/RunLoopThread.h"
+#include "platform/Semaphore.h"
+
+#include <zmq.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+using Message = std::shared_ptr<QELNKMessage>;
+using std::chrono::nanoseconds;
+
+std::shared_ptr<QELNKClient> QELNKClient::create(std::shared_ptr<QELNKContext> context) {
+  return make<QELNKClient>(std::move(context));
+}
+
+QELNKClient::QELNKClient(std::shared_ptr<QELNKContext> context)
+    : QELNKSocket(std::move(context)), state_(std::make_unique<State>(this->context()->responseQueue())) {}
+
+QELNKClient::~QELNKClient() = default;
+
+int32_t QELNKClient::socketType() const { return ZMQ_REQ; }
+
+void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait(std::chrono::milliseconds(100)); }
+
+// Connecting.
+
+void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
+  std::shared_ptr<qelnk::Semaphore> connected;
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->phase != State::Phase::idle) {
+      qelnk::logError("QELNKClient connects only once, not to {}", endPointForHost(host, port));
+      return;
+    }
+    state_->phase = State::Phase::running;
+    state_->host = std::move(host);
+    state_->port = port;
+    state_->connectedBlock = std::move(onConnected);
+    if (syncRequests()) connected = state_->connected = std::make_shared<qelnk::Semaphore>();
+  }
+  start();
+  // The last reference may go while the run loop turns here: nothing of the client is used behind this.
+  if (connected) waitForSemaphore(*connected);
+}
+
+void QELNKClient::start() {
+  const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
+  try {
+    startThread("qelnk-client");
+  } catch (const std::system_error &error) {
+    qelnk::logError("QELNKClient could not connect: {}", error.what());
+    endWithoutThread();
+  }
+}
+
+void QELNKClient::ioThread() { Loop(*this).run(); }
+
+void QELNKClient::onConnected() { informConnected(); }
+
+void QELNKClient::informConnected() {
+  std::shared_ptr<qelnk::Semaphore> connected;
+  {
+    const std::lock_guard lock(state_->mutex);
+    connected = state_->connected;
+  }
+  state_->responses.seal();
+  const auto queue = context()->responseQueue();  // it may go with the client as soon as it has the task
+  queue->async([weak = weak_from_this(), connected] {
+    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock()))
+      if (const auto block = self->takeConnectedBlock())
+        qelnk::runGuarded("QELNKClient connected block", [&] { block(self); });
+    if (connected) connected->signal();
+  });
+}
+
+void QELNKClient::disconnect() {
+  const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
+  bool idle;
+  {
+    const std::lock_guard lock(state_->mutex);
+    idle = state_->phase == State::Phase::idle;
+    if (state_->phase == State::Phase::running || idle) state_->phase = State::Phase::stopping;
+    state_->stopRequested = true;
+  }
+  if (idle) endWithoutThread();
+  QELNKSocket::disconnect();
+}
+
+// Ends a client that has no io thread which would.
+void QELNKClient::endWithoutThread() {
+  std::vector<State::Order> orders;
+  std::shared_ptr<qelnk::Semaphore> connected;
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->phase = State::Phase::ended;
+    orders.swap(state_->inbox);
+    connected = state_->connected;
+  }
+  for (State::Order &order : orders) fail(std::move(order.message), ENOTCONN, "Client disconnected");
+  if (connected) connected->signal();
+}
+
+// Requests.
+
+std::shared_ptr<QELNKMessage> QELNKClient::sendRequest(qelnk::Value request, ResponseBlock responseBlock,
+                                                       bool responselessMessage) {
+  return send(std::make_shared<QELNKMessage>(std::move(request), std::move(responseBlock), responselessMessage));
+}
+
+std::shared_ptr<QELNKMessage> QELNKClient::sendRequest(qelnk::Value request, ResponseBlock responseBlock,
+                                                       nanoseconds timeout) {
+  auto message = std::make_shared<QELNKMessage>(std::move(request), std::move(responseBlock));
+  message->timeout_ = timeout;
+  return send(std::move(message));
+}
+
+Message QELNKClient::send(Message message) {
+  if (QLGetHandle().enabled(qelnk::LogLevel::debug))
+    qelnk::logDebug("QELNKClient sending request {}", message->request()->description());
+  std::shared_ptr<qelnk::Semaphore> waiter;
+  if (syncRequests() && !onMessageThread()) message->waiter_ = waiter = std::make_shared<qelnk::Semaphore>();
+  scheduleMessage(message);
+  // The last reference may go while the run loop turns here: nothing of the client is used behind this.
+  if (message->sync_ && waiter) waitForSemaphore(*waiter);
+  return message;
+}
+
+void QELNKClient::scheduleMessage(const Message &message) {
+  if (prepare(message)) enqueue({&message, 1});
+}
+
+void QELNKClient::scheduleMessages(const std::vector<Message> &messages) {
+  std::vector<Message> accepted;
+  std::ranges::copy_if(messages, std::back_inserter(accepted),
+                       [this](const Message &message) { return prepare(message); });
+  enqueue(accepted);
+}
+
+// Makes a message this client's. Returns false for one that is some client's already.
+bool QELNKClient::prepare(const Message &message) {
+  const QELNKClient *none = nullptr;
+  if (!message || !message->client_.compare_exchange_strong(none, this)) {
+    qelnk::logError("QELNKClient was given a message that has been queued before, refusing it");
+    return false;
+  }
+  message->identifier_ = identifierForMessage(*message);
+  auto timeout = message->timeout_;
+  if (!timeout && !message->isEmptyMessage()) timeout = requestTimeout();
+  if (timeout) {
+    const nanoseconds now = clock()->now();
+    if (*timeout < nanoseconds::max() - now) message->deadline_ = now + *timeout;
+  }
+  return true;
+}
+
+// Queues prepared messages, or finishes them where the client has ended.
+void QELNKClient::enqueue(std::span<const Message> messages) {
+  state_->pending += messages.size();
+  if (Loop *loop = currentLoop()) {
+    loop->takeInbox();
+    for (const Message &message : messages) loop->append(message);
+  } else if (!handIn(messages, false)) {
+    for (const Message &message : messages) fail(message, ENOTCONN, "Client disconnected");
+  }
+}
+
+// Leaves messages to the io thread, and wakes it if it sleeps. Returns false when there will never be one.
+bool QELNKClient::handIn(std::span<const Message> messages, bool cancel) {
+  std::shared_ptr<qelnk::RunLoop> asleep;
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->phase == State::Phase::ended) return false;
+    for (const Message &message : messages) {
+      if (!cancel && message->waiter_) message->sync_ = state_->phase != State::Phase::idle;
+      state_->inbox.push_back({message, cancel});
+    }
+    if (state_->asleep.exchange(false)) asleep = state_->runLoop;
+  }
+  if (asleep) qelnk::RunLoopThread::wake(*asleep);
+  return true;
+}
+
+void QELNKClient::cancelMessage(const Message &message) {
+  if (!message || message->client_ != this || message->isFinished()) return;
+  if (Loop *loop = currentLoop()) {
+    loop->takeInbox();
+    loop->cancel(message);
+  } else if (withdraw(message)) {
+    fail(message, ECANCELED, "Request cancelled");
+  } else {
+    handIn({&message, 1}, true);
+  }
+}
+
+// Takes a message back that waits for the connection to be started; there is no io thread yet that could do it.
+bool QELNKClient::withdraw(const Message &message) {
+  const std::lock_guard lock(state_->mutex);
+  return state_->phase == State::Phase::idle &&
+         std::erase_if(state_->inbox, [&](const State::Order &order) { return order.message == message; }) > 0;
+}
+
+QELNKClient::Loop *QELNKClient::currentLoop() const { return onMessageThread() ? state_->loop : nullptr; }
+
+// Finishing.
+
+void QELNKClient::finishMessage(const Message &message) {
+  if (Loop *loop = currentLoop(); loop && message && message->client_ == this) loop->finish(message);
+}
+
+// Everything about a message that has left the list. From here on it belongs to the host.
+void QELNKClient::complete(Message message) {
+  auto block = std::exchange(message->responseBlock_, nullptr);
+  const auto waiter = std::exchange(message->waiter_, nullptr);
+  message->finished_.store(true, std::memory_order_release);
+  if (block) state_->responses.post(weak_from_this(), std::move(message), std::move(block));
+  state_->pending--;  // after it: whoever sees none pending may rely on every callback being queued
+  if (waiter) waiter->signal();
+}
+
+void QELNKClient::fail(Message message, int32_t code, const char *reason) {
+  message->error_ = {.domain = "ZMQ", .code = code, .description = reason, .userInfo = {}};
+  complete(std::move(message));
+}
+
+std::shared_ptr<QELNKMessage> QELNKClient::messageForResponse(const qelnk::Value &) {
+  Loop *loop = currentLoop();
+  return loop && loop->messages().first() ? loop->messages().first()->place_.self : nullptr;
+}
+
+std::optional<int64_t> QELNKClient::identifierForMessage(const QELNKMessage &) const { return std::nullopt; }
+
+std::shared_ptr<QELNKMessage> QELNKClient::messageWithIdentifier(int64_t identifier) const {
+  Loop *loop = currentLoop();
+  QELNKMessage *message = loop ? loop->messages().find(identifier) : nullptr;
+  return message ? message->place_.self : nullptr;
+}
+
+// Properties.
+
+std::optional<nanoseconds> QELNKClient::requestTimeout() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->requestTimeout;
+}
+
+void QELNKClient::setRequestTimeout(std::optional<nanoseconds> timeout) {
+  const std::lock_guard lock(state_->mutex);
+  state_->requestTimeout = timeout;
+}
+
+bool QELNKClient::syncRequests() const { return state_->syncRequests; }
+void QELNKClient::setSyncRequests(bool sync) { state_->syncRequests = sync; }
+bool QELNKClient::executing() const { return state_->executing; }
+void QELNKClient::setExecuting(bool executing) { state_->executing = executing; }
+size_t QELNKClient::pendingMessages() const { return state_->pending; }
+
+std::string QELNKClient::host() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->host;
+}
+
+int32_t QELNKClient::port() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->port;
+}
+
+QELNKClient::ConnectedBlock QELNKClient::connectedBlock() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->connectedBlock;
+}
+
+void QELNKClient::setConnectedBlock(ConnectedBlock block) {
+  const std::lock_guard lock(state_->mutex);
+  state_->connectedBlock.swap(block);
+}
+
+QELNKClient::ConnectedBlock QELNKClient::takeConnectedBlock() {
+  const std::lock_guard lock(state_->mutex);
+  return std::exchange(state_->connectedBlock, nullptr);
+}

@@ -1,0 +1,64 @@
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/Queue.h>
+#include <QELNetworkKit/ZMQContext.h>
+#include <QELNetworkKit/ZMQException.h>
+
+#include <mutex>
+
+using qelnk::Queue;
+
+namespace {
+
+constexpr const char *queueLabel = "com.kestrova.qelnetworkkit.networkcontext";
+
+struct Shared {
+  std::mutex mutex;
+  std::shared_ptr<QELNKContext> context;
+  bool terminated = false;
+};
+
+// Never destroyed: a process may exit while io threads run, and its exit must wait for none of them.
+Shared &shared() {
+  static Shared &shared = *new Shared;
+  return shared;
+}
+
+}  // namespace
+
+std::shared_ptr<QELNKContext> QELNKContext::sharedContext() {
+  Shared &state = shared();
+  const std::lock_guard lock(state.mutex);
+  if (!state.context && !state.terminated)
+    state.context =
+        std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), Queue::serial(queueLabel), Queue::main());
+  return state.context;
+}
+
+std::shared_ptr<QELNKContext> QELNKContext::contextWithBackgroundQueue() {
+  const auto queue = Queue::serial(queueLabel);
+  return std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), queue, queue);
+}
+
+void QELNKContext::terminateSharedContext() {
+  Shared &state = shared();
+  std::shared_ptr<QELNKContext> context;  // goes after the lock
+  const std::lock_guard lock(state.mutex);
+  context.swap(state.context);
+  state.terminated = true;
+}
+
+QELNKContext::QELNKContext(std::shared_ptr<ZMQContext> zmqContext, std::shared_ptr<Queue> networkQueue,
+                           std::shared_ptr<Queue> responseQueue)
+    : zmqContext_(std::move(zmqContext)),
+      networkQueue_(std::move(networkQueue)),
+      responseQueue_(std::move(responseQueue)) {}
+
+QELNKContext::~QELNKContext() {
+  if (!zmqContext_) return;
+  try {
+    zmqContext_->closeSockets();
+  } catch (const ZMQException &) {
+    // Its log line is written; termination still has to be tried.
+  }
+  zmqContext_->terminate();
+}

@@ -1,0 +1,203 @@
+#include <QELNetworkKit/QELNKSocket.h>
+#include <QELNetworkKit/RunLoop.h>
+#include <QELNetworkKit/ZMQContext.h>
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/IOThread.h"
+#include "platform/LogFormat.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+using qelnk::Data;
+using qelnk::Error;
+
+QELNKSocket::QELNKSocket(std::shared_ptr<QELNKContext> context)
+    : context_(std::move(context)), clock_(qelnk::Clock::system()) {}
+
+QELNKSocket::~QELNKSocket() { closeSocket(); }
+
+void QELNKSocket::Deleter::operator()(QELNKSocket *socket) const {
+  auto thread = socket->thread();
+  if (!thread || IOThread::end(std::move(thread), socket)) delete socket;
+}
+
+// The thread.
+
+std::shared_ptr<QELNKSocket::IOThread> QELNKSocket::thread() const {
+  const std::lock_guard lock(mutex_);
+  return thread_;
+}
+
+void QELNKSocket::startThread(const std::string &name) {
+  std::shared_ptr<IOThread> previous;
+  // Held while the thread starts: whoever disconnects then waits for the thread that he has to cancel.
+  const std::lock_guard lock(mutex_);
+  previous = std::move(thread_);
+  thread_ = std::make_shared<IOThread>(name, this);
+}
+
+bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() == this; }
+bool QELNKSocket::isCancelled() const { return IOThread::isCurrentCancelled(); }
+
+void QELNKSocket::disconnect() {
+  if (const auto thread = this->thread())
+    thread->cancel();
+  else
+    closeSocket();
+}
+
+// The socket.
+
+std::string QELNKSocket::endPointForHost(const std::string &host, int32_t port) {
+  return fmt::format("tcp://{}:{}", host, port);
+}
+
+std::string QELNKSocket::endPoint() const {
+  const auto socket = this->socket();
+  return socket ? socket->endpoint() : std::string();
+}
+
+std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
+  const std::lock_guard lock(mutex_);
+  return socket_;
+}
+
+void QELNKSocket::setSocket(std::shared_ptr<ZMQSocket> socket) {
+  const std::lock_guard lock(mutex_);
+  socket_.swap(socket);
+  owned_ = socket_.get();
+}
+
+std::shared_ptr<ZMQSocket> QELNKSocket::openSocket() {
+  auto socket = context_->zmqContext()->socketWithType(socketType());
+  socket->setInt(0, ZMQ_LINGER);
+  socket->ownedByThread_ = onMessageThread();
+  setSocket(socket);
+  return socket;
+}
+
+void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
+  const auto socket = this->socket();
+  if (!socket) return;
+  setSocket(nullptr);
+  try {
+    if (const int limit = int(linger.count()); limit > 0 && socket->linger() >= 0 && socket->linger() < limit)
+      socket->setInt(limit, ZMQ_LINGER);
+    socket->close();
+  } catch (const ZMQException &) {
+    // Its log line is written.
+  }
+}
+
+bool QELNKSocket::isAskedToClose() const {
+  const ZMQSocket *socket = owned_.load(std::memory_order_relaxed);
+  return socket && socket->askedToClose_.load(std::memory_order_relaxed);
+}
+
+void *QELNKSocket::rawSocket() const {
+  const ZMQSocket *socket = owned_.load(std::memory_order_relaxed);
+  return socket ? socket->socket() : nullptr;
+}
+
+void QELNKSocket::setLinger(int64_t milliseconds) {
+  const auto thread = this->thread();
+  if (thread && !onMessageThread()) {
+    thread->runLoop()->perform([weak = weak_from_this(), milliseconds] {
+      if (const auto self = weak.lock()) self->setLinger(milliseconds);
+    });
+  } else if (const auto socket = this->socket()) {
+    try {
+      socket->setData(Data(std::span(reinterpret_cast<const uint8_t *>(&milliseconds), sizeof(milliseconds))),
+                      ZMQ_LINGER);
+    } catch (const ZMQException &) {
+      // Its log line is written.
+    }
+  }
+}
+
+void QELNKSocket::zmqError(Error *error) {
+  if (!error) return;
+  const int number = zmq_errno();
+  *error = {.domain = "ZMQ", .code = number, .description = zmq_strerror(number), .userInfo = {}};
+}
+
+// Sending and receiving.
+
+bool QELNKSocket::sendData(const Data &frame, int32_t flags, Error *error) {
+  zmq_msg_t message;
+  if (zmq_msg_init_size(&message, frame.size()) != 0) {
+    zmqError(error);
+    return false;
+  }
+  if (!frame.empty()) std::memcpy(zmq_msg_data(&message), frame.data(), frame.size());
+  const bool sent = zmq_msg_send(&message, rawSocket(), flags) >= 0;
+  if (sent)
+    dataSent_.fetch_add(frame.size(), std::memory_order_relaxed);
+  else
+    zmqError(error);
+  if (zmq_msg_close(&message) != 0) zmqError(error);
+  return sent;
+}
+
+bool QELNKSocket::sendData(const QELNKFrames &frames, Error *error) {
+  for (size_t i = 0; i < frames.size(); i++)
+    if (!sendData(frames[i], i + 1 < frames.size() ? ZMQ_SNDMORE : 0, error)) return false;
+  return true;
+}
+
+int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags) {
+  frames.clear();
+  zmq_msg_t message;
+  if (zmq_msg_init(&message) != 0) return zmq_errno();
+  int error = 0;
+  bool more = true;
+  while (more && error == 0) {
+    if (zmq_msg_recv(&message, rawSocket(), flags) < 0) {
+      error = zmq_errno();
+    } else if (const size_t size = zmq_msg_size(&message); size > 0) {
+      // Empty frames are delimiters that peers put before the body.
+      frames.emplace_back(std::span(static_cast<const uint8_t *>(zmq_msg_data(&message)), size));
+      dataReceived_.fetch_add(size, std::memory_order_relaxed);
+    }
+    more = zmq_msg_more(&message) != 0;
+  }
+  zmq_msg_close(&message);
+  return error;
+}
+
+std::optional<QELNKFrames> QELNKSocket::receiveData(int32_t flags, Error *error) {
+  QELNKFrames frames;
+  const int number = receiveFrames(frames, flags);
+  if (number == 0) return frames;
+  errno = number;
+  zmqError(error);
+  return std::nullopt;
+}
+
+bool QELNKSocket::multipartMessage() const {
+  int more = 0;
+  size_t size = sizeof(more);
+  return zmq_getsockopt(rawSocket(), ZMQ_RCVMORE, &more, &size) == 0 && more != 0;
+}
+
+// Traffic.
+
+static int32_t kibibytesPerSecond(uint64_t bytes, double seconds) {
+  return int32_t(std::min(double(bytes) / (seconds * 1024), double(std::numeric_limits<int32_t>::max())));
+}
+
+void QELNKSocket::logData() {
+  const double now = clock_->wallTime();
+  std::unique_lock lock(mutex_);
+  const double seconds = now - std::exchange(dataMark_, now).value_or(now);
+  const uint64_t sent = dataSent_.exchange(0), received = dataReceived_.exchange(0);
+  lock.unlock();
+  if (seconds > 0)
+    qelnk::logDefault("QELNKSocket sent {}KB/s and received {}KB/s", kibibytesPerSecond(sent, seconds),
+                      kibibytesPerSecond(received, seconds));
+}

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QELNetworkKit/ZMQContext.h>
+
+#include <memory>
+#include <mutex>
+#include <set>
+
+/// The open sockets of a context. A socket that closes takes itself off, so that months of reconnecting leave nothing
+/// behind; it may do so after its context has gone.
+struct ZMQContext::Registry {
+  std::mutex mutex;  // guards the set, and the making of sockets against the end of the context
+  std::set<std::shared_ptr<ZMQSocket>> sockets;
+};

@@ -1,0 +1,76 @@
+#include <QELNetworkKit/ZMQContext.h>
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/zmq/SocketRegistry.h"
+#include "platform/LogFormat.h"
+
+#include <cerrno>
+
+void ZMQContext::getZMQVersion(int &major, int &minor, int &patch) { zmq_version(&major, &minor, &patch); }
+
+int ZMQContext::pollWithItems(zmq_pollitem_t *items, int count, long timeout) {
+  return zmq_poll(items, count, timeout);
+}
+
+static void *makeContext(int ioThreads) {
+  void *context = zmq_ctx_new();
+  if (context && zmq_ctx_set(context, ZMQ_IO_THREADS, ioThreads) != 0) {
+    const int error = zmq_errno();
+    zmq_ctx_term(context);
+    errno = error;
+    return nullptr;
+  }
+  return context;
+}
+
+ZMQContext::ZMQContext(int ioThreads) : context_(makeContext(ioThreads)), registry_(std::make_shared<Registry>()) {
+  if (context_) return;
+  const int error = zmq_errno();
+  qelnk::logError("{}: *** Error creating ZMQContext: zmq_init: {}", "-[ZMQContext initWithIOThreads:]",
+                  zmq_strerror(error));
+  throw ZMQException(zmq_strerror(error), error);
+}
+
+ZMQContext::~ZMQContext() {
+  try {
+    closeSockets();
+  } catch (const ZMQException &) {
+    // Its log line is written; termination still has to be tried.
+  }
+  terminate();
+}
+
+std::shared_ptr<ZMQSocket> ZMQContext::socketWithType(int32_t type) {
+  auto socket = std::make_shared<ZMQSocket>(this, type);
+  const std::lock_guard lock(registry_->mutex);
+  registry_->sockets.insert(socket);
+  return socket;
+}
+
+std::set<std::shared_ptr<ZMQSocket>> ZMQContext::sockets() const {
+  const std::lock_guard lock(registry_->mutex);
+  return registry_->sockets;
+}
+
+void ZMQContext::closeSockets() {
+  for (const auto &socket : sockets()) {
+    if (socket->ownedByThread_)
+      socket->askedToClose_ = true;
+    else
+      socket->close();
+  }
+}
+
+void ZMQContext::terminate() {
+  std::unique_lock lock(registry_->mutex);  // no socket is being made
+  if (void *context = context_.exchange(nullptr)) {
+    // Whoever waits in a call on a socket gets ETERM now and can close it; without this the term below would wait for
+    // him and he for a message.
+    zmq_ctx_shutdown(context);
+    lock.unlock();
+    while (zmq_ctx_term(context) != 0 && zmq_errno() == EINTR) {
+    }
+  }
+  terminated_ = true;
+}

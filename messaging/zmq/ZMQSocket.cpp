@@ -1,0 +1,189 @@
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/zmq/SocketRegistry.h"
+#include "platform/LogFormat.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+using qelnk::Data;
+
+namespace {
+
+// A ZeroMQ message that closes itself. It is not open when ZeroMQ could not make it.
+class Message {
+ public:
+  Message() : open_(zmq_msg_init(&message_) == 0) {}
+  explicit Message(const Data &data) : open_(zmq_msg_init_size(&message_, data.size()) == 0) {
+    if (open_ && !data.empty()) std::memcpy(zmq_msg_data(&message_), data.data(), data.size());
+  }
+  ~Message() { close(); }
+  bool isOpen() const { return open_; }
+  /// Returns false when ZeroMQ reports a failure.
+  bool close() { return !std::exchange(open_, false) || zmq_msg_close(&message_) == 0; }
+  zmq_msg_t *get() { return &message_; }
+
+ private:
+  zmq_msg_t message_;
+  bool open_;
+};
+
+}  // namespace
+
+std::string_view ZMQSocket::nameForSocketType(int32_t type) {
+  static constexpr std::array<std::string_view, 9> names{"ZMQ_PAIR", "ZMQ_PUB",  "ZMQ_SUB",  "ZMQ_REQ", "ZMQ_REP",
+                                                         "ZMQ_XREQ", "ZMQ_XREP", "ZMQ_PULL", "ZMQ_PUSH"};
+  return type >= 0 && size_t(type) < names.size() ? names[size_t(type)] : "UNKNOWN";
+}
+
+ZMQSocket::ZMQSocket(ZMQContext *context, int32_t type)
+    : context_(context), registry_(context->registry_), type_(type) {
+  {
+    const std::lock_guard lock(context->registry_->mutex);
+    socket_ = zmq_socket(context->context(), type);
+  }
+  if (!socket_) fail("zmq_socket");
+}
+
+ZMQSocket::~ZMQSocket() {
+  try {
+    close();
+  } catch (const ZMQException &) {
+    // Its log line is written.
+  }
+}
+
+void ZMQSocket::close() {
+  void *socket = socket_.load();
+  if (!socket) return;
+  boundLinger();
+  if (!socket_.compare_exchange_strong(socket, nullptr)) return;
+  if (zmq_close(socket) != 0) {
+    const int error = zmq_errno();
+    socket_ = socket;
+    errno = error;
+    fail("zmq_close");
+  }
+  const auto self = weak_from_this().lock();
+  if (const auto registry = registry_.lock(); registry && self) {
+    const std::lock_guard lock(registry->mutex);
+    registry->sockets.erase(self);
+  }
+}
+
+// ZeroMQ's own default is to wait for ever.
+void ZMQSocket::boundLinger() {
+  const int limit = int(longestLinger.count());
+  if (linger() < 0) zmq_setsockopt(socket(), ZMQ_LINGER, &limit, sizeof(limit));
+}
+
+int ZMQSocket::linger() const {
+  int value = 0;
+  size_t size = sizeof(value);
+  return zmq_getsockopt(socket(), ZMQ_LINGER, &value, &size) == 0 ? value : 0;
+}
+
+bool ZMQSocket::setData(const Data &data, int32_t option) {
+  if (zmq_setsockopt(socket(), option, data.data(), data.size()) != 0) fail("zmq_setsockopt");
+  return true;
+}
+
+bool ZMQSocket::setInt(int value, int32_t option) {
+  if (zmq_setsockopt(socket(), option, &value, sizeof(value)) != 0) fail("zmq_setsockopt");
+  return true;
+}
+
+std::optional<Data> ZMQSocket::dataForOption(int32_t option) const {
+  // An option of fixed size is given only into a buffer of exactly that size: an int, a 64-bit number, a key as bytes
+  // and as text. The last is for texts that do not fit the first.
+  for (const size_t capacity : {255, 4, 8, 32, 41, 4096}) {
+    Data data = Data::uninitialized(capacity);
+    size_t size = capacity;
+    if (zmq_getsockopt(socket(), option, data.mutableData(), &size) == 0) {
+      data.resize(size);
+      return data;
+    }
+    if (zmq_errno() != EINVAL) break;
+  }
+  fail("zmq_getsockopt");
+}
+
+bool ZMQSocket::bindToEndpoint(const std::string &endpoint) {
+  setEndpoint(endpoint);
+  if (zmq_bind(socket(), endpoint.c_str()) != 0) fail("zmq_bind");
+  return true;
+}
+
+bool ZMQSocket::connectToEndpoint(const std::string &endpoint) {
+  setEndpoint(endpoint);
+  if (zmq_connect(socket(), endpoint.c_str()) != 0) fail("zmq_connect");
+  return true;
+}
+
+bool ZMQSocket::sendData(const Data &data, int32_t flags) {
+  Message message(data);
+  if (!message.isOpen()) fail("zmq_msg_init_size");
+  const bool sent = zmq_msg_send(message.get(), socket(), flags) >= 0;
+  if (!sent) logError("zmq_sendmsg");
+  if (!message.close()) logError("zmq_msg_close");
+  return sent;
+}
+
+int ZMQSocket::receive(void *buffer, size_t length, int32_t flags) {
+  const int size = zmq_recv(socket(), buffer, length, flags);
+  if (size < 0) logError("zmq_recv");
+  return size;
+}
+
+Data ZMQSocket::receiveData(int32_t flags) {
+  Message message;
+  if (!message.isOpen()) fail("zmq_msg_init");
+  if (zmq_msg_recv(message.get(), socket(), flags) < 0) {
+    const int error = zmq_errno();
+    logError("zmq_recv");
+    if (!message.close()) logError("zmq_msg_close");
+    throw ZMQException(zmq_strerror(error), error);
+  }
+  Data data(std::span(static_cast<const uint8_t *>(zmq_msg_data(message.get())), zmq_msg_size(message.get())));
+  if (!message.close()) logError("zmq_msg_close");
+  return data;
+}
+
+bool ZMQSocket::subscribe(std::string_view prefix) {
+  return zmq_setsockopt(socket(), ZMQ_SUBSCRIBE, prefix.data(), prefix.size()) == 0;
+}
+
+void ZMQSocket::getPollItem(zmq_pollitem_t &item, int16_t events) const {
+  item = {.socket = socket(), .fd = 0, .events = events, .revents = 0};
+}
+
+std::string ZMQSocket::endpoint() const {
+  const std::lock_guard lock(mutex_);
+  return endpoint_;
+}
+
+void ZMQSocket::setEndpoint(std::string endpoint) {
+  const std::lock_guard lock(mutex_);
+  endpoint_ = std::move(endpoint);
+}
+
+std::string ZMQSocket::description() const {
+  const std::string endpoint = this->endpoint();
+  return fmt::format("<ZMQSocket: {} (ctx={}, type={}, endpoint={}, closed={})>", fmt::ptr(this), fmt::ptr(context()),
+                     nameForSocketType(type()), endpoint.empty() ? "(null)" : endpoint, isClosed() ? 1 : 0);
+}
+
+void ZMQSocket::logError(const char *function) const {
+  const int error = zmq_errno();
+  qelnk::logError("{}: *** {}: {}: {}", "ZMQLogError", description(), function, zmq_strerror(error));
+  errno = error;  // for callers that are told of the failure by a result
+}
+
+void ZMQSocket::fail(const char *function) const {
+  const int error = zmq_errno();
+  logError(function);
+  throw ZMQException(zmq_strerror(error), error);
+}

@@ -1,0 +1,38 @@
+#include "platform/Semaphore.h"
+
+#include <algorithm>
+
+#include "platform/RunLoopThread.h"
+
+namespace qelnk {
+
+void Semaphore::signal() {
+  std::vector<std::shared_ptr<RunLoop>> woken;  // let go only after the lock
+  const std::lock_guard lock(mutex_);
+  ++count_;
+  // Under the lock, because a waiter that has taken its one may destroy the semaphore.
+  for (const auto &waiter : waiters_)
+    if (auto loop = waiter.lock()) RunLoopThread::wake(*woken.emplace_back(std::move(loop)));
+}
+
+bool Semaphore::tryWait() {
+  const std::lock_guard lock(mutex_);
+  if (count_ <= 0) return false;
+  --count_;
+  return true;
+}
+
+void Semaphore::wait(std::chrono::nanoseconds step) {
+  if (tryWait()) return;
+  const auto loop = RunLoop::current();
+  {
+    const std::lock_guard lock(mutex_);
+    waiters_.push_back(loop);
+  }
+  while (!tryWait()) loop->runOnce(step);
+  const std::lock_guard lock(mutex_);
+  waiters_.erase(
+      std::find_if(waiters_.begin(), waiters_.end(), [&](const auto &waiter) { return waiter.lock() == loop; }));
+}
+
+}  // namespace qelnk

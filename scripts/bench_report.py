@@ -1,0 +1,190 @@
+#!/usr/bin/env python3
+"""Turns what the benchmarks wrote into tables: bench_report.py RESULTS [PAGE]
+
+RESULTS is a folder with the files of scripts/bench.sh. The tables are printed; in PAGE each one replaces what stands between
+its marker comments. Tables whose results are not there stay as they are.
+"""
+
+import json
+import os
+import pathlib
+import re
+import statistics
+import subprocess
+import sys
+
+DOCUMENTS = {"small": "small map", "ports": "200 port maps", "numbers": "100,000 numbers", "strings": "20,000 strings",
+             "buffer": "1 MiB buffer"}
+
+
+def read_micro(path):
+    """{row: {peer: nanoseconds on the core}}, medians of the repetitions."""
+    times = {}
+    if path.exists():
+        for run in json.loads(path.read_text())["benchmarks"]:
+            if run["run_type"] == "iteration":
+                scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
+                times.setdefault(run["run_name"], []).append(run["cpu_time"] * scale)
+    rows = {}
+    for name, samples in times.items():
+        row, peer = name.rsplit("/", 1)
+        rows.setdefault(row, {})[peer] = statistics.median(samples)
+    return rows
+
+
+def read_lines(path):
+    """{row: {peer: {figure: number}}} of lines NAME PEER KEY=VALUE..."""
+    rows = {}
+    if path.exists():
+        for line in path.read_text().splitlines():
+            name, peer, *figures = line.split()
+            rows.setdefault(name, {})[peer] = {key: float(value) for key, value in (f.split("=") for f in figures)}
+    return rows
+
+
+def duration(nanoseconds):
+    for limit, unit, scale in ((1e3, "ns", 1), (1e6, "µs", 1e3), (1e9, "ms", 1e6)):
+        if nanoseconds < limit:
+            return f"{nanoseconds / scale:.3g} {unit}"
+    return f"{nanoseconds / 1e9:.3g} s"
+
+
+def verdict(value, goal, at_most=True):
+    sign = "≤" if at_most else "≥"
+    met = value <= goal if at_most else value >= goal
+    return [f"{sign} {goal:g}", "met" if met else "**missed**"]
+
+
+def table(headings, rows):
+    lines = [headings, ["---"] + ["---:"] * (len(headings) - 2) + ["---"], *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
+def encoding_tables(results):
+    micro, heap = read_micro(results / "encoding_bench.json"), read_lines(results / "heap_bench.txt")
+    if not micro:
+        return {}
+    rows = []
+    for group, title, peer, goal in (("decode", "MessagePack in", "msgpack-cxx", 1.0), ("encode", "MessagePack out", "msgpack-cxx", 0.7),
+                                     ("json-in", "JSON in", "nlohmann", 0.3), ("json-out", "JSON out", "nlohmann", 0.6)):
+        for document, words in DOCUMENTS.items():
+            if times := micro.get(f"{group}/{document}"):
+                ratio = times["qelnk"] / times[peer]
+                rows.append([f"{title}, {words}", duration(times["qelnk"]), f"{duration(times[peer])} {peer}", f"{ratio:.2f}",
+                             *verdict(ratio, goal)])
+    tables = {"encoding": table(["what", "QELNetworkKit", "peer", "ratio", "goal", ""], rows)}
+    rows = []
+    for document, words in DOCUMENTS.items():
+        if peers := heap.get(f"heap/{document}"):
+            bytes_each = {peer: figures["bytes_per_value"] for peer, figures in peers.items()}
+            ratio = bytes_each["qelnk"] / bytes_each["msgpack-cxx"]
+            rows.append([words, *(f"{bytes_each[peer]:,.4g}" if bytes_each[peer] < 1e4 else f"{bytes_each[peer]:,.0f}"
+                                  for peer in ("qelnk", "msgpack-cxx", "nlohmann")),
+                         f"{peers['qelnk']['blocks']:.0f} / {peers['msgpack-cxx']['blocks']:.0f} / {peers['nlohmann']['blocks']:.0f}",
+                         f"{ratio:.2f}", *verdict(ratio, 1.0)])
+    if rows:
+        tables["heap"] = table(["document", "QELNetworkKit", "msgpack-cxx", "nlohmann", "blocks", "ratio to msgpack-cxx", "goal", ""],
+                               rows)
+    return tables
+
+
+def request_tables(results):
+    trips, lines = read_lines(results / "request_bench.txt"), read_lines(results / "pipeline_bench.txt")
+    tables = {}
+    kinds = {"callback": "to the callback", "waiting": "waiting", "waiting-with-callback": "waiting, with a callback too"}
+    rows = []
+    for name, peers in trips.items():
+        kind, cores, state = name.split("/")
+        state = "back to back" if state == "busy" else f"after {state.removeprefix('after-').replace('ms', ' ms')} of rest"
+        times = [f"{peers[p]['median_us']:.1f} ({peers[p]['p99_us']:.0f})" if p in peers else ""
+                 for p in ("qelnk", "hand-written", "one-thread")]
+        rows.append([f"{kinds[kind]}, {cores.replace('-', ' ')}, {state}", *times, f"{peers['qelnk']['ratio']:.2f}",
+                     *verdict(peers["qelnk"]["ratio"], 1.1)])
+    if rows:
+        tables["request"] = table(["request", "QELNetworkKit", "by hand", "one thread", "ratio", "goal", ""], rows)
+    rows = []
+    for name, peers in lines.items():
+        if name.startswith("in-flight/"):
+            rates = [f"{peers[p]['per_second']:,.0f}/s" for p in ("qelnk", "hand-written", "one-thread")]
+            rows.append([name.split("/")[1].replace("-", " "), *rates, f"{peers['qelnk']['ratio']:.2f}",
+                         *verdict(peers["qelnk"]["ratio"], 0.8, at_most=False)])
+    if rows:
+        tables["in-flight"] = table(["1,000 in flight", "QELNetworkKit", "by hand", "one thread", "ratio", "goal", ""], rows)
+    rows = []
+    for order in dict.fromkeys(name.split("/")[2] for name in lines if name.startswith("pending/")):
+        costs = [lines[f"pending/{count}/{order}"]["qelnk"] for count in (10, 1000, 100000)]
+        # With ten pending, what one costs is the waiting for each other of so many threads.
+        growth = costs[2]["cpu_ns"] / costs[1]["cpu_ns"]
+        rows.append([order.replace("-", " "), *(f"{duration(c['ns'])} ({duration(c['cpu_ns'])})" for c in costs), f"{growth:.2f}",
+                     *verdict(growth, 1.5)])
+    if rows:
+        tables["pending"] = table(["replies", "10 pending", "1,000", "100,000", "growth", "goal", ""], rows)
+    return tables
+
+
+def daemon_tables(results):
+    lines, micro = read_lines(results / "daemon_bench.txt"), read_micro(results / "log_bench.json")
+    rows = []
+    searches = []
+    for name, peers in lines.items():
+        kind, detail, *rest = name.split("/")
+        figures = peers["qelnk"]
+        if kind == "load":
+            rows.append([f"mirror of 1,000 workflows with {figures['ports']:,.0f} ports in all", f"{figures['seconds']:.2f} s, "
+                         f"{figures['resident_kib'] / 1024:.0f} MiB", *verdict(figures["seconds"], 5)])
+        elif kind == "idle":
+            rows.append(["idle client", f"{figures['passes_per_second']:.0f} passes a second, {figures['cpu_percent']:.2f} % of a core",
+                         *verdict(figures["passes_per_second"], 60)])
+        elif kind == "search":
+            searches.append(figures["io_ns"])
+            growth = searches[-1] / searches[0]
+            rows.append([f"one push on the io thread, {detail.split('-')[0]} workflows", duration(figures["io_ns"]),
+                         *verdict(growth, 2)])
+            rows[-1][2] += " times the first"
+        elif kind == "pushes" and "percent" in str(figures):
+            rows.append([f"100,000 pushes a second, {rest[0].replace('-', ' ')}",
+                         f"io thread {figures['io_percent']:.0f} %, callbacks {figures['callback_percent']:.0f} %, libzmq "
+                         f"{figures['zmq_percent']:.0f} % of a core; callback after {figures['median_us']:.0f} µs (p99 "
+                         f"{figures['p99_us']:.0f}); grown by {figures['grown_kib']:.0f} KiB",
+                         *verdict(figures["per_second"], 99000, at_most=False)])
+            rows[-1][2] = "all, no growth"
+            if figures["grown_kib"] > 1024:
+                rows[-1][3] = "**missed**"
+        elif kind == "pushes":
+            rows.append([f"pushes as fast as they can, none lost, {rest[0].replace('-', ' ')}",
+                         f"{figures['per_second']:,.0f} a second; p99 {figures['p99_us'] / 1000:.0f} ms; at most {figures['grown_kib']:.0f} "
+                         "KiB more", "", ""])
+    if below := micro.get("log/below-level"):
+        rows.append(["log line with a large description below the level in force",
+                     f"{duration(below['qelnk'])} (one comparison {duration(below['one-comparison'])}; in force "
+                     f"{duration(micro['log/at-level']['qelnk'])})", *verdict(below["qelnk"], 10)])
+        rows[-1][2] += " ns"
+    return {"daemon": table(["what", "measured", "goal", ""], rows)} if rows else {}
+
+
+def machine():
+    cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    compiler = subprocess.run(["c++", "--version"], capture_output=True, text=True).stdout.splitlines()
+    return (f"{cpu.group(1) if cpu else 'unknown processor'}, {len(os.sched_getaffinity(0))} cores; Linux {os.uname().release}; "
+            f"{compiler[0] if compiler else 'unknown compiler'}, `-O2`")
+
+
+def main(results, page=None):
+    results = pathlib.Path(results)
+    tables = {**encoding_tables(results), **request_tables(results), **daemon_tables(results)}
+    for name, text in tables.items():
+        print(f"\n{name}\n{text}")
+    if not page:
+        return
+    path = pathlib.Path(page)
+    text = path.read_text()
+    for name, content in {**tables, "machine": machine()}.items():
+        text, found = re.subn(rf"(<!-- {name} -->\n).*?(<!-- end -->)", lambda match: f"{match[1]}{content}\n{match[2]}", text,
+                              flags=re.S)
+        if not found:
+            sys.exit(f"{page} has no place for {name}")
+    path.write_text(text)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# The demonstration: builds what it needs, then launches, mirrors, drives and quits a (simulated) processing daemon.
+source "$(dirname "$0")/common.sh"
+scripts/setup.sh
+echo "Building the library, qelnk and the simulated daemon ..."
+build release qelnk orlin-sim-bundle
+exec build/release/bin/qelnk demo

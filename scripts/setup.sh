@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs what building, testing and the checks need and is not there yet, from Debian's packages.
+#   scripts/setup.sh [build|bench]     build: all but what only the benchmarks compare with
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config ccache
+  libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libgtest-dev
+  clang clang-format clang-tidy
+  python3 python3-zmq python3-msgpack git
+)
+if [ "${1:-build}" = bench ]; then
+  packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "setup: these packages are missing and only root can install them: ${missing[*]}" >&2; exit 1; }
+  as_root=(sudo)
+fi
+echo "Installing: ${missing[*]}"
+install=(env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "${missing[@]}")
+# The lists may be old, or not there at all: only then are they fetched.
+"${as_root[@]}" "${install[@]}" >/dev/null 2>&1 || {
+  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=300 update -qq
+  "${as_root[@]}" "${install[@]}" >/dev/null
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QELNetworkKit/QELNKSocket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qelnk::test {
+
+/// The other end of a connection: a socket of bare ZeroMQ on a thread of its own.
+class Peer {
+ public:
+  using Frames = std::vector<std::string>;
+  /// Gets each message on the peer's thread.
+  using Handler = std::function<void(Peer &peer, Frames frames)>;
+
+  /// Binds to a port that the system chooses, or to `port`.
+  Peer(int type, Handler handler, int32_t port = 0);
+  /// Closes at once: what it was about to send is lost.
+  ~Peer();
+
+  int32_t port() const { return port_; }
+  /// Number of messages received.
+  size_t received() const { return received_; }
+  /// Sends one message. In the handler or in perform().
+  void send(const Frames &frames);
+  /// Runs `task` on the peer's thread, some time.
+  void perform(std::function<void()> task);
+
+  /// A handler that sends back what it gets.
+  static void echo(Peer &peer, Frames frames) { peer.send(frames); }
+  static void ignore(Peer &, Frames) {}
+
+ private:
+  void serve();
+  bool receive();
+
+  void *context_, *socket_;
+  Handler handler_;
+  int32_t port_;
+  std::atomic<bool> stop_{false};
+  std::atomic<size_t> received_{0};
+  std::mutex mutex_;
+  std::vector<std::function<void()>> tasks_;
+  std::thread thread_;
+};
+
+}  // namespace qelnk::test

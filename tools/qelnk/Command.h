@@ -1,0 +1,36 @@
+#pragma once
+
+#include <span>
+#include <string_view>
+
+#include "Arguments.h"
+#include "Exit.h"
+#include "Output.h"
+#include "Session.h"
+
+namespace tool {
+
+/// What a command gets to work with.
+struct Invocation {
+  const Arguments &arguments;
+  Session &session;
+  Output &output;
+  double timeout;  ///< seconds, for connecting and for each reply
+};
+
+/// One command of the tool. A new one is a file of its own that defines its table entry, and a place in the table in
+/// Commands.cpp.
+struct Command {
+  std::string_view name;
+  std::string_view summary;
+  Syntax syntax;
+  std::string (*notes)();  ///< what its help says besides; may be null
+  Exit (*run)(Invocation &invocation);
+};
+
+/// All commands, in the order of the help.
+std::span<const Command *const> commands();
+/// The options that every command has.
+std::span<const Option> commonOptions();
+
+}  // namespace tool

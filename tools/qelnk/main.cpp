@@ -1,0 +1,122 @@
+// qelnk: every capability of the library from a shell.
+
+#include <QELNetworkKit/Version.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <system_error>
+#include <vector>
+
+#include "Command.h"
+#include "Table.h"
+
+namespace tool {
+namespace {
+
+std::string overview() {
+  Table table;
+  for (const Command *command : commands()) table.add({std::string(command->name), std::string(command->summary)});
+  return "usage: qelnk COMMAND [options and arguments]\n\ncommands:\n" + table.text("  ") +
+         "\nqelnk COMMAND --help tells more.\n\noptions of every command:\n" + helpForOptions(commonOptions());
+}
+
+std::string helpFor(const Command &command) {
+  std::string text = "usage: qelnk " + std::string(command.name) + " " + std::string(command.syntax.arguments);
+  if (!command.syntax.arguments.empty()) text += " ";
+  text += "[options]\n\n" + std::string(command.summary) + "\n";
+  if (command.notes) text += "\n" + command.notes();
+  std::vector<Option> options = command.syntax.options;
+  options.insert(options.end(), commonOptions().begin(), commonOptions().end());
+  return text + "\noptions:\n" + helpForOptions(options);
+}
+
+/// Where the command's name stands: behind options that every command has. The number of words where there is none.
+size_t placeOfCommand(const std::vector<std::string> &words) {
+  for (size_t index = 0; index < words.size(); ++index) {
+    if (!words[index].starts_with("--")) return index;
+    if (words[index] == "--timeout" || words[index] == "--log-level") ++index;
+  }
+  return words.size();
+}
+
+Exit runCommand(const Command &command, const Arguments &arguments) {
+  const auto logLevel = arguments.text("log-level");
+  const double timeout = arguments.seconds("timeout").value_or(10);
+  setLogLevel(logLevel ? &*logLevel : nullptr);
+  Session session;
+  Output output(session, arguments.has("json"));
+  Invocation invocation{arguments, session, output, timeout};
+  const Exit exit = command.run(invocation);
+  switch (session.outputError()) {
+    case 0:
+      return exit;
+    case EINTR:
+    case EPIPE:
+      throw Failure(Exit::failed, "");
+    default:
+      throw Failure(Exit::system, "standard output: " + std::generic_category().message(session.outputError()));
+  }
+}
+
+void print(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+    if (count <= 0) return;
+    text.remove_prefix(size_t(count));
+  }
+}
+
+/// Runs what the command line asks for; failures are thrown. `context` becomes the words that they are about.
+Exit run(std::vector<std::string> words, std::string &context) {
+  const size_t place = placeOfCommand(words);
+  if (place >= words.size()) {
+    Syntax syntax;
+    syntax.options.assign(commonOptions().begin(), commonOptions().end());
+    const Arguments arguments = Arguments::parse(syntax, words);
+    if (!arguments.has("version") && !arguments.has("help")) throw Failure(Exit::usage, "no command given");
+    print(arguments.has("version") ? std::string(QELNetworkKitVersionString) + "\n" : overview());
+    return Exit::done;
+  }
+  const std::string name = words[place];
+  const auto all = commands();
+  const auto found =
+      std::find_if(all.begin(), all.end(), [&](const Command *command) { return command->name == name; });
+  if (found == all.end()) throw Failure(Exit::usage, "unknown command " + name);
+  const Command &command = **found;
+  context = "qelnk " + name;
+  words.erase(words.begin() + ptrdiff_t(place));
+  Syntax syntax = command.syntax;
+  syntax.options.insert(syntax.options.end(), commonOptions().begin(), commonOptions().end());
+  const Arguments arguments = Arguments::parse(syntax, words);
+  if (arguments.has("help") || arguments.has("version")) {
+    print(arguments.has("help") ? helpFor(command) : std::string(QELNetworkKitVersionString) + "\n");
+    return Exit::done;
+  }
+  return runCommand(command, arguments);
+}
+
+}  // namespace
+}  // namespace tool
+
+int main(int count, char **words) {
+  using tool::Exit;
+  // A program started without standard streams would otherwise have its sockets under their numbers.
+  while (fcntl(STDERR_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 || fcntl(STDIN_FILENO, F_GETFD) < 0)
+    if (open("/dev/null", O_RDWR) < 0) return int(Exit::system);
+  std::string context = "qelnk";
+  try {
+    return int(tool::run({words + std::min(count, 1), words + count}, context));
+  } catch (const tool::Failure &failure) {
+    std::string text = failure.what();
+    if (failure.exit() == Exit::usage) text += "; try " + context + " --help";
+    if (!text.empty()) tool::complain(text);
+    return int(failure.exit());
+  } catch (const std::exception &problem) {
+    tool::complain(problem.what());
+    return int(Exit::system);
+  }
+}
