@@ -8,12 +8,19 @@ size_t Mirror::append(const Workflow &workflow) {
   return workflows_.size() - 1;
 }
 
-void Mirror::emptyForOpening(uint64_t opening) {
+void Mirror::opened(uint64_t opening) {
   std::vector<Workflow> removed;  // ends after the lock: with it may end callbacks of the host
   const std::lock_guard lock(mutex_);
   removed.swap(workflows_);
   placeByPort_.clear();
   opening_ = opening;
+  openingsAsked_.erase(opening);
+}
+
+bool Mirror::openingFailed(uint64_t opening) {
+  const std::lock_guard lock(mutex_);
+  openingsAsked_.erase(opening);
+  return opening == lastOpening_;
 }
 
 uint64_t Mirror::opening() const {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -25,9 +26,6 @@ class Mirror {
 
   std::atomic<bool> running{false};
   std::atomic<int64_t> nextMessageID{0};
-  /// How many times the daemon was asked to open a project.
-  std::atomic<uint64_t> openingsAsked{0};
-
   std::optional<std::string> projectName() const { return read(projectName_); }
   void setProjectName(std::optional<std::string> name) { swapIn(projectName_, name); }
   std::optional<std::string> projectFile() const { return read(projectFile_); }
@@ -35,10 +33,31 @@ class Mirror {
 
   /// Appends a workflow and returns its place.
   size_t append(const Workflow &workflow);
-  /// Empties the list, because the daemon has opened a project; the workflows' ports are not found any more.
-  void emptyForOpening(uint64_t opening);
-  /// Which opening the list belongs to; 0 for the project that was open already.
+
+  // The daemon is asked to open projects; each opening has a number, 0 is for the project that was open already.
+
+  /// Numbers an opening that is about to be asked for, and does `also` in the same step: it must not call anybody.
+  template <class Also>
+  uint64_t beginOpening(Also also) {
+    const std::lock_guard lock(mutex_);
+    also();
+    openingsAsked_.insert(++lastOpening_);
+    return lastOpening_;
+  }
+  /// The daemon has opened the project: empties the list; the workflows' ports are not found any more.
+  void opened(uint64_t opening);
+  /// Nothing came of an opening. Returns whether it was the last one asked for.
+  bool openingFailed(uint64_t opening);
+  /// Which opening the list belongs to.
   uint64_t opening() const;
+  /// Does `then` in one step with seeing that the list belongs to `opening` and no later one is under way. It must not
+  /// call anybody.
+  template <class Then>
+  void ifNewest(uint64_t opening, Then then) const {
+    const std::lock_guard lock(mutex_);
+    if (opening_ == opening && openingsAsked_.upper_bound(opening) == openingsAsked_.end()) then();
+  }
+
   std::vector<Workflow> workflows() const;
   Workflow workflowWithIndex(size_t index) const;
   /// The first workflow for which `matches`, or null.
@@ -67,7 +86,8 @@ class Mirror {
 
   mutable std::mutex mutex_;  // guards what follows
   std::optional<std::string> projectName_, projectFile_;
-  uint64_t opening_ = 0;
+  uint64_t lastOpening_ = 0, opening_ = 0;
+  std::set<uint64_t> openingsAsked_;  // those not answered yet
   std::vector<Workflow> workflows_;
   std::unordered_map<std::string, size_t, Hash, std::equal_to<>> placeByPort_;
 };

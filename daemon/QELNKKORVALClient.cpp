@@ -47,7 +47,7 @@ void QELNKKORVALClient::onConnected() {
 // waits for is the connected callback, which is dropped so that it is not called for a mirror with holes.
 void QELNKKORVALClient::releaseConnecting() {
   if (!syncRequests()) return;
-  setConnectedBlock(nullptr);
+  takeConnectedBlock();
   informConnected();
 }
 
@@ -123,25 +123,37 @@ void QELNKKORVALClient::stopProject(CommandBlock onDone) { setProjectRunning("st
 void QELNKKORVALClient::saveProject(const std::string &name) {
   sendRequest(withData(requestForCommand("saveProject"), {{QELNKKORVALName, name}}),
               [](const Client &client, const Message &message) {
-                if (message->response()) korval(client).updateProjectState(dataOf(*message));
+                // A daemon that could not save it sends no description.
+                if (message->response() && dataOf(*message).isDictionary())
+                  korval(client).updateProjectState(dataOf(*message));
               });
 }
 
 void QELNKKORVALClient::save() { saveProject(projectFile().value_or("")); }
 
 void QELNKKORVALClient::loadProject(const std::string &name, ConnectedBlock onLoaded) {
-  const uint64_t opening = ++mirror_->openingsAsked;
-  setConnectedBlock(std::move(onLoaded));
+  ConnectedBlock replaced;
+  const uint64_t opening = mirror_->beginOpening([&] {
+    replaced = takeConnectedBlock();
+    setConnectedBlock(std::move(onLoaded));
+  });
+  replaced = nullptr;
   sendRequest(withData(requestForCommand("openProject"), {{QELNKKORVALName, name}}),
               [opening, name](const Client &client, const Message &message) {
                 if (!message->response()) {
                   qelnk::logError("QELNKKORVALClient could not load project {}: {}", name,
                                   message->error().description);
-                  return korval(client).releaseConnecting();
+                  return korval(client).loadingFailed(opening);
                 }
-                korval(client).mirror_->emptyForOpening(opening);
+                korval(client).mirror_->opened(opening);
                 korval(client).updateWorkflows();
               });
+}
+
+void QELNKKORVALClient::loadingFailed(uint64_t opening) {
+  if (!mirror_->openingFailed(opening)) return;  // the callback is a later one's
+  takeConnectedBlock();
+  releaseConnecting();
 }
 
 void QELNKKORVALClient::updateProjectState(const Value &description) {
@@ -175,46 +187,54 @@ Workflow QELNKKORVALClient::workflowWithIndex(size_t index) const { return mirro
 size_t QELNKKORVALClient::numberOfWorkflows() const { return mirror_->numberOfWorkflows(); }
 std::vector<Workflow> QELNKKORVALClient::workflows() const { return mirror_->workflows(); }
 
-void QELNKKORVALClient::setWorkflowExecuting(std::string_view command, const Workflow &workflow, bool executes) {
-  if (!workflow || workflow->executing() == executes) return;
-  sendRequest(requestForCommand(command, workflow), [workflow, executes](const Client &, const Message &message) {
-    if (message->response()) workflow->setExecuting(executes);
-  });
+Message QELNKKORVALClient::setWorkflowExecuting(std::string_view command, const Workflow &workflow, bool executes) {
+  if (!workflow || workflow->executing() == executes) return nullptr;
+  return sendRequest(requestForCommand(command, workflow),
+                     [workflow, executes](const Client &, const Message &message) {
+                       if (message->response()) workflow->setExecuting(executes);
+                     });
 }
 
-void QELNKKORVALClient::startWorkflow(const Workflow &workflow) {
-  setWorkflowExecuting("startWorkflow", workflow, true);
+Message QELNKKORVALClient::startWorkflow(const Workflow &workflow) {
+  return setWorkflowExecuting("startWorkflow", workflow, true);
 }
-void QELNKKORVALClient::stopWorkflow(const Workflow &workflow) {
-  setWorkflowExecuting("stopWorkflow", workflow, false);
+Message QELNKKORVALClient::stopWorkflow(const Workflow &workflow) {
+  return setWorkflowExecuting("stopWorkflow", workflow, false);
 }
 
-// Ports.
+// Ports. A synchronous request serves the run loop while it waits, where the host may let go of the client and of
+// everything that it gave: who sends several holds what he needs.
 
-void QELNKKORVALClient::setWorkflow(const Workflow &, const Port &port, const Value &value) {
-  if (!port) return;
-  sendRequest(withData(requestForCommand("setPortValue"),
-                       {{QELNKKORVALID, qelnk::valueOf(port->uid())}, {QELNKKORVALValue, value}}),
-              [port](const Client &, const Message &message) {
-                if (!message->response()) return;
-                if (const Value &data = dataOf(*message); !data.isNull()) port->setValue(data[QELNKKORVALValue]);
-              });
+Message QELNKKORVALClient::setWorkflow(const Workflow &, const Port &port, const Value &value) {
+  if (!port) return nullptr;
+  return sendRequest(withData(requestForCommand("setPortValue"),
+                              {{QELNKKORVALID, qelnk::valueOf(port->uid())}, {QELNKKORVALValue, value}}),
+                     [port](const Client &, const Message &message) {
+                       if (!message->response()) return;
+                       if (const Value &data = dataOf(*message); !data.isNull()) port->setValue(data[QELNKKORVALValue]);
+                     });
 }
 
 void QELNKKORVALClient::setWorkflow(const Workflow &workflow, const Value &values) {
-  if (!workflow) return;
-  const auto set = [&](const Value &name, const Value &value) {
-    if (name.isString()) setWorkflow(workflow, workflow->portWithName(name.string()), value);
+  std::vector<std::string> ports;
+  std::vector<Value> forPorts;
+  const auto take = [&](const Value &name, const Value &value) {
+    if (!name.isString()) return;
+    ports.emplace_back(name.string());
+    forPorts.push_back(value);
   };
-  for (const Value::Entry &entry : values.entries()) set(entry.key, entry.value);
+  for (const Value::Entry &entry : values.entries()) take(entry.key, entry.value);
   if (values.isOrderedMap())
-    for (const Value &name : values.orderedMap()) set(name, *values.find(name));
+    for (const Value &name : values.orderedMap()) take(name, *values.find(name));
+  setWorkflow(workflow, std::move(ports), std::move(forPorts));
 }
 
-void QELNKKORVALClient::setWorkflow(const Workflow &workflow, const std::vector<std::string> &ports,
-                                    const std::vector<Value> &values) {
+void QELNKKORVALClient::setWorkflow(const Workflow &workflow, std::vector<std::string> ports,
+                                    std::vector<Value> values) {
   if (!workflow || ports.size() != values.size()) return;
-  for (size_t i = 0; i < ports.size(); ++i) setWorkflow(workflow, workflow->portWithName(ports[i]), values[i]);
+  const auto self = weak_from_this().lock();
+  const Workflow held = workflow;  // NOLINT(performance-unnecessary-copy-initialization)
+  for (size_t i = 0; i < ports.size(); ++i) setWorkflow(held, held->portWithName(ports[i]), values[i]);
 }
 
 void QELNKKORVALClient::triggerWorkflow(const Workflow &workflow, std::string_view portName) {
@@ -225,20 +245,22 @@ void QELNKKORVALClient::triggerWorkflow(const Workflow &workflow, std::string_vi
   if (port->valueType() == QELNKOrlinPortValueType_bool) setWorkflow(workflow, {name, name}, {true, false});
 }
 
-void QELNKKORVALClient::registerWorkflow(const Workflow &workflow, const std::vector<std::string> &updatesForPorts,
+void QELNKKORVALClient::registerWorkflow(const Workflow &workflow, std::vector<std::string> updatesForPorts,
                                          UpdateBlock onUpdate) {
-  registerWorkflow(workflow, updatesForPorts, "registerPortUpdate", std::move(onUpdate));
+  registerWorkflow(workflow, std::move(updatesForPorts), "registerPortUpdate", std::move(onUpdate));
 }
 
-void QELNKKORVALClient::unRegisterWorkflow(const Workflow &workflow, const std::vector<std::string> &updatesForPorts) {
-  registerWorkflow(workflow, updatesForPorts, "unregisterPortUpdate", nullptr);
+void QELNKKORVALClient::unRegisterWorkflow(const Workflow &workflow, std::vector<std::string> updatesForPorts) {
+  registerWorkflow(workflow, std::move(updatesForPorts), "unregisterPortUpdate", nullptr);
 }
 
-void QELNKKORVALClient::registerWorkflow(const Workflow &workflow, const std::vector<std::string> &updatesForPorts,
-                                         const std::string &command, UpdateBlock onUpdate) {
+void QELNKKORVALClient::registerWorkflow(const Workflow &workflow, std::vector<std::string> updatesForPorts,
+                                         std::string command, UpdateBlock onUpdate) {
   if (!workflow) return;
+  const auto self = weak_from_this().lock();
+  const Workflow held = workflow;  // NOLINT(performance-unnecessary-copy-initialization)
   for (const std::string &name : updatesForPorts) {
-    const Port port = workflow->portWithName(name);
+    const Port port = held->portWithName(name);
     if (!port || port->portType() != QELNKOrlinPortTypeOutput) continue;
     port->setUpdateBlock(onUpdate);
     sendRequest(withData(requestForCommand(command), {{QELNKKORVALID, qelnk::valueOf(port->uid())}}), nullptr);

@@ -18,19 +18,17 @@ void QELNKKORVALClient::Load::start(QELNKKORVALClient &client) {
 }
 
 Message QELNKKORVALClient::Load::ask(Value request, std::string what, Step step) {
-  if (QLGetHandle().enabled(qelnk::LogLevel::debug))
-    qelnk::logDebug("QELNKClient sending request {}", request.description());
-  return std::make_shared<QELNKMessage>(std::move(request),
-                                        [load = shared_from_this(), what = std::move(what), step = std::move(step)](
-                                            const std::shared_ptr<QELNKClient> &of, const Message &message) {
-                                          auto &client = static_cast<QELNKKORVALClient &>(*of);
-                                          if (load->failed_) return;
-                                          if (!message->response()) return load->fail(client, what, message->error());
-                                          // Once another project has been opened its own load brings everything; going
-                                          // on here would bring it twice.
-                                          if (client.mirror_->opening() == load->opening_)
-                                            step(client, (*message->response())[QELNKKORVALData]);
-                                        });
+  return messageForRequest(std::move(request),
+                           [load = shared_from_this(), what = std::move(what), step = std::move(step)](
+                               const std::shared_ptr<QELNKClient> &of, const Message &message) {
+                             auto &client = static_cast<QELNKKORVALClient &>(*of);
+                             if (load->failed_) return;
+                             if (!message->response()) return load->fail(client, what, message->error());
+                             // Once another project has been opened its own load brings everything; going
+                             // on here would bring it twice.
+                             if (client.mirror_->opening() == load->opening_)
+                               step(client, (*message->response())[QELNKKORVALData]);
+                           });
 }
 
 void QELNKKORVALClient::Load::addWorkflows(QELNKKORVALClient &client, const Value &descriptions) {
@@ -72,12 +70,16 @@ Message QELNKKORVALClient::Load::barrier() {
         if (load->failed_) return;
         if (message->error()) return load->fail(client, "the workflows", message->error());
         // Where a project is being opened the connected callback is for the load that follows.
-        if (client.mirror_->openingsAsked == load->opening_) client.informConnected();
+        std::optional<ConnectedBlock> due;
+        client.mirror_->ifNewest(load->opening_, [&] { due = client.takeConnectedBlock(); });
+        if (due) client.informConnected(std::move(*due));
       });
 }
 
 void QELNKKORVALClient::Load::fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error) {
   failed_ = true;
   qelnk::logError("QELNKKORVALClient could not load {}: {}", what, error.description);
-  if (client.mirror_->openingsAsked == opening_) client.releaseConnecting();
+  bool newest = false;
+  client.mirror_->ifNewest(opening_, [&] { newest = true; });
+  if (newest) client.releaseConnecting();
 }

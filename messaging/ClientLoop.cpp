@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -46,7 +47,7 @@ QELNKClient::Loop::Loop(QELNKClient &client)
 }
 
 bool QELNKClient::Loop::isEnding() const {
-  return state_.stopRequested.load(std::memory_order_relaxed) || client_.isCancelled();
+  return state_.phase.load(std::memory_order_relaxed) != State::Phase::running || client_.isCancelled();
 }
 
 void QELNKClient::Loop::run() {
@@ -58,7 +59,7 @@ void QELNKClient::Loop::run() {
 void QELNKClient::Loop::serve() {
   if (isEnding()) return;
   qelnk::logDefault("QELNKClient connecting to {}", endpoint_);
-  if (!connect(endpoint_)) {
+  if (!connect()) {
     qelnk::logError("QELNKClient could not connect");
     return;
   }
@@ -68,15 +69,19 @@ void QELNKClient::Loop::serve() {
   }
 }
 
-bool QELNKClient::Loop::connect(const std::string &endpoint) {
+bool QELNKClient::Loop::connect() {
   poll_ = {};
   try {
     const auto socket = client_.openSocket();
     poll_ = qelnk::SocketPoll(socket->socket(), *runLoop_);
-    return socket->connectToEndpoint(endpoint);
-  } catch (const ZMQException &) {
-    return false;  // its reason is on the log
+    return socket->connectToEndpoint(endpoint_);
+  } catch (const ZMQException &) {  // its reason is on the log
+  } catch (const std::system_error &error) {
+    qelnk::logError("QELNKClient is short of descriptors: {}", error.what());
   }
+  poll_ = {};
+  client_.closeSocket();
+  return false;
 }
 
 // One pass. Returns false when it was the last.
@@ -119,6 +124,7 @@ int QELNKClient::Loop::wantedEvents() {
     errno = ENOTSOCK;
     return -1;
   }
+  if (!poll_) return 0;  // to be connected again
   int wanted = ZMQ_POLLIN | ZMQ_POLLERR;
   if (const QELNKMessage *unsent = messages_.firstUnsent(); unsent && (unsent != failed_ || Steady::now() >= retryAt_))
     wanted |= ZMQ_POLLOUT;
@@ -137,8 +143,8 @@ bool QELNKClient::Loop::sleep() {
 
 std::chrono::nanoseconds QELNKClient::Loop::longestWait() const {
   std::chrono::nanoseconds limit = runLoop_->untilNextTimer(pollInterval);
-  if (failed_)
-    limit = std::min<std::chrono::nanoseconds>(limit, std::max<Steady::duration>(retryAt_ - Steady::now(), 0ns));
+  if (const auto now = Steady::now(); failed_ && retryAt_ > now)
+    limit = std::min<std::chrono::nanoseconds>(limit, retryAt_ - now);
   // A clock of the host's may stand still until it is moved, which wakes the run loop.
   if (const auto deadline = messages_.firstDeadline();
       deadline != std::chrono::nanoseconds::max() && client_.clock() == qelnk::Clock::system())
@@ -152,7 +158,10 @@ void QELNKClient::Loop::receive() {
   for (int count = 0; count < drainBound(socketType_) && !isEnding(); count++) {
     const int error = client_.receiveFrames(frames_, ZMQ_DONTWAIT);
     if (error == 0) {
+      awaiting_ = nullptr;
       handleFrames();
+      frames_.clear();  // rather than to keep the bytes until the next message comes
+      finishEmpty();    // before the next reply is matched
     } else {
       if (error != EAGAIN || count == 0)
         qelnk::logError("QELNKClient recieved message with no data and error {}",
@@ -172,7 +181,7 @@ void QELNKClient::Loop::handleFrames() {
   if (QLGetHandle().enabled(qelnk::LogLevel::debug))
     qelnk::logDebug("QELNKClient got response {}", response->description());
   const auto message = client_.messageForResponse(*response);
-  if (message && !message->isFinished()) {
+  if (message && message->client_ == &client_ && !message->isFinished()) {
     message->response_ = std::move(response);
     finish(message);
   } else {
@@ -212,6 +221,7 @@ bool QELNKClient::Loop::send(QELNKMessage &message) {
   if (message.responseless_) {
     unanswerableSentAt_ = Steady::now();
     client_.complete(messages_.remove(message));
+    finishEmpty();
   }
   return true;
 }
@@ -219,13 +229,15 @@ bool QELNKClient::Loop::send(QELNKMessage &message) {
 // Returns false when the socket is full, which is no attempt.
 bool QELNKClient::Loop::sendFrames(QELNKMessage &message, const QELNKFrames &frames, Error &error) {
   size_t tried = 0;
-  for (bool ok = true; ok && tried < frames.size(); tried++) {
+  bool ok = true;
+  for (; ok && tried < frames.size(); tried++) {
     const int more = tried + 1 < frames.size() ? ZMQ_SNDMORE : 0;
     ok = client_.sendData(frames[tried], ZMQ_DONTWAIT | more, &error);
     if (!ok && tried == 0 && error.code == EAGAIN) return false;
   }
   // A failure of the last frame counts as sent.
   message.sent_ = tried == frames.size();
+  if (socketType_ == ZMQ_REQ && ok && tried > 0) awaiting_ = &message;
   if (!message.sent_) qelnk::logError("QELNKClient did not send request, only sent {} from {}", tried, frames.size());
   return true;
 }
@@ -241,7 +253,7 @@ void QELNKClient::Loop::rest(const QELNKMessage &message) {
 void QELNKClient::Loop::finish(const std::shared_ptr<QELNKMessage> &message) {
   if (!qelnk::MessageList::isListed(*message)) takeInbox();
   if (!qelnk::MessageList::isListed(*message)) return;
-  if (message.get() == failed_) failed_ = nullptr;
+  forget(*message);
   client_.complete(messages_.remove(*message));
 }
 
@@ -260,19 +272,29 @@ void QELNKClient::Loop::cancel(const std::shared_ptr<QELNKMessage> &message) {
   if (qelnk::MessageList::isListed(*message)) abandon(*message, ECANCELED, "Request cancelled");
 }
 
-void QELNKClient::Loop::abandon(QELNKMessage &message, int32_t code, const char *reason) {
+void QELNKClient::Loop::forget(const QELNKMessage &message) {
   if (&message == failed_) failed_ = nullptr;
-  replyOutstanding_ |= message.sent_ && socketType_ == ZMQ_REQ;
+  if (&message == awaiting_) awaiting_ = nullptr;
+}
+
+void QELNKClient::Loop::abandon(QELNKMessage &message, int32_t code, const char *reason) {
+  replyOutstanding_ |= &message == awaiting_;
+  forget(message);
   client_.fail(messages_.remove(message), code, reason);
 }
 
 // A request socket that waits for a reply sends nothing, and the reply, should it come, would be taken for that to the
 // next request. A new socket knows nothing of it.
 void QELNKClient::Loop::renewSocket() {
-  if (!std::exchange(replyOutstanding_, false)) return;
+  if (!replyOutstanding_ || (!poll_ && Steady::now() < renewAt_)) return;
   qelnk::logDefault("QELNKClient connecting to {} anew, for a request ended without its reply", endpoint_);
+  poll_ = {};
   client_.closeSocket();
-  if (!connect(endpoint_)) qelnk::logError("QELNKClient could not connect");
+  awaiting_ = nullptr;
+  replyOutstanding_ = !connect();
+  if (!replyOutstanding_) return;
+  qelnk::logError("QELNKClient could not connect");
+  renewAt_ = Steady::now() + 1s;
 }
 
 void QELNKClient::Loop::takeInbox() {
@@ -309,9 +331,5 @@ void QELNKClient::Loop::end() {
   }
   state_.loop = nullptr;
   if (connected) connected->signal();
-  // A callback that was never due often holds the client itself, and must not keep it for ever.
-  state_.responses.seal();
-  client_.context()->responseQueue()->async([weak = client_.weak_from_this()] {
-    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock())) self->setConnectedBlock(nullptr);
-  });
+  client_.dropConnectedBlock();
 }

@@ -32,7 +32,7 @@ class QELNKClient::Loop {
  private:
   using Steady = std::chrono::steady_clock;
 
-  bool connect(const std::string &endpoint);
+  bool connect();
   void serve();
   bool pass();
   int poll();
@@ -48,6 +48,7 @@ class QELNKClient::Loop {
   void rest(const QELNKMessage &message);
   void finishEmpty();
   void expire();
+  void forget(const QELNKMessage &message);
   void abandon(QELNKMessage &message, int32_t code, const char *reason);
   void renewSocket();
   void end();
@@ -57,7 +58,7 @@ class QELNKClient::Loop {
   State &state_;
   const std::shared_ptr<qelnk::RunLoop> runLoop_;
   const int32_t socketType_;
-  std::string endpoint_;
+  const std::string endpoint_;
   qelnk::SocketPoll poll_;
   qelnk::MessageList messages_;
   std::vector<State::Order> taken_;  // these two are members to keep their memory
@@ -65,5 +66,8 @@ class QELNKClient::Loop {
   const QELNKMessage *failed_ = nullptr;  // the message whose sending failed last, and when it is tried again
   Steady::time_point retryAt_{};
   Steady::time_point unanswerableSentAt_{};  // when a message without a response was sent last
-  bool replyOutstanding_ = false;            // a request socket waits for the reply to a message that has ended
+  const QELNKMessage *awaiting_ = nullptr;   // the one whose reply a request socket waits for
+  // The same socket waits for the reply to a message that has ended; if it could not be replaced, when to try again.
+  bool replyOutstanding_ = false;
+  Steady::time_point renewAt_{};
 };

@@ -28,8 +28,8 @@ struct QELNKClient::State {
 
   explicit State(std::shared_ptr<qelnk::Queue> queue) : responses(std::move(queue)) {}
 
-  mutable std::mutex mutex;  // guards the members down to `port`
-  Phase phase = Phase::idle;
+  mutable std::mutex mutex;  // guards the members down to `port`; the phase may be read without it
+  std::atomic<Phase> phase = Phase::idle;
   std::vector<Order> inbox;
   std::shared_ptr<qelnk::RunLoop> runLoop;  // the io thread's, while it runs
   ConnectedBlock connectedBlock;
@@ -38,7 +38,6 @@ struct QELNKClient::State {
   std::string host;
   int32_t port = 0;
 
-  std::atomic<bool> stopRequested{false};
   // The io thread waits, or is about to: set with the mutex held and the inbox empty. Whoever fills the inbox clears it
   // and wakes the thread, so that a busy thread is never woken.
   std::atomic<bool> asleep{false};

@@ -40,6 +40,12 @@ void QELNKSocket::IOThread::run(Shared &shared, QELNKSocket *endpoint) {
   delete shared.abandoned;
 }
 
+bool QELNKSocket::IOThread::join() {
+  if (current.isIOThread) return false;
+  thread_.join();
+  return true;
+}
+
 bool QELNKSocket::IOThread::end(std::shared_ptr<IOThread> thread, QELNKSocket *endpoint) {
   thread->cancel();
   if (current.isIOThread) {

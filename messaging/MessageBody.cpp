@@ -5,6 +5,8 @@
 #include <QELNetworkKit/QELNKSocket.h>
 #include <QELNetworkKit/XMLDocument.h>
 
+#include "encoding/Text.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -29,6 +31,20 @@ static std::optional<Data> messagePack(const Value &message, Error *error) {
   if (!failure) return data;
   if (error) *error = std::move(failure);
   return std::nullopt;
+}
+
+// A string body never fails: what is not UTF-8 in it gives replacement characters.
+static Value textOf(std::string_view bytes) {
+  if (qelnk::detail::isUTF8(bytes)) return bytes;
+  std::string text;
+  while (!bytes.empty()) {
+    size_t length = 1;
+    while (length <= std::min<size_t>(4, bytes.size()) && !qelnk::detail::isUTF8(bytes.substr(0, length))) ++length;
+    const bool isCharacter = length <= std::min<size_t>(4, bytes.size());
+    text += isCharacter ? bytes.substr(0, length) : "\uFFFD";
+    bytes.remove_prefix(isCharacter ? length : 1);
+  }
+  return text;
 }
 
 std::optional<Data> QELNKSocket::serializeMessage(const Value &message, int32_t type, Error *error) {
@@ -59,7 +75,7 @@ std::optional<Value> QELNKSocket::deserializeData(const Data &frame, int32_t typ
       return document ? std::optional<Value>(std::move(*document)) : std::nullopt;
     }
     case QELNKMessageBodyString:
-      return Value(frame.text());
+      return textOf(frame.text());
     case QELNKMessageBodyData:
       return Value(frame);
     default:

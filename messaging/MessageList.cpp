@@ -34,6 +34,13 @@ std::shared_ptr<QELNKMessage> MessageList::remove(QELNKMessage &message) {
   return std::move(place.self);
 }
 
+std::vector<std::shared_ptr<QELNKMessage>> MessageList::all() const {
+  std::vector<std::shared_ptr<QELNKMessage>> messages;
+  for (const QELNKMessage *message = first_; message; message = message->place_.next)
+    messages.push_back(message->place_.self);
+  return messages;
+}
+
 QELNKMessage *MessageList::firstUnsent() {
   while (unsent_ && (unsent_->sent_ || unsent_->isEmptyMessage())) unsent_ = unsent_->place_.next;
   return unsent_;

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 namespace qelnk {
 
@@ -26,6 +27,8 @@ class MessageList {
   /// Takes a message of the list off it.
   std::shared_ptr<QELNKMessage> remove(QELNKMessage &message);
 
+  /// Each of them, the oldest first.
+  std::vector<std::shared_ptr<QELNKMessage>> all() const;
   /// The oldest, or null.
   QELNKMessage *first() const { return first_; }
   /// The oldest that is neither sent nor empty, or null.

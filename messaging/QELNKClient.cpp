@@ -30,24 +30,30 @@ QELNKClient::~QELNKClient() = default;
 
 int32_t QELNKClient::socketType() const { return ZMQ_REQ; }
 
-void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait(std::chrono::milliseconds(100)); }
+void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait(); }
 
 // Connecting.
 
 void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
+  if (state_->phase == State::Phase::stopping && !joinThread())
+    return qelnk::logError("QELNKClient cannot connect to {} on the thread that is disconnecting",
+                           endPointForHost(host, port));
   std::shared_ptr<qelnk::Semaphore> connected;
+  bool refused;
   {
     const std::lock_guard lock(state_->mutex);
-    if (state_->phase != State::Phase::idle) {
-      qelnk::logError("QELNKClient connects only once, not to {}", endPointForHost(host, port));
-      return;
+    refused = state_->phase != State::Phase::idle && state_->phase != State::Phase::ended;
+    if (!refused) {
+      state_->phase = State::Phase::running;
+      state_->host = host;
+      state_->port = port;
+      state_->connectedBlock.swap(onConnected);  // the old one goes after the lock
+      if (syncRequests()) connected = std::make_shared<qelnk::Semaphore>();
+      state_->connected = connected;
     }
-    state_->phase = State::Phase::running;
-    state_->host = std::move(host);
-    state_->port = port;
-    state_->connectedBlock = std::move(onConnected);
-    if (syncRequests()) connected = state_->connected = std::make_shared<qelnk::Semaphore>();
   }
+  if (refused)
+    return qelnk::logError("QELNKClient is connected already, not connecting to {}", endPointForHost(host, port));
   start();
   // The last reference may go while the run loop turns here: nothing of the client is used behind this.
   if (connected) waitForSemaphore(*connected);
@@ -67,7 +73,7 @@ void QELNKClient::ioThread() { Loop(*this).run(); }
 
 void QELNKClient::onConnected() { informConnected(); }
 
-void QELNKClient::informConnected() {
+void QELNKClient::informConnected(ConnectedBlock block) {
   std::shared_ptr<qelnk::Semaphore> connected;
   {
     const std::lock_guard lock(state_->mutex);
@@ -75,10 +81,9 @@ void QELNKClient::informConnected() {
   }
   state_->responses.seal();
   const auto queue = context()->responseQueue();  // it may go with the client as soon as it has the task
-  queue->async([weak = weak_from_this(), connected] {
-    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock()))
-      if (const auto block = self->takeConnectedBlock())
-        qelnk::runGuarded("QELNKClient connected block", [&] { block(self); });
+  queue->async([weak = weak_from_this(), block = std::move(block), connected] {
+    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock()); self && block)
+      qelnk::runGuarded("QELNKClient connected block", [&] { block(self); });
     if (connected) connected->signal();
   });
 }
@@ -90,7 +95,6 @@ void QELNKClient::disconnect() {
     const std::lock_guard lock(state_->mutex);
     idle = state_->phase == State::Phase::idle;
     if (state_->phase == State::Phase::running || idle) state_->phase = State::Phase::stopping;
-    state_->stopRequested = true;
   }
   if (idle) endWithoutThread();
   QELNKSocket::disconnect();
@@ -106,8 +110,19 @@ void QELNKClient::endWithoutThread() {
     orders.swap(state_->inbox);
     connected = state_->connected;
   }
-  for (State::Order &order : orders) fail(std::move(order.message), ENOTCONN, "Client disconnected");
+  for (State::Order &order : orders)
+    if (!order.cancel) fail(std::move(order.message), ENOTCONN, "Client disconnected");
   if (connected) connected->signal();
+  dropConnectedBlock();
+}
+
+// A callback that was never due often holds the client itself, and must not keep it for ever.
+void QELNKClient::dropConnectedBlock() {
+  state_->responses.seal();
+  context()->responseQueue()->async([weak = weak_from_this()] {
+    const auto self = std::static_pointer_cast<QELNKClient>(weak.lock());
+    if (self && self->state_->phase == State::Phase::ended) self->takeConnectedBlock();
+  });
 }
 
 // Requests.
@@ -239,6 +254,11 @@ std::shared_ptr<QELNKMessage> QELNKClient::messageForResponse(const qelnk::Value
 
 std::optional<int64_t> QELNKClient::identifierForMessage(const QELNKMessage &) const { return std::nullopt; }
 
+std::vector<std::shared_ptr<QELNKMessage>> QELNKClient::messages() const {
+  Loop *loop = currentLoop();
+  return loop ? loop->messages().all() : std::vector<std::shared_ptr<QELNKMessage>>();
+}
+
 std::shared_ptr<QELNKMessage> QELNKClient::messageWithIdentifier(int64_t identifier) const {
   Loop *loop = currentLoop();
   QELNKMessage *message = loop ? loop->messages().find(identifier) : nullptr;
@@ -280,7 +300,7 @@ QELNKClient::ConnectedBlock QELNKClient::connectedBlock() const {
 
 void QELNKClient::setConnectedBlock(ConnectedBlock block) {
   const std::lock_guard lock(state_->mutex);
-  state_->connectedBlock.swap(block);
+  if (state_->phase != State::Phase::ended) state_->connectedBlock.swap(block);  // what is let go goes after the lock
 }
 
 QELNKClient::ConnectedBlock QELNKClient::takeConnectedBlock() {

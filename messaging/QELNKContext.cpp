@@ -3,6 +3,7 @@
 #include <QELNetworkKit/ZMQContext.h>
 #include <QELNetworkKit/ZMQException.h>
 
+#include <cstdlib>
 #include <mutex>
 
 using qelnk::Queue;
@@ -17,9 +18,24 @@ struct Shared {
   bool terminated = false;
 };
 
-// Never destroyed: a process may exit while io threads run, and its exit must wait for none of them.
+Shared &shared();
+
+// At the process's exit a context that nobody uses any longer ends in good order, so that what was sent last leaves.
+// One that clients still use stays as it is: exit must wait for no io thread.
+void endUnused() {
+  std::shared_ptr<QELNKContext> context;  // goes after the lock
+  Shared &state = shared();
+  const std::lock_guard lock(state.mutex);
+  if (state.context && state.context.use_count() == 1 && state.context->zmqContext()->sockets().empty())
+    context.swap(state.context);
+}
+
+// Never destroyed: threads may look at it to the very end.
 Shared &shared() {
-  static Shared &shared = *new Shared;
+  static Shared &shared = *[] {
+    std::atexit(endUnused);
+    return new Shared;
+  }();
   return shared;
 }
 

@@ -26,6 +26,11 @@ void QELNKSocket::Deleter::operator()(QELNKSocket *socket) const {
   if (!thread || IOThread::end(std::move(thread), socket)) delete socket;
 }
 
+bool QELNKSocket::isUsable(const std::shared_ptr<QELNKContext> &context) {
+  if (!context) qelnk::logError("QELNKSocket needs a context; the shared one has been terminated");
+  return context != nullptr;
+}
+
 // The thread.
 
 std::shared_ptr<QELNKSocket::IOThread> QELNKSocket::thread() const {
@@ -39,6 +44,11 @@ void QELNKSocket::startThread(const std::string &name) {
   const std::lock_guard lock(mutex_);
   previous = std::move(thread_);
   thread_ = std::make_shared<IOThread>(name, this);
+}
+
+bool QELNKSocket::joinThread() {
+  const auto thread = this->thread();
+  return !thread || thread->join();
 }
 
 bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() == this; }
@@ -58,8 +68,8 @@ std::string QELNKSocket::endPointForHost(const std::string &host, int32_t port) 
 }
 
 std::string QELNKSocket::endPoint() const {
-  const auto socket = this->socket();
-  return socket ? socket->endpoint() : std::string();
+  const std::lock_guard lock(mutex_);
+  return socket_ ? socket_->endpoint() : lastEndPoint_;
 }
 
 std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
@@ -68,23 +78,28 @@ std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
 }
 
 void QELNKSocket::setSocket(std::shared_ptr<ZMQSocket> socket) {
+  if (thread() && !onMessageThread()) return qelnk::logError("QELNKSocket keeps the socket of its io thread");
+  replaceSocket(std::move(socket));
+}
+
+void QELNKSocket::replaceSocket(std::shared_ptr<ZMQSocket> socket) {
   const std::lock_guard lock(mutex_);
+  if (socket_) lastEndPoint_ = socket_->endpoint();
   socket_.swap(socket);
   owned_ = socket_.get();
 }
 
 std::shared_ptr<ZMQSocket> QELNKSocket::openSocket() {
-  auto socket = context_->zmqContext()->socketWithType(socketType());
+  auto socket = context_->zmqContext()->makeSocket(socketType(), onMessageThread());
   socket->setInt(0, ZMQ_LINGER);
-  socket->ownedByThread_ = onMessageThread();
-  setSocket(socket);
+  replaceSocket(socket);
   return socket;
 }
 
 void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
   const auto socket = this->socket();
   if (!socket) return;
-  setSocket(nullptr);
+  replaceSocket(nullptr);
   try {
     if (const int limit = int(linger.count()); limit > 0 && socket->linger() >= 0 && socket->linger() < limit)
       socket->setInt(limit, ZMQ_LINGER);

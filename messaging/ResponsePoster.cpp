@@ -12,17 +12,18 @@ static constexpr size_t largestBatch = 256;
 void ResponsePoster::post(std::weak_ptr<QELNKSocket> client, std::shared_ptr<QELNKMessage> message,
                           QELNKMessage::ResponseBlock block) {
   std::unique_lock lock(batches_->mutex);
-  if (batches_->open && batches_->open->calls.size() < largestBatch) {
-    batches_->open->calls.push_back({std::move(message), std::move(block)});
-    return;
+  auto batch = batches_->open;
+  if (!batch || batch->calls.size() == largestBatch) {
+    batch = batches_->open = std::make_shared<Batch>();
+    batch->client = std::move(client);
+    batch->queue = queue_;
   }
-  const auto batch = std::make_shared<Batch>();
-  batch->client = std::move(client);
   batch->calls.push_back({std::move(message), std::move(block)});
-  batches_->open = batch;
+  // One task makes all the calls. A second one finds what is left should a call turn the queue's loop.
+  if (batch->calls.size() > 2) return;
+  ++batch->tasks;
   lock.unlock();
-  const auto queue = queue_;  // it may go with the client as soon as it has the task
-  queue->async([batches = batches_, batch] { run(*batches, batch); });
+  schedule(batches_, std::move(batch));
 }
 
 void ResponsePoster::seal() {
@@ -30,18 +31,29 @@ void ResponsePoster::seal() {
   batches_->open.reset();
 }
 
-void ResponsePoster::run(Batches &batches, const std::shared_ptr<Batch> &batch) {
-  std::vector<Call> calls;
-  {
-    const std::lock_guard lock(batches.mutex);
-    if (batches.open == batch) batches.open.reset();
-    calls.swap(batch->calls);
-  }
-  for (Call &entry : calls) {
-    const Call call = std::move(entry);  // goes with this turn, and the client with it when that was its last holder
-    const auto client = std::static_pointer_cast<QELNKClient>(batch->client.lock());
-    if (!client) continue;
+void ResponsePoster::schedule(const std::shared_ptr<Batches> &batches, std::shared_ptr<Batch> batch) {
+  if (const auto queue = batch->queue.lock())  // it may go with the client as soon as it has the task
+    queue->async([batches, batch = std::move(batch)] { run(batches, batch); });
+}
+
+// What the call held goes with it, and the client too when that was its last holder.
+void ResponsePoster::make(const Call call, const std::weak_ptr<QELNKSocket> &holder) {
+  if (const auto client = std::static_pointer_cast<QELNKClient>(holder.lock()))
     runGuarded("QELNKClient response block", [&] { call.block(client, call.message); });
+}
+
+void ResponsePoster::run(const std::shared_ptr<Batches> &batches, const std::shared_ptr<Batch> &batch) {
+  std::unique_lock lock(batches->mutex);
+  if (batches->open == batch) batches->open.reset();
+  --batch->tasks;
+  while (batch->next < batch->calls.size()) {
+    Call call = std::move(batch->calls[batch->next++]);
+    const bool taskNeeded = batch->tasks == 0 && batch->next < batch->calls.size();
+    batch->tasks += taskNeeded;
+    lock.unlock();
+    if (taskNeeded) schedule(batches, batch);
+    make(std::move(call), batch->client);
+    lock.lock();
   }
 }
 

@@ -10,7 +10,7 @@
 namespace qelnk {
 
 /// Brings finished messages to their callbacks on a queue, in order. Those that finish while the queue is busy share
-/// one task, which costs less than one each.
+/// one task, which costs less than one each; a callback that turns the queue's loop lets the next ones run meanwhile.
 ///
 /// A client that has gone gets no further call. Threads: any.
 class ResponsePoster {
@@ -31,13 +31,18 @@ class ResponsePoster {
   };
   struct Batch {
     std::weak_ptr<QELNKSocket> client;
-    std::vector<Call> calls;  // guarded by the mutex of its Batches until the task takes it
+    std::weak_ptr<Queue> queue;
+    std::vector<Call> calls;  // this and the rest are guarded by the mutex of its Batches
+    size_t next = 0;          // the first that has not begun
+    size_t tasks = 0;         // how many of its tasks wait in the queue
   };
   struct Batches {
     std::mutex mutex;
     std::shared_ptr<Batch> open;  // the one that takes more
   };
-  static void run(Batches &batches, const std::shared_ptr<Batch> &batch);
+  static void schedule(const std::shared_ptr<Batches> &batches, std::shared_ptr<Batch> batch);
+  static void make(Call call, const std::weak_ptr<QELNKSocket> &holder);
+  static void run(const std::shared_ptr<Batches> &batches, const std::shared_ptr<Batch> &batch);
 
   const std::shared_ptr<Queue> queue_;
   const std::shared_ptr<Batches> batches_;

@@ -14,6 +14,7 @@ class SocketPoll {
  public:
   SocketPoll() = default;
   SocketPoll(void *socket, RunLoop &loop);
+  explicit operator bool() const { return socket_ != nullptr; }
 
   /// Which of ZMQ_POLLIN and ZMQ_POLLOUT are ready; -1 on failure, with the error number in errno.
   int events() const;

@@ -7,12 +7,15 @@
 namespace qelnk {
 
 void Semaphore::signal() {
-  std::vector<std::shared_ptr<RunLoop>> woken;  // let go only after the lock
-  const std::lock_guard lock(mutex_);
-  ++count_;
-  // Under the lock, because a waiter that has taken its one may destroy the semaphore.
-  for (const auto &waiter : waiters_)
-    if (auto loop = waiter.lock()) RunLoopThread::wake(*woken.emplace_back(std::move(loop)));
+  std::vector<std::shared_ptr<RunLoop>> loops;
+  {
+    const std::lock_guard lock(mutex_);
+    ++count_;
+    for (const auto &waiter : waiters_)
+      if (auto loop = waiter.lock()) loops.push_back(std::move(loop));
+  }
+  // From here on a waiter that has taken its one may destroy the semaphore.
+  for (const auto &loop : loops) RunLoopThread::wake(*loop);
 }
 
 bool Semaphore::tryWait() {

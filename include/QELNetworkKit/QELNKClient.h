@@ -5,6 +5,7 @@
 #include <QELNetworkKit/QELNKSocket.h>
 
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -37,12 +38,13 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   using ConnectedBlock = std::function<void(const std::shared_ptr<QELNKClient> &client)>;
   using ResponseBlock = QELNKMessage::ResponseBlock;
 
+  /// Null, with a line on the log, for no context.
   static std::shared_ptr<QELNKClient> create(std::shared_ptr<QELNKContext> context);
   ~QELNKClient() override;
 
   /// Starts the io thread, which connects. `onConnected` is called once and may be empty. With syncRequests() it
-  /// returns once the callback has run, or the connection has ended. Once for each client; a second call is refused
-  /// with a line on the log.
+  /// returns once the callback has run, or the connection has ended. While there is a connection a second call is
+  /// refused with a line on the log; after disconnect() the client may connect again, to any host.
   void connectToHost(std::string host, int32_t port, ConnectedBlock onConnected);
 
   /// Queues a request and returns it. With syncRequests() it returns once the request has finished, serving the calling
@@ -53,6 +55,10 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   /// The same with the longest time that it may take, in place of requestTimeout().
   std::shared_ptr<QELNKMessage> sendRequest(qelnk::Value request, ResponseBlock responseBlock,
                                             std::chrono::nanoseconds timeout);
+  /// A plain number is neither a flag nor a duration.
+  template <std::integral Number>
+  requires(!std::same_as<Number, bool>) std::shared_ptr<QELNKMessage> sendRequest(qelnk::Value, ResponseBlock, Number)
+  = delete;
 
   /// Queues a message as it is, in the order of the calls; never waits for the io thread. One that was queued before is
   /// refused with a line on the log.
@@ -64,7 +70,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   /// is not known; a reply that comes later is discarded. A message that has finished stays as it is.
   void cancelMessage(const std::shared_ptr<QELNKMessage> &message);
 
-  /// Closes the connection for good. Every message that has not finished finishes with an error of code ENOTCONN, and
+  /// Closes the connection. Every message that has not finished finishes with an error of code ENOTCONN, and
   /// whoever waits is released.
   void disconnect() override;
 
@@ -96,13 +102,19 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   /// The socket has connected; calls informConnected(). On the io thread.
   virtual void onConnected();
   /// Has the connected callback called on the response queue, and releases who waits for the connection. Any thread.
-  void informConnected();
+  void informConnected() { informConnected(takeConnectedBlock()); }
+  /// The same with a callback that was taken before.
+  void informConnected(ConnectedBlock block);
+  /// The connected callback, which is no longer the client's. Any thread; calls nobody.
+  ConnectedBlock takeConnectedBlock();
   /// The message that `response` answers, or null. Here the oldest one. On the io thread. What an override posts to the
   /// response queue before it returns null runs between the callbacks of the replies around this one.
   virtual std::shared_ptr<QELNKMessage> messageForResponse(const qelnk::Value &response);
   /// The number that a subclass finds a message by, read once when it is queued; none here. On the queueing thread.
   virtual std::optional<int64_t> identifierForMessage(const QELNKMessage &message) const;
-  /// The first message in the list with an identifier, or null. On the io thread.
+  /// The messages that have not finished, the oldest first. On the io thread.
+  std::vector<std::shared_ptr<QELNKMessage>> messages() const;
+  /// The first of them with an identifier, or null. On the io thread.
   std::shared_ptr<QELNKMessage> messageWithIdentifier(int64_t identifier) const;
   /// Finishes a message: schedules its callback, releases who waits for it, takes it off the list. On the io thread.
   void finishMessage(const std::shared_ptr<QELNKMessage> &message);
@@ -123,7 +135,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   void fail(std::shared_ptr<QELNKMessage> message, int32_t code, const char *reason);
   void start();
   void endWithoutThread();
-  ConnectedBlock takeConnectedBlock();
+  void dropConnectedBlock();
   Loop *currentLoop() const;
 
   std::unique_ptr<State> state_;

@@ -37,7 +37,8 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
   // The project.
 
-  /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called.
+  /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called. Never waits, with
+  /// syncRequests() neither.
   void updateWorkflows();
   /// Starts or stops the project, then calls `onDone` (which may be empty).
   void startProject(CommandBlock onDone);
@@ -69,30 +70,31 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
   // Commands for workflows and ports.
 
+  // The requests for one workflow or port return their message, null where nothing is to be sent.
+
   /// Nothing is sent for a workflow that is executing already, or is not for the second.
-  void startWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
-  void stopWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+  std::shared_ptr<QELNKMessage> startWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+  std::shared_ptr<QELNKMessage> stopWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
 
   /// Asks the daemon to set a port; the mirror changes when it has confirmed.
-  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const std::shared_ptr<QELNKOrlinPort> &port,
-                   const qelnk::Value &value);
+  std::shared_ptr<QELNKMessage> setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                                            const std::shared_ptr<QELNKOrlinPort> &port, const qelnk::Value &value);
   /// One request for each port that a key of `values` (a map of port name to value) names; other keys are skipped.
   void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const qelnk::Value &values);
   /// The same from two lists of the same length; lists of different lengths send nothing.
-  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, const std::vector<std::string> &ports,
-                   const std::vector<qelnk::Value> &values);
+  void setWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> ports,
+                   std::vector<qelnk::Value> values);
   /// Sends true to a trig port, true and then false to a bool port, nothing to any other.
   void triggerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::string_view portName);
 
   /// Has the daemon push the values of output ports, and `onUpdate` called for each push. Input ports and unknown names
-  /// are skipped.
-  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
-                        const std::vector<std::string> &updatesForPorts, UpdateBlock onUpdate);
-  void unRegisterWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
-                          const std::vector<std::string> &updatesForPorts);
-  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
-                        const std::vector<std::string> &updatesForPorts, const std::string &command,
+  /// are skipped. The port keeps `onUpdate` until it is unregistered: one that holds the client keeps it alive.
+  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> updatesForPorts,
                         UpdateBlock onUpdate);
+  void unRegisterWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                          std::vector<std::string> updatesForPorts);
+  void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> updatesForPorts,
+                        std::string command, UpdateBlock onUpdate);
 
   /// A request map with the command, the time and the next message identifier; for sendRequest().
   qelnk::Value requestForCommand(std::string_view command);
@@ -118,7 +120,9 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   void releaseConnecting();
   void takePush(const qelnk::Value &data);
   void setProjectRunning(std::string_view command, bool runs, CommandBlock onDone);
-  void setWorkflowExecuting(std::string_view command, const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
-                            bool executes);
+  void loadingFailed(uint64_t opening);
+  std::shared_ptr<QELNKMessage> setWorkflowExecuting(std::string_view command,
+                                                     const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
+                                                     bool executes);
   std::shared_ptr<qelnk::Mirror> mirror_;
 };

@@ -41,6 +41,8 @@ class QELNK_EXPORT QELNKMessage {
       : request_(std::move(request)), responseBlock_(std::move(responseBlock)), responseless_(responseless) {}
 
   const std::optional<qelnk::Value> &request() const { return request_; }
+  /// To be set before it is queued.
+  void setRequest(std::optional<qelnk::Value> request) { request_ = std::move(request); }
   bool isEmptyMessage() const { return !request_.has_value(); }
 
   /// The decoded reply; absent until one has been matched.
@@ -65,7 +67,7 @@ class QELNK_EXPORT QELNKMessage {
   void setResponseBlock(ResponseBlock block) { responseBlock_ = std::move(block); }
 
   /// The longest it may take from being queued to its response; none unless set, which is to be done before it is
-  /// queued.
+  /// queued. On a client that has not connected yet the deadline is looked at once it does.
   std::optional<std::chrono::nanoseconds> timeout() const { return timeout_; }
   void setTimeout(std::optional<std::chrono::nanoseconds> timeout) { timeout_ = timeout; }
 

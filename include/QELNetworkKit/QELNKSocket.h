@@ -45,10 +45,11 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   QELNKSocket &operator=(const QELNKSocket &) = delete;
 
   /// Makes an endpoint of class T, a subclass whose constructor is reachable, with the deleter that ends its thread
-  /// first.
+  /// first. Null, with a line on the log, when there is no context.
   template <class T, class... Arguments>
-  static std::shared_ptr<T> make(Arguments &&...arguments) {
-    return std::shared_ptr<T>(new T(std::forward<Arguments>(arguments)...), Deleter());
+  static std::shared_ptr<T> make(std::shared_ptr<QELNKContext> context, Arguments &&...arguments) {
+    if (!isUsable(context)) return nullptr;
+    return std::shared_ptr<T>(new T(std::move(context), std::forward<Arguments>(arguments)...), Deleter());
   }
 
   /// Ends the connection: the io thread closes the socket at its next pass, which is at once. Does not wait. Ends what
@@ -60,7 +61,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
 
   /// "tcp://HOST:PORT"; endpoints that bind give "*" as host.
   static std::string endPointForHost(const std::string &host, int32_t port);
-  /// The endpoint of the ZeroMQ socket; empty when there is none.
+  /// The endpoint of the ZeroMQ socket, or of the last one; empty when there was none.
   std::string endPoint() const;
 
   /// Stores the calling thread's ZeroMQ error number and text, domain "ZMQ".
@@ -95,6 +96,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
 
   /// The ZeroMQ socket, or null before the endpoint has connected or bound and after it has ended.
   std::shared_ptr<ZMQSocket> socket() const;
+  /// For endpoints without an io thread: one that has a thread refuses it, with a line on the log.
   void setSocket(std::shared_ptr<ZMQSocket> socket);
   const std::shared_ptr<QELNKContext> &context() const { return context_; }
   int32_t messageBody() const { return messageBody_; }
@@ -111,6 +113,9 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Starts the endpoint's thread, which runs ioThread() and then closes the socket. The endpoint must have been made
   /// by make(). Throws std::system_error when the system gives no thread.
   void startThread(const std::string &name);
+  /// Waits for the end of the endpoint's thread, which has been cancelled. Returns false on an io thread, where nobody
+  /// may wait for another.
+  bool joinThread();
   /// The body of the endpoint's thread; returns soon once isCancelled().
   virtual void ioThread() {}
   bool onMessageThread() const;
@@ -134,12 +139,15 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   struct QELNK_EXPORT Deleter {
     void operator()(QELNKSocket *socket) const;
   };
+  static bool isUsable(const std::shared_ptr<QELNKContext> &context);
   std::shared_ptr<IOThread> thread() const;
+  void replaceSocket(std::shared_ptr<ZMQSocket> socket);
 
   std::shared_ptr<QELNKContext> context_;
   std::shared_ptr<qelnk::Clock> clock_;
-  mutable std::mutex mutex_;  // guards socket_, thread_ and dataMark_
+  mutable std::mutex mutex_;  // guards the members down to dataMark_
   std::shared_ptr<ZMQSocket> socket_;
+  std::string lastEndPoint_;
   std::shared_ptr<IOThread> thread_;
   std::optional<double> dataMark_;
   std::atomic<ZMQSocket *> owned_{nullptr};  // socket_, for the thread that owns it

@@ -47,7 +47,9 @@ class QELNK_EXPORT ZMQContext {
 
  private:
   friend class ZMQSocket;
+  friend class QELNKSocket;
   struct Registry;
+  std::shared_ptr<ZMQSocket> makeSocket(int32_t type, bool ownedByThread);
   std::atomic<void *> context_{nullptr};
   std::atomic<bool> terminated_{false};
   std::shared_ptr<Registry> registry_;  // the sockets; outlives the context as long as a socket needs it

@@ -41,8 +41,11 @@ ZMQContext::~ZMQContext() {
   terminate();
 }
 
-std::shared_ptr<ZMQSocket> ZMQContext::socketWithType(int32_t type) {
+std::shared_ptr<ZMQSocket> ZMQContext::socketWithType(int32_t type) { return makeSocket(type, false); }
+
+std::shared_ptr<ZMQSocket> ZMQContext::makeSocket(int32_t type, bool ownedByThread) {
   auto socket = std::make_shared<ZMQSocket>(this, type);
+  socket->ownedByThread_ = ownedByThread;  // before anybody else can find it
   const std::lock_guard lock(registry_->mutex);
   registry_->sockets.insert(socket);
   return socket;

@@ -75,6 +75,10 @@ INSTANTIATE_TEST_SUITE_P(All, MessageBodies,
                                          Body{QELNKMessageBodyData, bytes("raw"), "raw"}));
 
 TEST_F(SocketTest, RefusesWhatCannotBeEncoded) {
+  EXPECT_EQ(QELNKSocket::deserializeData(Data("\xff"
+                                              "a\xc3\xa4\xe2\x82"),
+                                         QELNKMessageBodyString, nullptr),
+            Value("\uFFFDa\u00e4\uFFFD\uFFFD"));
   const Value document = *XMLDocument::parse("<a/>");
   for (const int32_t type : {0, 1, 2, 3, 5}) {
     a->setMessageBody(type);

@@ -26,7 +26,10 @@ std::shared_ptr<Process> shell(const std::string &command, Process::TerminationH
 
 /// From here on the service thread has its own descriptors, and none of a child's.
 void startServiceThread() {
-  Process::launch("/bin/true", {})->waitUntilExit();
+  const auto child = Process::launch("/bin/sleep", {"60"});
+  serviceLoop()->performAndWait([] {});  // only a child that still runs is watched
+  child->signal(SIGKILL);
+  child->waitUntilExit();
   for (int turn = 0; turn < 2; ++turn) serviceLoop()->performAndWait([] {});
 }
 
