@@ -147,7 +147,7 @@ std::chrono::nanoseconds QELNKClient::Loop::longestWait() const {
     limit = std::min<std::chrono::nanoseconds>(limit, retryAt_ - now);
   // A clock of the host's may stand still until it is moved, which wakes the run loop.
   if (const auto deadline = messages_.firstDeadline();
-      deadline != std::chrono::nanoseconds::max() && client_.clock() == qelnk::Clock::system())
+      deadline != std::chrono::nanoseconds::max() && !client_.clock()->isMovedByHand())
     limit = std::min(limit, std::max(deadline - client_.clock()->now(), 0ns));
   return limit;
 }

@@ -2,58 +2,41 @@
 
 #include <QELNetworkKit/RunLoop.h>
 
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <optional>
+#include <future>
 #include <utility>
 
 #include "platform/Guard.h"
 
 namespace qelnk {
 
-/// What a thread waits on whose task is queued on another. The task holds it: a task that is destroyed without having
-/// run ends the wait too.
-class Rendezvous {
- public:
-  void finish(bool ran) {
-    const std::lock_guard lock(mutex_);
-    if (!ran_) ran_ = ran;
-    finished_.notify_all();
-  }
-  bool wait() {
-    std::unique_lock lock(mutex_);
-    finished_.wait(lock, [this] { return ran_.has_value(); });
-    return *ran_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable finished_;
-  std::optional<bool> ran_;
-};
-
-/// A task that somebody waits for.
+/// A task that another thread waits for. One that is destroyed without having been kept ends the wait too.
 class Appointment {
  public:
-  Appointment(Task task, std::shared_ptr<Rendezvous> rendezvous)
-      : task_(std::move(task)), rendezvous_(std::move(rendezvous)) {}
+  explicit Appointment(Task task) : task_(std::move(task)) {}
   ~Appointment() {
-    task_ = nullptr;  // before the waiter goes on: it may refer to what is his
-    rendezvous_->finish(false);
+    if (!ended_) end(false);
   }
   Appointment(const Appointment &) = delete;
   Appointment &operator=(const Appointment &) = delete;
 
+  /// For the one who waits: whether the task has run.
+  std::future<bool> kept() { return kept_.get_future(); }
+
   void keep() {
     runGuarded("RunLoop task", task_);
-    task_ = nullptr;
-    rendezvous_->finish(true);
+    end(true);
   }
 
  private:
+  void end(bool ran) {
+    task_ = nullptr;  // before the waiter goes on: it may refer to what is his
+    ended_ = true;
+    kept_.set_value(ran);
+  }
+
   Task task_;
-  const std::shared_ptr<Rendezvous> rendezvous_;
+  bool ended_ = false;
+  std::promise<bool> kept_;
 };
 
 }  // namespace qelnk

@@ -2,6 +2,8 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <cxxabi.h>
+
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -43,6 +45,9 @@ class Output {
     const auto sink = sink_;
     try {
       sink ? (*sink)(level, line) : standardError_->log(standardErrorLevel(level), line);
+    } catch (const abi::__forced_unwind &) {  // the thread is being ended, which may not be stopped
+      writing_ = false;
+      throw;
     } catch (...) {  // nowhere left to tell it
     }
     writing_ = false;

@@ -2,6 +2,8 @@
 // descriptors have nobody to do so, so the service thread waits for the first of them and asks then. It asks once: the
 // host's closure, when it has run, has it wait again.
 
+#include <system_error>
+
 #include "platform/Guard.h"
 #include "platform/LogFormat.h"
 #include "platform/RunLoopState.h"
@@ -9,11 +11,17 @@
 
 namespace qelnk {
 
+/// How many calls of executors the calling thread is inside of.
+static thread_local int executorsEntered = 0;
+
 void RunLoop::State::setExecutor(Executor next) {
+  auto executor = next ? std::make_shared<const Executor>(std::move(next)) : nullptr;
   News news;
   {
-    const std::lock_guard lock(mutex_);
-    executor_ = next ? std::make_shared<const Executor>(std::move(next)) : nullptr;
+    std::unique_lock lock(mutex_);
+    executor_.swap(executor);  // the old one goes after the lock
+    // Once this returns the host may take down what the old one uses.
+    if (executorsEntered == 0) executorLeft_.wait(lock, [this] { return executorCalls_ == 0; });
     hostAsked_ = false;
     news = newsLocked();  // whatever has been waiting
   }
@@ -21,25 +29,35 @@ void RunLoop::State::setExecutor(Executor next) {
   keepForHost();
 }
 
-/// What the closure that the host is handed holds: if it is dropped unserved, the host is asked again next time.
+/// What the closure that the host is handed holds: if it is dropped unserved, the host is asked again with the next
+/// work, or in a second.
 struct RunLoop::State::HostTurn {
   const std::shared_ptr<State> state;
   bool served = false;
 
   ~HostTurn() {
     if (served) return;
-    const std::lock_guard lock(state->mutex_);
-    state->hostAsked_ = false;
+    {
+      const std::lock_guard lock(state->mutex_);
+      state->hostAsked_ = false;
+    }
+    runGuarded("RunLoop main executor", [this] {
+      serviceLoop()->performAfter(std::chrono::seconds(1), [state = state] { state->keepForHost(); });
+    });
   }
 };
 
 void RunLoop::State::askHost(const Executor &executor) {
+  ++executorsEntered;
   runGuarded("RunLoop main executor", [&] {
     executor([turn = std::shared_ptr<HostTurn>(new HostTurn{shared_from_this()})] {
       turn->served = true;
       turn->state->serveForHost();
     });
   });
+  --executorsEntered;
+  const std::lock_guard lock(mutex_);
+  if (--executorCalls_ == 0) executorLeft_.notify_all();
 }
 
 void RunLoop::State::serveForHost() {
@@ -79,8 +97,14 @@ void RunLoop::State::watchForHost() {
   }
   const auto ask = [state = shared_from_this()] { state->wakeHost(); };
   if (delay) hostWatch_.push_back(serviceLoop()->performAfter(*delay, ask));
-  if (descriptor >= 0)
+  if (descriptor < 0) return;
+  try {
     hostWatch_.push_back(serviceLoop()->watch(descriptor, Readiness::readable, [ask](Readiness) { ask(); }));
+  } catch (const std::system_error &error) {  // out of descriptors, most likely; that passes
+    logError("RunLoop cannot watch for the host yet: {}", error.what());
+    hostWatch_.push_back(
+        serviceLoop()->performAfter(std::chrono::seconds(1), [state = shared_from_this()] { state->watchForHost(); }));
+  }
 }
 
 void RunLoop::State::wakeHost() {

@@ -29,25 +29,24 @@ class SerialQueue final : public Queue {
   void async(Task task) override {
     loop_->perform(std::move(task));
     if (started_) return;
-    const std::lock_guard lock(starting_);
-    if (!started_) started_ = start();
+    try {
+      const std::lock_guard lock(starting_);
+      if (!started_) start();
+    } catch (const std::system_error &error) {  // the next async() tries again
+      logError("Queue {} could not start its thread: {}", label_, error.what());
+    }
   }
 
   bool isCurrent() const override { return loop_->isCurrent(); }
   const std::string &label() const override { return label_; }
 
  private:
-  bool start() {
-    try {
-      startThread(threadName(label_), [loop = loop_, finished = finished_] {
-        RunLoopThread::adopt(loop);
-        while (!*finished) loop->runOnce(std::chrono::nanoseconds::max());  // not run(): a task may call stop()
-      }).detach();
-      return true;
-    } catch (const std::system_error &error) {  // the next async() tries again
-      logError("Queue {} could not start its thread: {}", label_, error.what());
-      return false;
-    }
+  void start() {
+    startThread(threadName(label_), [loop = loop_, finished = finished_] {
+      RunLoopThread::adopt(loop);
+      while (!*finished) loop->runOnce(std::chrono::nanoseconds::max());  // not run(): a task may call stop()
+    }).detach();
+    started_ = true;
   }
 
   const std::string label_;

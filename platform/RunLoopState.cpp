@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -67,6 +68,7 @@ RunLoop::State::News RunLoop::State::newsLocked() {
   sleeping_ = false;
   if (executor_ && !hostAsked_) {
     hostAsked_ = true;
+    ++executorCalls_;
     news.executor = executor_;
   }
   return news;
@@ -136,10 +138,10 @@ bool RunLoop::State::performAndWait(Task task) {
     runTask(task);
     return true;
   }
-  const auto rendezvous = std::make_shared<Rendezvous>();
-  auto appointment = std::make_shared<Appointment>(std::move(task), rendezvous);
-  if (!perform([appointment = std::move(appointment)] { appointment->keep(); })) return false;
-  return rendezvous->wait();
+  auto appointment = std::make_shared<Appointment>(std::move(task));
+  auto kept = appointment->kept();
+  perform([appointment = std::move(appointment)] { appointment->keep(); });
+  return kept.get();
 }
 
 void RunLoop::State::end() {
@@ -241,7 +243,7 @@ Time RunLoop::State::untilNextTimer(Time limit) const {
 void RunLoop::State::setClock(std::shared_ptr<Clock> next) {
   const std::lock_guard lock(mutex_);
   clock.swap(next);
-  movedByHand_ = dynamic_cast<const ManualClock *>(clock.get()) != nullptr;
+  movedByHand_ = clock->isMovedByHand();
   attached_ = false;
 }
 
@@ -271,19 +273,25 @@ std::shared_ptr<LoopSource> RunLoop::State::watch(int fd, Readiness events, Watc
   watch->events = events;
   watch->handler = std::make_shared<const WatchSet::Handler>(std::move(handler));
   News news;
+  std::exception_ptr failure;
   {
     const std::lock_guard lock(mutex_);
-    openWakeDescriptor();
-    if (!watches_.isOpen()) {
-      if (sleeping_) {  // another thread's call: the loop has to leave its wait for the condition
-        woken_ = true;
-        news = newsLocked();
+    try {
+      openWakeDescriptor();
+      if (!watches_.isOpen()) {
+        if (sleeping_) {  // another thread's call: the loop has to leave its wait for the condition
+          woken_ = true;
+          news = newsLocked();
+        }
+        watches_.open(wakeDescriptor_);
       }
-      watches_.open(wakeDescriptor_);
+      watches_.add(watch);
+    } catch (...) {
+      failure = std::current_exception();
     }
-    watches_.add(watch);
   }
   bring(news);
+  if (failure) std::rethrow_exception(failure);
   keepForHost();
   return std::make_shared<Source<WatchSet::Watch, State>>(weak_from_this(), std::move(watch));
 }

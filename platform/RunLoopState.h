@@ -20,7 +20,7 @@ using Executor = std::function<void(Task)>;
 ///
 /// The loop's own thread waits on a condition variable, until something is watched: from then on it waits in the watch
 /// set. A second descriptor, the wake descriptor, is made for whichever needs it first: the watch set, or a thread that
-/// waits in a poll of its own. Nothing is called, and nothing of the host's destroyed, under the mutex.
+/// waits in a poll of its own. Nothing but the clock is called, and nothing of the host's destroyed, under the mutex.
 struct RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
   using Time = std::chrono::nanoseconds;
 
@@ -51,7 +51,7 @@ struct RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
   std::shared_ptr<Clock> clock = Clock::system();
 
  private:
-  /// What brings news to the loop's thread or to the host, to be done with the mutex given back.
+  /// What brings news to the loop's thread or to the host, to be done with the mutex given back, and in any case.
   struct News {
     bool notify = false;
     int descriptor = -1;
@@ -110,6 +110,8 @@ struct RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
 
   // The main loop in a host with a loop of its own.
   std::shared_ptr<const Executor> executor_;
+  int executorCalls_ = 0;                               // under way, or about to be
+  std::condition_variable executorLeft_;                // there are none any more
   bool hostAsked_ = false;                              // it has a closure that it has not run yet
   std::vector<std::shared_ptr<LoopSource>> hostWatch_;  // the service thread's, which asks the host at the next event
   std::optional<Time> hostWatchDeadline_;               // what it waits for

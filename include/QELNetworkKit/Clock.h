@@ -24,6 +24,9 @@ class QELNK_EXPORT Clock {
   /// Wall-clock time in seconds since 1970-01-01 00:00 UTC; may jump when the system's clock is set.
   virtual double wallTime() const = 0;
 
+  /// Whether time stands still here until somebody moves it: real waits do not bring a deadline nearer.
+  virtual bool isMovedByHand() const { return false; }
+
   /// Tells a clock that `loop` has timers on it. A clock that is moved by hand wakes such loops when it moves.
   virtual void attach(const std::weak_ptr<RunLoop> &loop);
 
@@ -39,6 +42,7 @@ class QELNK_EXPORT ManualClock final : public Clock {
 
   std::chrono::nanoseconds now() const override;
   double wallTime() const override;
+  bool isMovedByHand() const override { return true; }
   void attach(const std::weak_ptr<RunLoop> &loop) override;
 
   /// Moves both times forward and wakes the loops that have timers here. Returns before their timers have run.

@@ -18,7 +18,7 @@ class Queue;
 class QELNK_EXPORT QELNKContext {
  public:
   /// The process's context, made on first use; its callbacks run on the main queue. None after
-  /// terminateSharedContext().
+  /// terminateSharedContext(). Throws ZMQException when ZeroMQ makes none.
   static std::shared_ptr<QELNKContext> sharedContext();
 
   /// A new context with one serial queue of its own for both, so that no callback runs on the main queue.

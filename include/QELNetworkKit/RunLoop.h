@@ -11,7 +11,7 @@
 namespace qelnk {
 
 /// A piece of work handed from one thread to another. It is destroyed on the thread that ran it, or where it was
-/// refused.
+/// refused or cancelled.
 using Task = std::function<void()>;
 
 /// What a file descriptor is watched for; the values may be added up.
@@ -32,7 +32,7 @@ class QELNK_EXPORT LoopSource {
 /// A run loop: serves the requests, timers and descriptor events of one thread, in order.
 ///
 /// Threads: each thread has one, made on first use, which ends with its thread; whoever holds a reference longer than
-/// that gets `false` from perform(). perform(), performAndWait(), performAfter(), cancelPerforms(), stop() and
+/// that gets `false` from perform(). perform(), performAndWait(), performAfter(), cancelPerforms(), watch(), stop() and
 /// isCurrent() may be called from any thread; everything else belongs to the loop's own thread. A task runs with no
 /// lock held and may do anything, turning the loop again included.
 class QELNK_EXPORT RunLoop {
@@ -95,8 +95,9 @@ class QELNK_EXPORT RunLoop {
   void setClock(std::shared_ptr<Clock> clock);
 
   /// For the main loop of a host that runs a loop of its own (GTK, Qt, a game loop): `executor` is handed a closure,
-  /// from any thread, each time work arrives or a timer is due, and must run it on the main thread soon. A synchronous
-  /// call made on the main thread serves the main loop by itself meanwhile. An empty function takes it back.
+  /// from any thread, each time work arrives or a timer is due, and must queue it, to be run on the main thread soon.
+  /// A synchronous call made on the main thread serves the main loop by itself meanwhile. An empty function takes it
+  /// back: once that has returned the old one is not called any more, so it must not be waiting for the caller.
   static void setMainExecutor(std::function<void(Task)> executor);
 
  private:

@@ -156,6 +156,30 @@ TEST_F(HostLoop, IsAskedAgainWhenItDroppedTheClosure) {
   EXPECT_TRUE(serveUntil([&] { return first && second; }));
 }
 
+TEST_F(HostLoop, TakenBackExecutorIsNeitherCalledNorHeldAnyMore) {
+  for (int round = 0; round < 50; ++round) {
+    std::atomic<bool> entered = false, alive = true, wrong = false;
+    const auto unserved = std::make_shared<std::vector<Task>>();  // goes with the executor, and with it the closure
+    RunLoop::setMainExecutor([&, held = unserved](Task task) {
+      entered = true;
+      std::this_thread::yield();
+      wrong = wrong || !alive;
+      held->push_back(std::move(task));
+    });
+    std::thread other([] { Queue::main()->async([] {}); });
+    while (!entered) std::this_thread::yield();
+    RunLoop::setMainExecutor(nullptr);
+    alive = false;
+    other.join();
+    EXPECT_FALSE(wrong);
+    EXPECT_EQ(unserved.use_count(), 1);
+  }
+  bool ran = false;  // an executor may take itself back
+  RunLoop::setMainExecutor([](auto &&) { RunLoop::setMainExecutor(nullptr); });
+  Queue::main()->async([&] { ran = true; });
+  EXPECT_TRUE(test::eventually([&] { return ran; }));
+}
+
 TEST_F(HostLoop, ClosureOnAnotherThreadIsReportedAndServesNothing) {
   const test::CapturedLog log;
   bool ran = false;
