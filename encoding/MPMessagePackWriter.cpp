@@ -36,10 +36,11 @@ class Sink {
   Sink() { grow(512); }
 
   /// Writes an item by `write(cursor, error)`, which returns success. A payload of `payload` bytes may follow its
-  /// header.
+  /// header. One too long for the format gets no room: the codec refuses it before it writes a byte.
   template <class Write>
   bool item(size_t payload, Write write) {
-    if (size_t(end_ - cursor_) < payload + longestHeader) grow(payload + longestHeader);
+    const size_t room = longestHeader + (payload <= UINT32_MAX ? payload : 0);
+    if (size_t(end_ - cursor_) < room) grow(room);
     Cursor cursor{cursor_};
     uint8_t error = 0;
     const bool written = write(cursor, error);

@@ -1,8 +1,6 @@
 #include <QELNetworkKit/cmp.h>
 #include <encoding/CmpCodec.h>
 
-#include <iterator>
-
 using namespace qelnk::cmp;
 
 namespace {
@@ -125,27 +123,29 @@ void cmp_init(cmp_context *ctx, void *buf, cmp_reader read, cmp_writer write) {
 uint32_t cmp_version(void) { return 10; }
 uint32_t cmp_mp_version(void) { return 5; }
 
+const char *const cmp_error_messages[CMP_ERROR_MAX + 1] = {
+    "No Error",
+    "Specified string data length is too long (> 0xFFFFFFFF)",
+    "Specified binary data length is too long (> 0xFFFFFFFF)",
+    "Specified array length is too long (> 0xFFFFFFFF)",
+    "Specified map length is too long (> 0xFFFFFFFF)",
+    "Input value is too large",
+    "Error writing fixed value",
+    "Error reading type marker",
+    "Error writing type marker",
+    "Error reading packed data",
+    "Error writing packed data",
+    "Error reading ext type",
+    "Error writing ext type",
+    "Invalid type",
+    "Error reading size",
+    "Error writing size",
+    "Max Error",
+};
+
 const char *cmp_strerror(const cmp_context *ctx) {
-  static constexpr const char *texts[] = {
-      "",
-      "Specified string data length is too long (> 0xFFFFFFFF)",
-      "Specified binary data length is too long (> 0xFFFFFFFF)",
-      "Specified array length is too long (> 0xFFFFFFFF)",
-      "Specified map length is too long (> 0xFFFFFFFF)",
-      "Input value is too large",
-      "Error writing fixed value",
-      "Error reading type marker",
-      "Error writing type marker",
-      "Error reading packed data",
-      "Error writing packed data",
-      "Error reading ext type",
-      "Error writing ext type",
-      "Invalid type",
-      "Error reading size",
-      "Error writing size",
-  };
-  static_assert(std::size(texts) == CMP_ERROR_MAX);
-  return ctx->error < CMP_ERROR_MAX ? texts[ctx->error] : "";
+  const bool hasText = ctx->error > CMP_ERROR_NONE && ctx->error < CMP_ERROR_MAX;
+  return hasText ? cmp_error_messages[ctx->error] : "";
 }
 
 // ---- Writers that choose the smallest form ----

@@ -133,6 +133,9 @@ QELNK_EXPORT uint32_t cmp_mp_version(void);
 /// The text of the context's error, never null, never released; empty when there is none or the code is unknown.
 QELNK_EXPORT const char *cmp_strerror(const cmp_context *ctx);
 
+/// The texts by their codes. Those of CMP_ERROR_NONE and CMP_ERROR_MAX stand only here: cmp_strerror() gives neither.
+QELNK_EXPORT extern const char *const cmp_error_messages[CMP_ERROR_MAX + 1];
+
 // ---- Writers that choose the smallest form that holds the value ----
 
 /// A number of zero or more goes out unsigned, whichever of the two writes it.
