@@ -1,8 +1,16 @@
 #include <QELNetworkKit/QELNKKORVALDaemonClient.h>
+#include <QELNetworkKit/RunLoop.h>
+
+#include "platform/LogFormat.h"
 
 std::shared_ptr<QELNKKORVALDaemonClient> QELNKKORVALDaemonClient::create(std::shared_ptr<QELNKContext> context,
                                                                          std::shared_ptr<QELNKOrlinDaemon> daemon) {
-  return make<QELNKKORVALDaemonClient>(std::move(context), std::move(daemon));
+  auto client = make<QELNKKORVALDaemonClient>(std::move(context), daemon);
+  if (client && daemon)
+    daemon->whenEnded([weak = std::weak_ptr<QELNKSocket>(client)] {
+      if (const auto ended = weak.lock()) ended->disconnect();
+    });
+  return client;
 }
 
 QELNKKORVALDaemonClient::QELNKKORVALDaemonClient(std::shared_ptr<QELNKContext> context,
@@ -17,8 +25,16 @@ QELNKKORVALDaemonClient::~QELNKKORVALDaemonClient() = default;
 // scheduled rather than sent synchronously, because a daemon that has died with many requests unread takes no more, and
 // only the end of its process tells.
 void QELNKKORVALDaemonClient::quit() {
-  if (!daemon_ || !daemon_->task()) return QELNKKORVALClient::quit();
-  scheduleMessage(messageForRequest(requestForCommand("quit"), nullptr, true));
+  const auto process = daemon_ ? daemon_->task() : nullptr;
+  if (!process) return QELNKKORVALClient::quit();
+  const auto self = weak_from_this().lock();  // the last reference may go while this waits
+  const auto message = messageForRequest(requestForCommand("quit"), nullptr, true);
+  scheduleMessage(message);
+  const auto loop = qelnk::RunLoop::current();
+  while (!message->isFinished() && process->isRunning()) loop->runOnce(std::chrono::milliseconds(5));
+  if (message->isFinished() && message->error() && process->isRunning())
+    return qelnk::logError("QELNKKORVALDaemonClient cannot tell {} to quit: {}", daemon_->description(),
+                           message->error().description);
   daemon_->quit();
   disconnect();
 }

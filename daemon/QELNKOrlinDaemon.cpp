@@ -35,3 +35,21 @@ void QELNKOrlinDaemon::setTask(std::shared_ptr<qelnk::Process> task) {
 std::string QELNKOrlinDaemon::description() const {
   return fmt::format("orlin daemon with project {} on port {}", project(), port_);
 }
+
+void QELNKOrlinDaemon::whenEnded(const std::function<void()> &notice) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!hasEnded_) return notices_.push_back(notice);
+  }
+  notice();
+}
+
+void QELNKOrlinDaemon::noteEnd() {
+  std::vector<std::function<void()>> notices;
+  {
+    const std::lock_guard lock(mutex_);
+    hasEnded_ = true;
+    notices.swap(notices_);
+  }
+  for (const auto &notice : notices) notice();
+}

@@ -17,21 +17,45 @@ using DaemonClient = std::shared_ptr<QELNKKORVALDaemonClient>;
 
 /// The daemons that run. The handler of each process's end holds it too, so it may outlive its spawner.
 struct QELNKOrlinDaemonSpawner::Tracked {
-  mutable std::mutex mutex;
+  std::mutex changing;  // held while a daemon is started or its end is told: one that ends at once is told in order
+  mutable std::mutex mutex;  // guards the list; nothing is called under it
   std::condition_variable emptied;
   std::vector<Daemon> daemons;
 
-  bool usesPort(int64_t port) const {
-    return std::any_of(daemons.begin(), daemons.end(), [&](const Daemon &daemon) { return daemon->port() == port; });
-  }
-  void remove(const Daemon &daemon);
+  int64_t freePort(int64_t port) const;
+  size_t add(const Daemon &daemon);
+  void ended(const Daemon &daemon, const qelnk::Process &process);
 };
 
-void QELNKOrlinDaemonSpawner::Tracked::remove(const Daemon &daemon) {
-  const std::lock_guard lock(mutex);  // held while a daemon is started, so one that ends at once is in the list by now
+int64_t QELNKOrlinDaemonSpawner::Tracked::freePort(int64_t port) const {
+  const std::lock_guard lock(mutex);
+  while (std::ranges::any_of(daemons, [&](const Daemon &daemon) { return daemon->port() == port; })) ++port;
+  return port;
+}
+
+size_t QELNKOrlinDaemonSpawner::Tracked::add(const Daemon &daemon) {
+  const std::lock_guard lock(mutex);
+  daemons.push_back(daemon);
+  return daemons.size();
+}
+
+static void tell(const char *what, const Daemon &daemon, size_t running) {
+  if (QLGetHandle().enabled(qelnk::LogLevel::debug))
+    qelnk::logDebug("{} orlin daemon {}, {} running", what, daemon->description(), running);
+}
+
+void QELNKOrlinDaemonSpawner::Tracked::ended(const Daemon &daemon, const qelnk::Process &process) {
+  const std::lock_guard order(changing);
+  std::unique_lock lock(mutex);
   std::erase(daemons, daemon);
-  qelnk::logDebug("Exited orlin daemon {}, {} running", daemon->description(), daemons.size());
-  if (daemons.empty()) emptied.notify_all();
+  const size_t running = daemons.size();
+  lock.unlock();
+  tell("Exited", daemon, running);
+  if (const auto status = process.status(); status && (status->signalled || status->code != 0))
+    qelnk::logError("QELNKOrlinDaemonSpawner: {} ended {} {}", daemon->description(),
+                    status->signalled ? "by signal" : "with exit code", status->code);
+  if (running == 0) emptied.notify_all();
+  daemon->noteEnd();
 }
 
 static std::string below(const std::filesystem::path &folder, const char *path) { return folder / path; }
@@ -70,15 +94,16 @@ Daemon QELNKOrlinDaemonSpawner::spawnDaemonWithProject(const std::string &projec
   const int64_t heapSize = properties[QELNKOrlinDaemonMaxHeapSize].integerValue();
   const int64_t webSocketPort = std::max<int64_t>(0, properties[QELNKOrlinDaemonWebSocketPort].integerValue());
   std::error_code ignored;
-  if (!std::filesystem::exists(project, ignored)) return std::make_shared<QELNKOrlinDaemon>(project, 0, 0, nullptr);
-
-  const std::lock_guard lock(tracked_->mutex);
-  int64_t port = basePort_;
-  while (tracked_->usesPort(port)) ++port;
+  if (!std::filesystem::exists(project, ignored)) {
+    qelnk::logError("QELNKOrlinDaemonSpawner starts nothing: there is no project {}", project);
+    return std::make_shared<QELNKOrlinDaemon>(project, 0, 0, nullptr);
+  }
+  const std::lock_guard order(tracked_->changing);
+  const int64_t port = tracked_->freePort(basePort_);
+  if (port == 0) qelnk::logError("QELNKOrlinDaemonSpawner has no base port: no client will find the daemon");
   auto daemon = std::make_shared<QELNKOrlinDaemon>(project, port, webSocketPort, nullptr);
   start(daemon, arguments(project, port, heapSize, webSocketPort));
-  tracked_->daemons.push_back(daemon);
-  qelnk::logDebug("Started orlin daemon {}, {} running", daemon->description(), tracked_->daemons.size());
+  tell("Started", daemon, tracked_->add(daemon));
   return daemon;
 }
 
@@ -88,8 +113,8 @@ void QELNKOrlinDaemonSpawner::start(const Daemon &daemon, const std::vector<std:
     // The handler holds the daemon weakly: the daemon holds the process, and with it perhaps the handler.
     daemon->setTask(qelnk::Process::launch(
         javaPath_, arguments,
-        [tracked = tracked_, weakly = std::weak_ptr(daemon)](const std::shared_ptr<qelnk::Process> &) {
-          if (const auto ended = weakly.lock()) tracked->remove(ended);
+        [tracked = tracked_, weakly = std::weak_ptr(daemon)](const std::shared_ptr<qelnk::Process> &process) {
+          if (const auto daemon = weakly.lock()) tracked->ended(daemon, *process);
         }));
   } catch (const qelnk::ProcessError &error) {
     qelnk::logError("QELNKOrlinDaemonSpawner could not start orlin daemon: {}", error.what());
@@ -114,14 +139,15 @@ DaemonClient QELNKOrlinDaemonSpawner::spawnConnectedDaemonWithProject(const std:
 
 DaemonClient QELNKOrlinDaemonSpawner::spawnClient(const std::string &project, const Value &properties,
                                                   std::shared_ptr<QELNKContext> context) {
+  if (!context) return nullptr;
   auto client = QELNKKORVALDaemonClient::create(std::move(context), spawnDaemonWithProject(project, properties));
   client->setSyncRequests(properties[QELNKOrlinDaemonSyncRequests].boolValue());
   return client;
 }
 
 void QELNKOrlinDaemonSpawner::connect(const DaemonClient &client, ConnectedDaemonBlock onConnected) {
-  // Where nothing was started nobody will answer. Who wants to wait is not kept waiting, for the connection or later
-  // for a request: it is ended at once.
+  // Port 0 is nobody's: nothing was started, or it was given no port. Who wants to wait is not kept waiting, for the
+  // connection or later for a request: it is ended at once.
   const bool isHopeless = client->syncRequests() && client->daemon()->port() == 0;
   if (isHopeless) client->setSyncRequests(false);
   client->connectToHost("localhost", int32_t(client->daemon()->port()),

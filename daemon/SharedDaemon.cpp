@@ -36,16 +36,22 @@ struct SharedClient {
   std::atomic<bool> isReady{false};
   qelnk::Semaphore ready;
 
-  void setReady() {
-    isReady = true;
-    ready.signal();
-  }
-  // Each who waits passes the word on to the next. He serves his run loop meanwhile: on the main thread the one who
-  // connects needs it.
+  // Each who waits passes the word on to the next. He serves his run loop meanwhile: what is served may ask for the
+  // client too, and on the main thread the connected callback needs it.
   void waitUntilReady() {
     if (isReady) return;
     ready.wait();
     ready.signal();
+  }
+};
+
+/// Goes with the connected callback, which is let go once it has been called, or will never be.
+struct ReadyWithCallback {
+  SharedClient &shared;
+  explicit ReadyWithCallback(SharedClient &of) : shared(of) {}
+  ~ReadyWithCallback() {
+    shared.isReady = true;
+    shared.ready.signal();
   }
 };
 
@@ -68,15 +74,15 @@ std::shared_ptr<QELNKKORVALDaemonClient> QELNKOrlinDaemonSpawner::sharedClient()
   {
     const std::lock_guard lock(shared.mutex);
     if (!shared.client) {
-      shared.client = sharedSpawner()->spawnClient(
-          qelnk::emptyProject(), Value::map({{QELNKOrlinDaemonSyncRequests, true}}), QELNKContext::sharedContext());
+      shared.client = sharedSpawner()->spawnClient(qelnk::emptyProject(), {}, QELNKContext::sharedContext());
       if (!shared.client) return nullptr;
       isFirst = true;
     }
   }
   if (isFirst) {
-    connect(shared.client, nullptr);
-    shared.setReady();
+    connect(shared.client, [word = std::make_shared<ReadyWithCallback>(shared)](auto &) {});
+    shared.client->setSyncRequests(true);
+    if (shared.client->daemon()->port() == 0) shared.client->disconnect();
   }
   shared.waitUntilReady();
   return shared.client;

@@ -29,7 +29,10 @@ std::optional<UserSettings::Setting> settingOf(simdjson::dom::element element) {
 
 Settings readSettings(const fs::path &file) {
   std::error_code failure;
-  if (file.empty() || !fs::exists(file, failure)) return {};
+  if (file.empty() || !fs::exists(file, failure)) {
+    if (failure) logError("UserSettings could not read {}: {}", file.string(), failure.message());
+    return {};
+  }
   simdjson::dom::parser parser;
   simdjson::dom::object object;
   if (const auto error = parser.load(file.string()).get_object().get(object)) {
@@ -70,7 +73,11 @@ fs::path configurationFolder() {
 
 std::string programName() {
   std::error_code failure;
-  return fs::read_symlink("/proc/self/exe", failure).filename().string();
+  std::string name = fs::read_symlink("/proc/self/exe", failure).filename().string();
+  constexpr std::string_view replaced =
+      " (deleted)";  // behind the name once another file has taken the program's place
+  if (name.ends_with(replaced)) name.resize(name.size() - replaced.size());
+  return name;
 }
 
 fs::path settingsFile(const std::string &application) {

@@ -6,15 +6,17 @@
 
 #include <memory>
 
-/// The client of a daemon that this process launched.
+/// The client of a daemon that this process launched. When the daemon's process ends the client disconnects: another
+/// daemon may get the same port.
 class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
  public:
   static std::shared_ptr<QELNKKORVALDaemonClient> create(std::shared_ptr<QELNKContext> context,
                                                          std::shared_ptr<QELNKOrlinDaemon> daemon);
   ~QELNKKORVALDaemonClient() override;
 
-  /// Asks the daemon to exit, waits until its process has ended, and disconnects. Not on the response queue. A daemon
-  /// that is still starting gets to hear it. Where there is no process (any more) it does not wait.
+  /// Asks the daemon to exit, waits until its process has ended, and disconnects; until then updates still come. Not on
+  /// the response queue. A daemon that is still starting gets to hear it. Where there is no process (any more), or no
+  /// connection to ask it on, it does not wait.
   void quit() override;
 
   const std::shared_ptr<QELNKOrlinDaemon> &daemon() const { return daemon_; }

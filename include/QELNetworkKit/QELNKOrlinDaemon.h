@@ -4,9 +4,11 @@
 #include <QELNetworkKit/Process.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 /// One daemon that was launched.
 ///
@@ -34,10 +36,16 @@ class QELNK_EXPORT QELNKOrlinDaemon {
 
  private:
   friend class QELNKOrlinDaemonSpawner;
+  friend class QELNKKORVALDaemonClient;
   void setTask(std::shared_ptr<qelnk::Process> task);
+  /// Has `notice` called once the process has ended, here if it has already.
+  void whenEnded(const std::function<void()> &notice);
+  void noteEnd();
 
   const int64_t port_, webSocketPort_;
   mutable std::mutex mutex_;  // guards what follows
   std::string project_;
   std::shared_ptr<qelnk::Process> task_;
+  bool hasEnded_ = false;
+  std::vector<std::function<void()>> notices_;
 };

@@ -44,7 +44,8 @@ class QELNK_EXPORT QELNKOrlinDaemonSpawner {
   std::shared_ptr<QELNKOrlinDaemon> spawnDaemonWithProject(const std::string &project, const qelnk::Value &properties);
 
   /// The same, with a client on the shared context that is being connected to it; `onConnected` is called once its
-  /// mirror is complete. Null, with nothing launched, when the shared context has been terminated.
+  /// mirror is complete. Null, with nothing launched, when the shared context has been terminated. A client that waits
+  /// (QELNKOrlinDaemonSyncRequests) for a daemon without a port is disconnected at once.
   std::shared_ptr<QELNKKORVALDaemonClient> spawnConnectedDaemonWithProject(const std::string &project,
                                                                            const qelnk::Value &properties,
                                                                            ConnectedDaemonBlock onConnected);

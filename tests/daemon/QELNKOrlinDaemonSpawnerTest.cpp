@@ -1,5 +1,6 @@
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
+#include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/UserSettings.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -139,7 +140,7 @@ TEST_F(OrlinDaemonSpawner, GivesItsDaemonsNoDescriptors) {
 }
 
 TEST_F(OrlinDaemonSpawner, StartsNothingForAProjectThatIsNotThere) {
-  const CapturedLog quiet(LogLevel::off);
+  const CapturedLog log;
   const auto client = spawner_.spawnConnectedDaemonWithProject(
       "/nowhere/show.prj", Value::map({{"syncRequests", true}, {"webSocket", 8080}}),
       [](const auto &) { ADD_FAILURE() << "not connected"; }, QELNKContext::contextWithBackgroundQueue());
@@ -150,6 +151,22 @@ TEST_F(OrlinDaemonSpawner, StartsNothingForAProjectThatIsNotThere) {
   client->startProject([](const auto &, const auto &message) { EXPECT_TRUE(message->error()); });
   client->quit();
   spawner_.stopAllDaemons();
+  EXPECT_TRUE(log.contains("there is no project /nowhere/show.prj"));
+  EXPECT_EQ(spawner_.spawnConnectedDaemonWithProject(bundle_.project().string(), {}, nullptr, nullptr), nullptr);
+  EXPECT_FALSE(log.contains("Starting"));
+}
+
+TEST_F(OrlinDaemonSpawner, TellsOfADaemonThatNobodyCanReach) {
+  const CapturedLog log;
+  QELNKOrlinDaemonSpawner spawner(bundle_.path().string(), 0);
+  const auto client =
+      spawner.spawnConnectedDaemonWithProject(bundle_.project().string(), Value::map({{"syncRequests", true}}), nullptr,
+                                              QELNKContext::contextWithBackgroundQueue());
+  EXPECT_TRUE(log.contains("QELNKOrlinDaemonSpawner has no base port"));
+  client->quit();  // tells nobody, and waits for nobody
+  EXPECT_TRUE(log.contains("cannot tell orlin daemon"));
+  end(*client->daemon());
+  spawner.stopAllDaemons();
 }
 
 TEST_F(OrlinDaemonSpawner, ThrowsWhereJavaIsMissing) {
@@ -217,6 +234,21 @@ TEST(KORVALDaemonClient, ConnectsAndQuits) {
   EXPECT_TRUE(eventually([&] { return !client->socket() && spawner.runningDaemons() == 0; }));
 }
 
+TEST(KORVALDaemonClient, EndsWithItsDaemon) {
+  const CapturedLog log;
+  const int32_t port = FakeDaemon().port();  // where nobody listens
+  const Bundle dying("exit 3");
+  QELNKOrlinDaemonSpawner spawner(dying.path().string(), port);
+  for (const bool sync : {true, false}) {  // connecting would wait for ever
+    const auto client = spawner.spawnConnectedDaemonWithProject(
+        dying.project().string(), Value::map({{"syncRequests", sync}}), [](auto &) { ADD_FAILURE(); },
+        QELNKContext::contextWithBackgroundQueue());
+    EXPECT_TRUE(eventually([&] { return client->pendingMessages() == 0 && !client->socket(); }));
+    client->quit();
+  }
+  EXPECT_TRUE(eventually([&] { return log.count("ended with exit code 3") == 2; }));
+}
+
 TEST(KORVALDaemonClient, QuitsADaemonThatDoesNotListenYet) {
   const CapturedLog quiet(LogLevel::off);
   const int32_t port = FakeDaemon().port();
@@ -274,7 +306,10 @@ TEST(SharedDaemon, IsLaunchedOnceAndConnectedForEveryCaller) {
     elsewhere = QELNKOrlinDaemonSpawner::sharedClient();
     workflows = elsewhere->numberOfWorkflows();
   });
+  std::shared_ptr<QELNKKORVALDaemonClient> nested;
+  RunLoop::main()->perform([&] { nested = QELNKOrlinDaemonSpawner::sharedClient(); });
   const auto client = QELNKOrlinDaemonSpawner::sharedClient();
+  EXPECT_EQ(nested, client);
   EXPECT_EQ(client->numberOfWorkflows(), 3u);
   EXPECT_TRUE(client->syncRequests());
   EXPECT_EQ(fs::path(client->daemon()->project()).filename(), "Empty.prj");
