@@ -35,9 +35,9 @@ void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait
 // Connecting.
 
 void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
-  if (state_->phase == State::Phase::stopping && !joinThread())
-    return qelnk::logError("QELNKClient cannot connect to {} on the thread that is disconnecting",
-                           endPointForHost(host, port));
+  // The last connection's thread may still be at its end, and uses the same members.
+  if (state_->phase >= State::Phase::stopping && !joinThread())
+    return qelnk::logError("QELNKClient cannot connect to {} again on an io thread", endPointForHost(host, port));
   std::shared_ptr<qelnk::Semaphore> connected;
   bool refused;
   {
@@ -121,7 +121,10 @@ void QELNKClient::dropConnectedBlock() {
   state_->responses.seal();
   context()->responseQueue()->async([weak = weak_from_this()] {
     const auto self = std::static_pointer_cast<QELNKClient>(weak.lock());
-    if (self && self->state_->phase == State::Phase::ended) self->takeConnectedBlock();
+    if (!self) return;
+    ConnectedBlock dropped;  // goes after the lock
+    const std::lock_guard lock(self->state_->mutex);
+    if (self->state_->phase == State::Phase::ended) dropped.swap(self->state_->connectedBlock);
   });
 }
 

@@ -44,7 +44,8 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
 
   /// Starts the io thread, which connects. `onConnected` is called once and may be empty. With syncRequests() it
   /// returns once the callback has run, or the connection has ended. While there is a connection a second call is
-  /// refused with a line on the log; after disconnect() the client may connect again, to any host.
+  /// refused with a line on the log; after disconnect() the client may connect again, to any host, but not on an io
+  /// thread.
   void connectToHost(std::string host, int32_t port, ConnectedBlock onConnected);
 
   /// Queues a request and returns it. With syncRequests() it returns once the request has finished, serving the calling

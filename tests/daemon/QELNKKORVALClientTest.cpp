@@ -1,6 +1,7 @@
 #include <QELNetworkKit/PQODictionary.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKKORVALClient.h>
+#include <QELNetworkKit/RunLoop.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 
 using namespace qelnk;
 using namespace qelnk::test;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -297,6 +299,28 @@ TEST(KORVALLife, EndsInItsCallbacks) {
   LastReference answered(connectedClient(daemon));
   answered->startProject([&](const auto &, const auto &) { answered.letGo(); });
   EXPECT_TRUE(eventually([&] { return answered.isDestroyed(); }));
+}
+
+// What a call serves while it waits may let go of the client and of all that the call was given.
+TEST(KORVALLife, EndsInsideASynchronousCall) {
+  FakeDaemon daemon(exampleWorkflows());
+  for (const bool registering : {false, true}) {
+    auto client = QELNKKORVALClient::create(QELNKContext::sharedContext());
+    client->setSyncRequests(true);
+    client->connectToHost("localhost", daemon.port(), nullptr);
+    auto workflow = client->workflowWithID("a");
+    ASSERT_TRUE(workflow);
+    const std::weak_ptr weakly = client;
+    RunLoop::main()->performAfter(0ms, [&] {
+      client = nullptr;
+      workflow = nullptr;
+    });
+    if (registering)
+      client->registerWorkflow(workflow, {"port out", "port out"}, nullptr);
+    else
+      client->setWorkflow(workflow, Value::map({{"port in", 1}, {"port on", true}}));
+    EXPECT_TRUE(eventually([&] { return weakly.expired(); }));
+  }
 }
 
 // Ending, and synchronous calls.

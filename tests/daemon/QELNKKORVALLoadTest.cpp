@@ -1,6 +1,7 @@
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKKORVALClient.h>
 #include <QELNetworkKit/Queue.h>
+#include <QELNetworkKit/RunLoop.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 
 using namespace qelnk;
 using namespace qelnk::test;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -212,6 +214,23 @@ TEST_P(KORVALLoadCut, GivesWayToAProjectOpenedMeanwhile) {
   EXPECT_EQ(client->numberOfWorkflows(), 3u);
   EXPECT_EQ(loaded, 1);
   EXPECT_EQ(connected, 0);
+}
+
+TEST(KORVALLoad, ComesAfterAnOpeningThatFailed) {
+  FakeDaemon daemon(exampleWorkflows());
+  const auto client = connectedClient(daemon);
+  daemon.setScript([](const Value &request, std::vector<Value> answers) {
+    return request["command"] == Value("openProject") ? std::vector<Value>() : answers;
+  });
+  const CapturedLog log;
+  client->setRequestTimeout(20ms);
+  client->loadProject("slow.prj", [client](const auto &) { ADD_FAILURE(); });
+  ASSERT_TRUE(eventually([&] { return log.contains("could not load project slow.prj") && !client->connectedBlock(); }));
+  client->setRequestTimeout(std::nullopt);
+  std::atomic<bool> loaded{false};
+  client->setConnectedBlock([&](const auto &) { loaded = true; });
+  client->updateWorkflows();
+  EXPECT_TRUE(eventually([&] { return loaded.load(); }));
 }
 
 TEST(KORVALLoad, IsNotStoppedByNonsense) {
