@@ -97,17 +97,22 @@ class TreeCopier {
 // One parser a thread, for its buffers; one that has grown large is not kept.
 constexpr size_t largestKeptParser = 1 << 20;
 
-struct ThreadParser {
-  std::unique_ptr<simdjson::dom::parser> parser;
+class ParserUse {
+ public:
+  ParserUse() {
+    if (!kept) kept = std::make_unique<simdjson::dom::parser>();
+  }
+  ~ParserUse() {
+    if (kept->capacity() > largestKeptParser) kept.reset();
+  }
+  ParserUse(const ParserUse &) = delete;
+  ParserUse &operator=(const ParserUse &) = delete;
+  simdjson::dom::parser &operator*() const { return *kept; }
 
-  simdjson::dom::parser &get() {
-    if (!parser) parser = std::make_unique<simdjson::dom::parser>();
-    return *parser;
-  }
-  void tidy() {
-    if (parser && parser->capacity() > largestKeptParser) parser.reset();
-  }
+ private:
+  static thread_local std::unique_ptr<simdjson::dom::parser> kept;
 };
+thread_local std::unique_ptr<simdjson::dom::parser> ParserUse::kept;
 
 void fail(Error *error, int64_t code, std::string description) {
   if (error) *error = {"JSON", code, std::move(description), nullptr};
@@ -116,21 +121,18 @@ void fail(Error *error, int64_t code, std::string description) {
 }  // namespace
 
 std::optional<Value> jsonObject(std::span<const uint8_t> bytes, Error *error, JSONTopLevel top) {
-  thread_local ThreadParser threadParser;
+  const ParserUse parser;
   Element document;
-  const auto code = threadParser.get().parse(bytes.data(), bytes.size()).get(document);
+  auto code = simdjson::EMPTY;
+  if (!bytes.empty()) code = (*parser).parse(bytes.data(), bytes.size()).get(document);
   if (code) {
     fail(error, code, simdjson::error_message(code));
     return std::nullopt;
   }
-  std::optional<Value> value;
-  if (top == JSONTopLevel::any || document.is_array() || document.is_object()) {
-    value = TreeCopier(bytes.size()).copy(document);
-  } else {
-    fail(error, 1, "Only a list or a map can be the top level of JSON");
-  }
-  threadParser.tidy();
-  return value;
+  if (top == JSONTopLevel::any || document.is_array() || document.is_object())
+    return TreeCopier(bytes.size()).copy(document);
+  fail(error, 1, "Only a list or a map can be the top level of JSON");
+  return std::nullopt;
 }
 
 std::optional<Value> jsonObject(std::string_view text, Error *error, JSONTopLevel top) {

@@ -2,6 +2,7 @@
 #include <QELNetworkKit/PQODictionary.h>
 #include <QELNetworkKit/XMLDocument.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cmath>
 #include <limits>
@@ -125,6 +126,19 @@ TEST(JSON, RefusesMalformedText) {
     EXPECT_FALSE(error.description.empty());
   }
   EXPECT_EQ(*jsonObject("7", nullptr, JSONTopLevel::any), Value(7));
+}
+
+// Neither what was malformed nor what was fine leaves a large buffer with the thread.
+TEST(JSON, KeepsNoLargeBuffers) {
+  const auto used = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  std::string text = "[" + std::string(size_t(20) << 20, ' ') + "1]";
+  const size_t before = used();
+  EXPECT_TRUE(jsonObject(text));
+  EXPECT_LT(used(), before + (size_t(4) << 20));
+  text.back() = '}';
+  EXPECT_FALSE(jsonObject(text));
+  EXPECT_LT(used(), before + (size_t(4) << 20));
+  EXPECT_FALSE(jsonObject(Data().span()));
 }
 
 }  // namespace
