@@ -17,6 +17,10 @@ std::optional<XMLDocument> XMLDocument::parse(std::span<const uint8_t> bytes, Er
     if (error) *error = {"XML", result.offset, result.description(), nullptr};
     return std::nullopt;
   }
+  if (result.encoding != pugi::encoding_utf8) {  // data() writes UTF-8: the declaration has to go with it
+    for (pugi::xml_node node : state->document.children())
+      if (node.type() == pugi::node_declaration) node.attribute("encoding").set_value("UTF-8");
+  }
   XMLDocument document;
   document.state_ = std::move(state);
   return document;

@@ -276,4 +276,31 @@ TEST(XMLDocument, RoundTripsAndTellsWhereItIsMalformed) {
   EXPECT_FALSE(qelnk::XMLDocument::parse(std::string_view(), &error));
 }
 
+TEST(XMLDocument, UnderstandsItsEncodingsAndDeclaresTheOneItWrites) {
+  const auto written = [](const std::string &text) {
+    return std::string(qelnk::XMLDocument::parse(text)->data().text());
+  };
+  const auto wide = [](const std::string &text, size_t width, bool big, bool mark) {
+    std::u32string letters(text.begin(), text.end());
+    if (mark) letters.insert(letters.begin(), U'\uFEFF');
+    std::string bytes;
+    for (const char32_t letter : letters)
+      for (size_t i = 0; i < width; ++i) bytes += char(letter >> 8 * (big ? width - 1 - i : i));
+    return bytes;
+  };
+  const std::string body = "<a>x</a>";
+  for (const size_t width : {2, 4})
+    for (const bool big : {false, true})
+      for (const bool mark : {false, true}) {
+        const std::string declared = R"(<?xml version="1.0" encoding="UTF-)" + std::to_string(8 * width) + R"("?>)";
+        EXPECT_EQ(written(wide(declared + body, width, big, mark)), R"(<?xml version="1.0" encoding="UTF-8"?>)" + body);
+        EXPECT_EQ(written(wide(R"(<?xml version="1.0"?>)" + body, width, big, mark)),
+                  R"(<?xml version="1.0"?>)" + body);
+      }
+  EXPECT_EQ(written("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a>\xe9</a>"),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><a>é</a>");
+  EXPECT_EQ(written(R"(<?xml version="1.0" encoding="windows-1252"?><a>é</a>)"),
+            R"(<?xml version="1.0" encoding="windows-1252"?><a>é</a>)");
+}
+
 }  // namespace
