@@ -70,7 +70,7 @@ class Sink {
 };
 
 /// The order of sorted keys: by the user's locale with letters compared without case; what are no strings come by their
-/// text.
+/// text, which is short, and lists and maps last, whose text need not be.
 class KeyOrder {
  public:
   static const KeyOrder &current() {
@@ -81,9 +81,12 @@ class KeyOrder {
   Value sorted(std::vector<const Value *> keys) const {
     std::vector<std::pair<std::wstring, const Value *>> folded;
     folded.reserve(keys.size());
-    for (const Value *key : keys) folded.emplace_back(fold(*key), key);
-    std::stable_sort(folded.begin(), folded.end(),
-                     [this](const auto &a, const auto &b) { return before(a.first, b.first); });
+    for (const Value *key : keys) folded.emplace_back(isContainer(*key) ? std::wstring() : fold(*key), key);
+    std::stable_sort(folded.begin(), folded.end(), [this](const auto &a, const auto &b) {
+      const bool aInside = isContainer(*a.second), bInside = isContainer(*b.second);
+      if (aInside && bInside) return detail::keyBefore(*a.second, *b.second);
+      return aInside == bInside ? before(a.first, b.first) : bInside;
+    });
     Value list = Value::list();
     list.reserve(keys.size());
     for (const auto &[text, key] : folded) list.append(*key);
@@ -94,6 +97,8 @@ class KeyOrder {
   KeyOrder()
       : letters_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)),
         order_(newlocale(LC_COLLATE_MASK | LC_CTYPE_MASK, "", nullptr)) {}
+
+  static bool isContainer(const Value &key) { return key.isList() || key.isDictionary(); }
 
   bool before(const std::wstring &a, const std::wstring &b) const {
     return (order_ ? wcscoll_l(a.c_str(), b.c_str(), order_) : a.compare(b)) < 0;
@@ -171,7 +176,7 @@ class Writer {
   bool end(const Value &) { return true; }
 
   const Value *sortedKeys(const Value &map, Value &room) const {
-    if (!sortKeys_) return nullptr;
+    if (!sortKeys_ || map.size() < 2) return nullptr;
     std::vector<const Value *> keys;
     for (const Value::Entry &entry : map.entries()) keys.push_back(&entry.key);
     for (const Value &key : map.orderedMap()) keys.push_back(&key);

@@ -51,7 +51,7 @@ void PQODictionary::removeObjectForKey(const Value &key) {
   const Value gone = key;  // NOLINT(performance-unnecessary-copy-initialization)
   if (!dictionary_.erase(gone)) return;
   for (size_t i = array_.size(); i-- > 0;)
-    if (array_[i] == gone) array_.erase(i);
+    if (array_[i] == gone) array_.eraseAt(i);
 }
 
 void PQODictionary::insertObject(Value object, const Value &key, size_t index) {

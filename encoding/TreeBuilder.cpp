@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdlib>
+#include <vector>
 
 #include "encoding/ValueStorage.h"
 
@@ -102,17 +103,48 @@ size_t TreeBuilder::indexMap(Value *values, size_t count) {
   auto *index = static_cast<MapIndex *>(arena().allocate(MapIndex::bytesFor(count)));
   std::memset(index, 0, MapIndex::bytesFor(count));
   index->mask = uint32_t(MapIndex::slotsFor(count) - 1);
+  (reinterpret_cast<ArenaHeader *>(values) - 1)->index = index;
   size_t kept = 0;
   for (size_t i = 0; i < count; ++i) {
     if (kept != i) relocate(values + 2 * kept, values + 2 * i, 2);
-    const size_t same = findEntry(values, kept, index, values[2 * kept]);
-    if (same < kept) {
-      relocate(values + 2 * same + 1, values + 2 * kept + 1, 1);
+    const size_t same = index->enter(values, kept);
+    if (same == MapIndex::crowded) {
+      relocate(values + 2 * kept, values + 2 * i, 2 * (count - i));
+      return mergeSorted(*index, values, kept + count - i);
+    }
+    if (same == kept) {
+      ++kept;
     } else {
-      enterIndex(*index, values, kept++);
+      relocate(values + 2 * same + 1, values + 2 * kept + 1, 1);
     }
   }
-  (reinterpret_cast<ArenaHeader *>(values) - 1)->index = index;
+  return kept;
+}
+
+// The same with a sorted index, in which repeated keys lie side by side.
+size_t TreeBuilder::mergeSorted(MapIndex &index, Value *values, size_t count) {
+  index.sort(values, count);
+  uint32_t *const slots = index.slots();
+  std::vector<bool> repeated(count);
+  size_t places = 0;
+  for (size_t i = 0; i < count; ++i) {
+    const size_t entry = slots[i];
+    if (places && keysEqual(values[2 * slots[places - 1]], values[2 * entry])) {
+      relocate(values + 2 * slots[places - 1] + 1, values + 2 * entry + 1, 1);
+      repeated[entry] = true;
+    } else {
+      slots[places++] = uint32_t(entry);
+    }
+  }
+  if (places == count) return count;
+  std::vector<uint32_t> newNumber(count);
+  size_t kept = 0;
+  for (size_t i = 0; i < count; ++i) {
+    if (repeated[i]) continue;
+    relocate(values + 2 * kept, values + 2 * i, 2);
+    newNumber[i] = uint32_t(kept++);
+  }
+  for (size_t i = 0; i < places; ++i) slots[i] = newNumber[slots[i]];
   return kept;
 }
 

@@ -92,10 +92,10 @@ class TreeWalk {
     if (keys) {
       sorted_.push_back(std::move(room));  // shares the keys' memory: what the span points to stays where it is
       values = sorted_.back().items();
-      opened.map = container.isOrderedMap() ? &container.orderedMap().toDictionary() : &container;
+      opened.map = container.isOrderedMap() ? &Access::plain(container.orderedMap()) : &container;
     } else if (container.isOrderedMap()) {
       values = container.orderedMap().allKeys().items();
-      opened.map = &container.orderedMap().toDictionary();
+      opened.map = &Access::plain(container.orderedMap());
     } else {
       values = Access::values(container);
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -10,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "encoding/SmallStack.h"
 #include "encoding/ValueStorage.h"
 
 namespace qelnk {
@@ -201,8 +203,10 @@ double doubleOf(std::string_view text) {
   double number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error == std::errc::result_out_of_range) {
-    const std::string copy(text.data(), end);  // beyond the range: infinity or zero, which strtod tells apart
-    return std::strtod(copy.c_str(), nullptr);
+    // Infinity or zero, which strtod tells apart; in the user's locale it would not know the point.
+    static const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+    const std::string copy(text.data(), end);
+    return strtod_l(copy.c_str(), nullptr, plain);
   }
   return number;
 }
@@ -227,6 +231,13 @@ bool Value::boolValue() const {
   if (isString()) return truthOf(string());
   if (isFloat()) return doubleValue() != 0;
   return (isNumber() || isBool()) && bits_ != 0;
+}
+
+int32_t Value::intValue() const {
+  const int64_t number = integerValue();
+  if (!isFloat() && !isString()) return int32_t(uint32_t(uint64_t(number)));
+  using Limits = std::numeric_limits<int32_t>;
+  return int32_t(std::clamp(number, int64_t(Limits::min()), int64_t(Limits::max())));
 }
 
 int64_t Value::integerValue() const {
@@ -300,31 +311,6 @@ static const Value &nullValue() {
   return null;
 }
 
-namespace detail {
-
-size_t MapIndex::slotsFor(size_t entries) { return std::bit_ceil(entries + entries / 2 + 1); }
-
-void enterIndex(MapIndex &index, const Value *values, size_t entry) {
-  uint32_t slot = uint32_t(values[2 * entry].hash()) & index.mask;
-  while (index.slots()[slot]) slot = (slot + 1) & index.mask;
-  index.slots()[slot] = uint32_t(entry + 1);
-}
-
-size_t findEntry(const Value *values, size_t count, const MapIndex *index, const Value &key) {
-  if (!index) {
-    for (size_t i = 0; i < count; ++i)
-      if (keysEqual(values[2 * i], key)) return i;
-    return count;
-  }
-  for (uint32_t slot = uint32_t(key.hash()) & index->mask;; slot = (slot + 1) & index->mask) {
-    const uint32_t entry = index->slots()[slot];
-    if (!entry) return count;
-    if (keysEqual(values[2 * (entry - 1)], key)) return entry - 1;
-  }
-}
-
-}  // namespace detail
-
 // The number of an entry of a plain map.
 static size_t findIn(const Value &map, const Value &key) {
   const size_t count = map.size();
@@ -375,7 +361,8 @@ MapIndex *allocateIndex(size_t entries) {
 
 MapIndex *makeIndex(const Value *values, size_t entries, size_t capacity) {
   MapIndex *index = allocateIndex(capacity);
-  for (size_t i = 0; i < entries; ++i) enterIndex(*index, values, i);
+  for (size_t i = 0; i < entries && !index->sorted; ++i)
+    if (index->enter(values, i) == MapIndex::crowded) index->sort(values, entries);
   return index;
 }
 
@@ -435,7 +422,7 @@ static void appendEntry(Value &map, Value &&key, Value &&value) {
   new (values + 2 * count) Value(std::move(key));
   new (values + 2 * count + 1) Value(std::move(value));
   Access::setLength(map, count + 1);
-  if (index) enterIndex(*index, values, count);
+  if (index && index->enter(values, count) == MapIndex::crowded) index->sort(values, count + 1);
 }
 
 void Value::set(Value key, Value value) {
@@ -471,7 +458,7 @@ bool Value::erase(const Value &key) {
   return true;
 }
 
-void Value::erase(size_t index) {
+void Value::eraseAt(size_t index) {
   if (index < items().size()) eraseValues(*this, index, 1);
 }
 
@@ -524,7 +511,7 @@ class TreeCopy {
       takeValues(from, to);
       if (from.isMap() && (ordered_ || from.size() > indexedMapSize)) maps_.push_back({&from, &to});
     } else if (from.isOrderedMap()) {
-      takeValues(from.orderedMap().toDictionary(), to);
+      takeValues(Access::plain(from.orderedMap()), to);
       maps_.push_back({&from, &to});
     } else {
       to = from;
@@ -554,7 +541,7 @@ class TreeCopy {
       for (const Value::Entry &entry : to.entries()) keys.append(entry.key);
     } else {
       for (const Value &key : from.orderedMap()) {  // the copy of each key, which lies at the same place
-        const Value::Entry *first = from.orderedMap().toDictionary().entries().data();
+        const Value::Entry *first = Access::plain(from.orderedMap()).entries().data();
         const size_t place = size_t(from.orderedMap().objectForKey(key) - &first->value) / 2;
         keys.append(to.entries()[place].key);
       }
@@ -596,6 +583,9 @@ bool numbersEqual(const Value &a, const Value &b) {
   return number >= -0x1p63 && number < 0x1p63 && int64_t(number) == int64_t(Access::bits(whole));
 }
 
+// Differs from the size of an ordered map when a key is listed twice.
+size_t plainSize(const Value &orderedMap) { return Access::plain(orderedMap.orderedMap()).size(); }
+
 Verdict compareShallow(const Value &a, const Value &b) {
   const auto verdict = [](bool equal) { return equal ? Verdict::equal : Verdict::different; };
   if (a.isNumber() && b.isNumber()) return verdict(numbersEqual(a, b));
@@ -610,7 +600,8 @@ Verdict compareShallow(const Value &a, const Value &b) {
       return Access::bits(a) == Access::bits(b) ? Verdict::equal : Verdict::inside;  // shared, or both empty
     case tagOrderedMap:
       if (Access::bits(a) == Access::bits(b)) return Verdict::equal;
-      return a.size() == b.size() ? Verdict::inside : Verdict::different;
+      if (a.size() != b.size()) return Verdict::different;
+      return plainSize(a) == plainSize(b) ? Verdict::inside : Verdict::different;
     case tagXML:
       return verdict(a.xml() == b.xml());
     default:
@@ -618,18 +609,47 @@ Verdict compareShallow(const Value &a, const Value &b) {
   }
 }
 
-/// Compares trees without recursion: what is still to be compared waits in a list of runs of values.
+// Of different numbers.
+bool numberBefore(const Value &a, const Value &b) {
+  const double x = a.doubleValue(), y = b.doubleValue();
+  if (x != y) return !std::isnan(y) && (std::isnan(x) || x < y);
+  if (x < 0) return a.integerValue() < b.integerValue();
+  const uint64_t m = a.unsignedValue(), n = b.unsignedValue();
+  return m != n ? m < n : b.isFloat();  // a float of 2^64 is cut to the largest integer, which comes before it
+}
+
+// Of two values that differ without a look inside containers.
+bool shallowBefore(const Value &a, const Value &b) {
+  if (a.isNumber() && b.isNumber()) return numberBefore(a, b);
+  if (Access::tag(a) != Access::tag(b)) return Access::tag(a) < Access::tag(b);
+  switch (Tag(Access::tag(a))) {
+    case tagString:
+    case tagData:
+      return Access::longText(a) < Access::longText(b);
+    case tagList:
+    case tagMap:
+      return a.size() < b.size();
+    case tagOrderedMap:
+      return a.size() != b.size() ? a.size() < b.size() : plainSize(a) < plainSize(b);
+    case tagXML:
+      return a.xml().data().text() < b.xml().data().text();
+    default:
+      return std::pair(Access::head(a), Access::bits(a)) < std::pair(Access::head(b), Access::bits(b));
+  }
+}
+
+/// Compares trees without recursion: what is still to be compared waits in a stack of runs of values.
 class TreeComparison {
  public:
   /// With `mapsInOrder` plain maps are equal only when their entries come in the same order, which needs no search.
   explicit TreeComparison(bool mapsInOrder) : mapsInOrder_(mapsInOrder) {}
 
   bool equal(const Value &a, const Value &b) {
-    runs_.push_back({&a, &b, 1});
+    runs_.push({&a, &b, 1});
     while (!runs_.empty()) {
       Run &run = runs_.back();
       if (run.count == 0) {
-        runs_.pop_back();
+        runs_.pop();
         continue;
       }
       --run.count;
@@ -637,6 +657,9 @@ class TreeComparison {
     }
     return true;
   }
+
+  /// Which comes first of two trees that equal() has found different, with maps in order.
+  bool before() const { return shallowBefore(*differentA_, *differentB_); }
 
  private:
   struct Run {
@@ -647,6 +670,8 @@ class TreeComparison {
   bool compare(const Value &a, const Value &b) {
     switch (compareShallow(a, b)) {
       case Verdict::different:
+        differentA_ = &a;
+        differentB_ = &b;
         return false;
       case Verdict::equal:
         return true;
@@ -655,17 +680,19 @@ class TreeComparison {
     }
     if (a.isOrderedMap()) return compareOrderedMaps(a.orderedMap(), b.orderedMap());
     if (a.isMap() && !mapsInOrder_) return compareMaps(a, b);
-    runs_.push_back({Access::values(a).data(), Access::values(b).data(), Access::values(a).size()});
+    runs_.push({Access::values(a).data(), Access::values(b).data(), Access::values(a).size()});
     return true;
   }
 
   // The key lists, and the values alone: to look into the plain maps' keys as well would double the work at every level
-  // of keys.
+  // of keys. Keys are compared as such, as they are in plain maps.
   bool compareOrderedMaps(const PQODictionary &a, const PQODictionary &b) {
-    if (a.toDictionary().size() != b.toDictionary().size()) return false;
-    for (size_t i = 0; i < a.count(); ++i)
-      runs_.push_back({a.objectForKey(a.allKeys()[i]), b.objectForKey(b.allKeys()[i]), 1});
-    runs_.push_back({a.begin(), b.begin(), a.count()});
+    for (size_t i = 0; i < a.count(); ++i) {
+      const Value &key = a.allKeys()[i], &other = b.allKeys()[i];
+      if (!mapsInOrder_ && !keysEqual(key, other)) return false;
+      runs_.push({a.objectForKey(key), b.objectForKey(other), 1});
+    }
+    if (mapsInOrder_) runs_.push({a.begin(), b.begin(), a.count()});
     return true;
   }
 
@@ -679,13 +706,14 @@ class TreeComparison {
       if (const Verdict verdict = compareShallow(entry.value, *value); verdict == Verdict::different) {
         return false;
       } else if (verdict == Verdict::inside) {
-        runs_.push_back({&entry.value, value, 1});
+        runs_.push({&entry.value, value, 1});
       }
     }
     return true;
   }
 
-  std::vector<Run> runs_;
+  SmallStack<Run, 16> runs_;
+  const Value *differentA_ = nullptr, *differentB_ = nullptr;
   bool mapsInOrder_;
 };
 
@@ -696,62 +724,16 @@ bool detail::keysEqual(const Value &a, const Value &b) {
   return verdict == Verdict::inside ? TreeComparison(true).equal(a, b) : verdict == Verdict::equal;
 }
 
+bool detail::keyBefore(const Value &a, const Value &b) {
+  const Verdict verdict = compareShallow(a, b);
+  if (verdict != Verdict::inside) return verdict == Verdict::different && shallowBefore(a, b);
+  TreeComparison comparison(true);
+  return !comparison.equal(a, b) && comparison.before();
+}
+
 bool operator==(const Value &a, const Value &b) {
   const Verdict verdict = compareShallow(a, b);
   return verdict == Verdict::inside ? TreeComparison(false).equal(a, b) : verdict == Verdict::equal;
-}
-
-namespace {
-
-uint64_t mix(uint64_t x) {
-  x ^= x >> 32;
-  x *= 0xd6e8feb86659fd93;
-  x ^= x >> 32;
-  x *= 0xd6e8feb86659fd93;
-  return x ^ x >> 32;
-}
-
-// Of a number: the same for every width and form that holds it.
-uint64_t hashNumber(const Value &value) {
-  if (!value.isFloat()) return mix(Access::bits(value));
-  const double number = value.doubleValue();
-  if (std::isnan(number)) return 0x7FF8;
-  if (number == std::trunc(number) && number >= -0x1p63 && number < 0x1p64)
-    return mix(number < 0x1p63 ? uint64_t(int64_t(number)) : uint64_t(number));
-  return mix(std::bit_cast<uint64_t>(number) + 1);
-}
-
-// Of a value without a look inside containers, which count by kind and size.
-uint64_t hashShallow(const Value &value) {
-  switch (Access::tag(value)) {
-    case tagShortString:
-      return mix(Access::head(value) * 31 + Access::bits(value));
-    case tagString:
-    case tagData:
-      return std::hash<std::string_view>()(Access::longText(value)) + Access::tag(value);
-    case tagXML:
-      return tagXML;
-    case uint8_t(Kind::null):
-    case uint8_t(Kind::boolean):
-      return mix(Access::head(value) * 7 + Access::bits(value) + 0x9e37);
-    default:
-      return value.isNumber() ? hashNumber(value) : mix(value.size() * 64 + Access::tag(value));
-  }
-}
-
-}  // namespace
-
-// Looks one level deep, which keeps it cheap and independent of depth; the order of a map's entries does not enter.
-size_t Value::hash() const {
-  uint64_t hash = hashShallow(*this);
-  if (isList()) {
-    for (const Value &item : items()) hash = hash * 31 + hashShallow(item);
-  } else if (isMap()) {
-    for (const Entry &entry : entries()) hash += mix(hashShallow(entry.key) * 3 + hashShallow(entry.value));
-  } else if (isOrderedMap()) {
-    return orderedMap().hash() + 1;
-  }
-  return hash;
 }
 
 std::ostream &operator<<(std::ostream &out, const Value &value) { return out << value.description(); }

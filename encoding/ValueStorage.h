@@ -59,14 +59,26 @@ struct BytesHeader {
 
 struct Arena;
 
-/// Finds entries of a large map by key: open addressing over the entries' numbers plus one.
+/// Finds entries of a large map by key.
+///
+/// Open addressing: a slot holds an entry's number plus one and, above the mask, bits of its key's hash, so that other
+/// keys are seldom looked at. Where so many keys meet that somebody must have wanted it, the slots hold the entries'
+/// numbers in the order of their keys instead: no choice of keys makes finding one cost more than a few comparisons.
 struct MapIndex {
   uint32_t mask;
+  uint32_t sorted;  // whether the slots are entries in order
   uint32_t *slots() { return reinterpret_cast<uint32_t *>(this + 1); }
   const uint32_t *slots() const { return reinterpret_cast<const uint32_t *>(this + 1); }
 
   static size_t slotsFor(size_t entries);
   static size_t bytesFor(size_t entries) { return sizeof(MapIndex) + slotsFor(entries) * sizeof(uint32_t); }
+
+  /// Enters entry number `entry`, all before which have been entered, unless one of them has the same key. Returns the
+  /// number of the entry with the key, or `crowded` when too many keys meet: then the index has to be sorted.
+  size_t enter(const Value *values, size_t entry);
+  static constexpr size_t crowded = ~size_t(0);
+  /// Makes it the sorted index of `count` entries; entries of equal keys stay in their order.
+  void sort(const Value *values, size_t count);
 };
 /// Smaller maps are searched from the front.
 constexpr size_t indexedMapSize = 16;
@@ -179,6 +191,7 @@ struct Access {
 
   static Value &keys(PQODictionary &map) { return map.array_; }
   static Value &plain(PQODictionary &map) { return map.dictionary_; }
+  static const Value &plain(const PQODictionary &map) { return map.dictionary_; }
 
   static uint8_t *takeBytes(Data &data) {
     data.size_ = 0;
@@ -194,10 +207,10 @@ struct Access {
 
 /// Whether two keys are equal; containers entry by entry in order.
 bool keysEqual(const Value &a, const Value &b);
+/// An order of keys, of no meaning to people. Comparing two costs at most the size of the smaller.
+bool keyBefore(const Value &a, const Value &b);
 /// The number of the entry with a key among a map's values, or `count`.
 size_t findEntry(const Value *values, size_t count, const MapIndex *index, const Value &key);
-/// Enters entry number `entry` into an index that has room.
-void enterIndex(MapIndex &index, const Value *values, size_t entry);
 
 /// Builds a tree in an arena, for readers that know the size of a container before its elements.
 class TreeBuilder {
@@ -244,6 +257,7 @@ class TreeBuilder {
   void bytes(Value *slot, Tag tag, const void *content, size_t size);
   size_t mergeRepeatedKeys(Value *values, size_t count);
   size_t indexMap(Value *values, size_t count);
+  size_t mergeSorted(MapIndex &index, Value *values, size_t count);
 
   size_t inputSize_;
   Arena *arena_ = nullptr;

@@ -57,8 +57,17 @@ class QELNK_EXPORT PQODictionary {
   const Value *objectForKey(std::string_view key) const { return dictionary_.find(key); }
   const Value *objectForKey(const char *key) const { return dictionary_.find(key); }
   const Value *objectForKey(const std::string &key) const { return dictionary_.find(key); }
+  template <qelnk::detail::PlainKey Key>
+  const Value *objectForKey(Key key) const {
+    return dictionary_.find(key);
+  }
   /// The value under `key`, or a null value.
   const Value &operator[](std::string_view key) const { return dictionary_[key]; }
+  template <qelnk::detail::PlainKey Key>
+  const Value &operator[](Key key) const {
+    const Value *value = dictionary_.find(key);
+    return value ? *value : dictionary_[size_t(0)];  // a map has no elements: null
+  }
 
   /// Stores a value; a new key goes to the end, a known one keeps its place. Nothing as the object removes the key.
   void setObject(std::optional<Value> object, const Value &key);

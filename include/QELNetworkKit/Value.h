@@ -24,7 +24,10 @@ class Value;
 
 namespace detail {
 struct Access;
-}
+/// Keys that would pass for a null pointer to text when they are written as 0.
+template <class T>
+concept PlainKey = std::integral<T> || std::same_as<T, std::nullptr_t>;
+}  // namespace detail
 
 /// An owned run of bytes. Copies share the bytes until one of them is changed.
 ///
@@ -201,8 +204,8 @@ class QELNK_EXPORT Value {
   /// Whether a number is not 0; a string is true when, after white space, a sign and zeros, it goes on with one of
   /// "YyTt" or 1 to 9.
   bool boolValue() const;
-  /// The low 32 bits of integerValue().
-  int32_t intValue() const { return int32_t(uint32_t(uint64_t(integerValue()))); }
+  /// A float or a string beyond the range gives the nearest bound; of an integer, the low 32 bits.
+  int32_t intValue() const;
   /// A fraction is cut; a float beyond the range gives the nearest bound; an unsigned number keeps its 64 bits.
   int64_t integerValue() const;
   uint64_t unsignedValue() const {
@@ -243,13 +246,24 @@ class QELNK_EXPORT Value {
   const Value *find(const char *key) const { return find(std::string_view(key)); }
   const Value *find(const std::string &key) const { return find(std::string_view(key)); }
   const Value *find(const Value &key) const;
+  template <detail::PlainKey Key>
+  const Value *find(Key key) const {
+    return find(Value(key));
+  }
   bool contains(std::string_view key) const { return find(key) != nullptr; }
+  template <detail::PlainKey Key>
+  bool contains(Key key) const {
+    return find(Value(key)) != nullptr;
+  }
   /// The value under a key, or a null value.
   const Value &operator[](std::string_view key) const;
   const Value &operator[](const char *key) const { return (*this)[std::string_view(key)]; }
   /// The element of a list, or a null value beyond its end.
   const Value &operator[](size_t index) const;
-  const Value &operator[](int index) const { return (*this)[size_t(index)]; }
+  template <std::integral Index>
+  const Value &operator[](Index index) const {
+    return (*this)[size_t(index)];
+  }
 
   /// Adds an element to a list; null becomes a list first. Throws std::logic_error on anything else.
   void append(Value item);
@@ -258,7 +272,8 @@ class QELNK_EXPORT Value {
   void set(Value key, Value value);
   /// Removes an entry of either map; returns whether there was one.
   bool erase(const Value &key);
-  void erase(size_t index);
+  /// Removes an element of a list, where there is one.
+  void eraseAt(size_t index);
   /// For changing an element in place. Throws std::out_of_range where there is none.
   Value &at(size_t index);
   Value &at(std::string_view key);
@@ -271,6 +286,7 @@ class QELNK_EXPORT Value {
   /// Readable text on one line, in the manner of JSON; buffers as `<n bytes>` with their first bytes.
   std::string description() const;
 
+  /// Another one in each process.
   size_t hash() const;
   QELNK_EXPORT friend bool operator==(const Value &a, const Value &b);
 

@@ -3,11 +3,19 @@
 #include <QELNetworkKit/XMLDocument.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <clocale>
 #include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <limits>
 #include <sstream>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
+
+#include "encoding/ValueStorage.h"
 
 using qelnk::Data;
 using qelnk::Kind;
@@ -75,6 +83,143 @@ TEST(Value, NumbersAreEqualByValueAndHashAlike) {
         }
 }
 
+TEST(Value, HashesLookIntoWhatIsNested) {
+  std::unordered_set<size_t> hashes;
+  for (int i = 0; i < 1000; ++i) {
+    hashes.insert(Value::list({Value::list({i})}).hash());
+    hashes.insert(Value::list({Value::list({Value::map({{"k", Value::list({i})}})})}).hash());
+    hashes.insert(Value::map({{"k", PQODictionary{{"deep", Value::list({longText + std::to_string(i), i})}}}}).hash());
+  }
+  EXPECT_GT(hashes.size(), 2990u);
+  // Neither the order of entries nor the form of a number changes what is equal.
+  const Value list = Value::list({1, Value::list({2.0f, "x"})}), same = Value::list({1.0, Value::list({2, "x"})});
+  EXPECT_EQ(Value::list({Value::map({{"a", list}, {"b", Value::list({"b"})}})}).hash(),
+            Value::list({Value::map({{"b", Value::list({"b"})}, {"a", same}})}).hash());
+  PQODictionary twice{{"a", list}};
+  twice.insertObject(list, "b", 0);
+  EXPECT_EQ(twice.hash(), (PQODictionary{{"a", same}, {"b", same}}.hash()));
+}
+
+// A key that differs from others of its kind only where no hash looks.
+Value crowdedKey(int number) {
+  Value inner = Value::list();
+  for (int i = 0; i < 100; ++i) inner.append(0);
+  inner.append(number);
+  return Value::list({inner});
+}
+
+TEST(Value, MapsWorkWithKeysOfOneHash) {
+  constexpr int count = 500;
+  Value entries = Value::map(), list = Value::list();
+  ASSERT_EQ(crowdedKey(1).hash(), crowdedKey(2).hash());
+  Data bytes{0xDE, 0x03, 0xE8};  // every key twice, the second time with another value
+  for (int i = 0; i < 2 * count; ++i) {
+    bytes.append(mp_messagePack(crowdedKey(i * 7 % count)).span());
+    bytes.append(qelnk::mp_messagePack(i).span());
+  }
+  for (const int64_t options : {0, int(MPMessagePackReaderOrderedDictionaries)}) {
+    const auto decoded = qelnk::mp_dict(bytes.span(), options);
+    ASSERT_EQ(decoded->size(), size_t(count));
+    Value built = Value::map(), reversed = Value::map();
+    for (int i = 0; i < count; ++i) built.set(crowdedKey(i * 7 % count), count + i);
+    for (int i = count; i-- > 0;) reversed.set(crowdedKey(i * 7 % count), count + i);
+    EXPECT_EQ(options ? decoded->orderedMap().toDictionary() : *decoded, built);
+    EXPECT_EQ(reversed, built);
+    EXPECT_EQ(mp_messagePack(*decoded), mp_messagePack(built));  // the keys are where they first were
+    for (int i = 0; i < count; ++i) EXPECT_EQ(*decoded->find(crowdedKey(i * 7 % count)), Value(count + i));
+    EXPECT_FALSE(decoded->find(crowdedKey(count)));
+    EXPECT_TRUE(built.erase(crowdedKey(3)));
+    EXPECT_FALSE(built.find(crowdedKey(3)));
+    EXPECT_EQ(*built.find(crowdedKey(4)), *decoded->find(crowdedKey(4)));
+  }
+}
+
+// What a peer's keys cost must come from their size, not from how they were chosen.
+TEST(Value, ChosenKeysCostLittleMoreThanOthers) {
+  constexpr int count = 4000;
+  const auto secondsFor = [](const auto &keyFor) {
+    Data bytes{0xDE, count >> 8, count & 0xFF};
+    for (int i = 0; i < count; ++i) {
+      bytes.append(mp_messagePack(keyFor(i)).span());
+      bytes.append("\x01");
+    }
+    timespec before, after;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+    EXPECT_EQ(qelnk::mp_dict(bytes.span())->size(), size_t(count));
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    return double(after.tv_sec - before.tv_sec) + double(after.tv_nsec - before.tv_nsec) * 1e-9;
+  };
+  const double ordinary = secondsFor([](int i) { return Value::list({i, crowdedKey(0)}); });
+  EXPECT_LT(secondsFor([](int i) { return Value::list({0, crowdedKey(i)}); }), 60 * ordinary);
+}
+
+TEST(Value, KeysHaveOneOrder) {
+  PQODictionary twice{{"a", 1}};
+  twice.insertObject(1, "a", 0);
+  std::vector<Value> keys = {nullptr,
+                             false,
+                             true,
+                             std::nan(""),
+                             -1e300,
+                             std::numeric_limits<int64_t>::min(),
+                             -7.5,
+                             -7,
+                             0,
+                             7.0f,
+                             7.5,
+                             int64_t(1) << 53,
+                             (int64_t(1) << 53) + 1,
+                             std::numeric_limits<int64_t>::max(),
+                             0x1p63,
+                             std::numeric_limits<uint64_t>::max(),
+                             0x1p64,
+                             "a",
+                             "b",
+                             longText,
+                             longText + "y",
+                             Data{1},
+                             Data{2},
+                             Value::list(),
+                             Value::list({1, 2}),
+                             Value::list({1, 3}),
+                             Value::map({{1, 2}, {3, 4}}),
+                             Value::map({{3, 4}, {1, 2}}),
+                             PQODictionary{{"a", 1}},
+                             PQODictionary{{"a", 1}, {"b", 2}},
+                             PQODictionary{{"b", 1}, {"a", 2}},
+                             twice,
+                             *qelnk::XMLDocument::parse("<a/>"),
+                             *qelnk::XMLDocument::parse("<b/>")};
+  using qelnk::detail::keyBefore;
+  std::stable_sort(keys.begin(), keys.end(), keyBefore);
+  EXPECT_EQ(keys[4], Value(-1e300));
+  EXPECT_EQ(keys[16], Value(0x1p64));
+  for (size_t i = 0; i < keys.size(); ++i)
+    for (size_t j = 0; j < keys.size(); ++j)
+      EXPECT_EQ(keyBefore(keys[i], keys[j]), i < j) << keys[i] << " and " << keys[j];
+}
+
+TEST(Value, IntegersAndNullAreKeysHoweverTheyAreWritten) {
+  Value map = Value::map({{0, "zero"}, {"", "empty"}, {true, "yes"}});
+  EXPECT_EQ(*map.find(0), Value("zero"));
+  EXPECT_EQ(*map.find(0u), Value("zero"));
+  EXPECT_EQ(*map.find(true), Value("yes"));
+  EXPECT_TRUE(map.contains(0));
+  EXPECT_FALSE(map.contains(1));
+  EXPECT_FALSE(map.contains(nullptr));
+  const PQODictionary ordered{{0, "zero"}};
+  EXPECT_EQ(*ordered.objectForKey(0), Value("zero"));
+  EXPECT_EQ(ordered[0], Value("zero"));
+  EXPECT_TRUE(ordered[1].isNull());
+  EXPECT_TRUE(map.erase(0));
+  EXPECT_FALSE(map.contains(0));
+  Value list = Value::list({1, 2, 3});
+  EXPECT_EQ(list[0], list[0u]);
+  list.eraseAt(1);
+  list.eraseAt(2);
+  EXPECT_EQ(list, Value::list({1, 3}));
+}
+
 struct Reading {
   Value value;
   bool truth;
@@ -107,8 +252,30 @@ TEST(Value, ReadsScalarsAsThePlatformDoes) {
     EXPECT_EQ(reading.value.doubleValue(), reading.number) << reading.value;
   }
   EXPECT_EQ(Value((int64_t(1) << 40) + 5).intValue(), 5);
+  constexpr int32_t least = std::numeric_limits<int32_t>::min(), most = std::numeric_limits<int32_t>::max();
+  EXPECT_EQ(Value(3e9).intValue(), most);
+  EXPECT_EQ(Value(-3e9f).intValue(), least);
+  EXPECT_EQ(Value("4294967301").intValue(), most);
+  EXPECT_EQ(Value("-99999999999999999999").intValue(), least);
   EXPECT_EQ(Value(std::numeric_limits<uint64_t>::max()).unsignedValue(), std::numeric_limits<uint64_t>::max());
   EXPECT_EQ(Value(1e19).unsignedValue(), 10000000000000000000u);
+}
+
+TEST(Value, ReadsNumbersAlikeInEveryLocale) {
+  const std::string folder = testing::TempDir() + "qelnk-locales";
+  std::filesystem::create_directories(folder);
+  const int made =
+      std::system(("localedef -i de_DE -f ISO-8859-1 " + folder + "/de_DE.ISO-8859-1 >/dev/null 2>&1").c_str());
+  setenv("LOCPATH", folder.c_str(), 1);
+  const bool set = std::setlocale(LC_NUMERIC, "de_DE.ISO-8859-1") != nullptr;
+  EXPECT_EQ(Value("1.5e400").doubleValue(), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(Value("-1.5e400").doubleValue(), -std::numeric_limits<double>::infinity());
+  EXPECT_EQ(Value("1.5e-400").doubleValue(), 0);
+  EXPECT_EQ(Value("1.5").doubleValue(), 1.5);
+  std::setlocale(LC_NUMERIC, "C");
+  unsetenv("LOCPATH");
+  std::filesystem::remove_all(folder);
+  if (!set) GTEST_SKIP() << "no German locale can be made here (" << made << "): only the C locale was looked at";
 }
 
 TEST(Value, CopiesShareUntilChanged) {
@@ -236,6 +403,9 @@ TEST(Value, DepthIsLimitedByMemoryAlone) {
       EXPECT_TRUE(copy == *tree);
       EXPECT_EQ(copy.hash(), tree->hash());
       EXPECT_EQ(MPMessagePackWriter::writeObject(copy), bytes);
+      if (options == 0) {
+        EXPECT_EQ(MPMessagePackWriter::writeObject(copy, MPMessagePackWriterSortKeys), bytes);
+      }
       EXPECT_GT(copy.description().size(), depth);
       Value other = copy;
       other.isList() ? other.append(1) : other.set("new", 1);
