@@ -7,6 +7,7 @@
 
 using qelnk::Value;
 using qelnk::detail::Access;
+using qelnk::detail::keysEqual;
 
 PQODictionary::PQODictionary(size_t capacity) : array_(Value::list()), dictionary_(Value::map()) {
   // A hint from a peer's claim must not force a huge allocation.
@@ -51,13 +52,14 @@ void PQODictionary::removeObjectForKey(const Value &key) {
   const Value gone = key;  // NOLINT(performance-unnecessary-copy-initialization)
   if (!dictionary_.erase(gone)) return;
   for (size_t i = array_.size(); i-- > 0;)
-    if (array_[i] == gone) array_.eraseAt(i);
+    if (keysEqual(array_[i], gone)) array_.eraseAt(i);
 }
 
 void PQODictionary::insertObject(Value object, const Value &key, size_t index) {
   const Value listed = key;  // NOLINT(performance-unnecessary-copy-initialization)
   const bool known = dictionary_.find(listed) != nullptr;
-  const size_t places = known ? size_t(std::count(begin(), end(), listed)) : 0;
+  const size_t places =
+      known ? size_t(std::count_if(begin(), end(), [&](const Value &k) { return keysEqual(k, listed); })) : 0;
   if (index > count() - places) throw std::out_of_range("insertObject beyond the end of the key list");
   if (known) removeObjectForKey(listed);
   array_.append(listed);
@@ -100,8 +102,9 @@ std::vector<Value> PQODictionary::reverseKeyEnumerator() const {
 }
 
 void PQODictionary::sortUsingSelector(const Comparison &before) {
+  if (count() < 2) return;
   Value *keys = Access::mutableValues(array_, 0);
-  if (count() > 1) std::stable_sort(keys, keys + count(), before);
+  std::stable_sort(keys, keys + count(), before);
 }
 
 void PQODictionary::sortKeysUsingSelector(const Comparison &before, bool deepSort) {
@@ -111,6 +114,7 @@ void PQODictionary::sortKeysUsingSelector(const Comparison &before, bool deepSor
     waiting.pop_back();
     dictionary.sortUsingSelector(before);
     if (!deepSort) return;
+    if (dictionary.dictionary_.empty()) continue;
     Value *values = Access::mutableValues(dictionary.dictionary_, 0);
     for (size_t i = 0; i < dictionary.dictionary_.size(); ++i)
       if (Value &value = values[2 * i + 1]; value.isOrderedMap()) waiting.push_back(&Access::mutableOrderedMap(value));
@@ -140,12 +144,32 @@ bool PQODictionary::operator==(const PQODictionary &other) const {
   return dictionary_ == other.dictionary_ && array_ == other.array_;
 }
 
-static std::string bareText(const Value &value) {
-  return value.isString() ? std::string(value.string()) : value.description();
-}
-
 std::string PQODictionary::description() const {
+  struct Open {
+    const PQODictionary *dictionary;
+    size_t next;  // of its keys and values in turn
+  };
   std::string text = "{\n";
-  for (const Value &key : *this) text += "  " + bareText(key) + ": " + bareText(*objectForKey(key)) + '\n';
-  return text + '}';
+  std::vector<Open> open{{this, 0}};
+  while (!open.empty()) {
+    const auto [dictionary, next] = open.back();
+    const bool isKey = next % 2 == 0;
+    if (isKey && next != 0) text += '\n';
+    if (next == 2 * dictionary->count()) {
+      text += '}';
+      open.pop_back();
+      continue;
+    }
+    ++open.back().next;
+    text += isKey ? "  " : ": ";
+    const Value &key = dictionary->array_[next / 2];
+    const Value &value = isKey ? key : *dictionary->objectForKey(key);
+    if (value.isOrderedMap()) {
+      text += "{\n";
+      open.push_back({&value.orderedMap(), 0});
+    } else {
+      text += value.isString() ? std::string(value.string()) : value.description();
+    }
+  }
+  return text;
 }

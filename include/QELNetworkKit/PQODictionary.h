@@ -106,8 +106,8 @@ class QELNK_EXPORT PQODictionary {
   const Value *begin() const { return array_.items().data(); }
   const Value *end() const { return begin() + count(); }
 
-  /// The plain map.
-  const Value &toDictionary() const { return dictionary_; }
+  /// A copy of the plain map; being constant, it cannot be added to.
+  const Value toDictionary() const { return dictionary_; }
 
   /// Sorts the key list; keys that compare equal keep their order.
   void sortUsingSelector(const Comparison &before);
@@ -125,7 +125,8 @@ class QELNK_EXPORT PQODictionary {
   bool operator==(const PQODictionary &other) const;
   /// The hash of the plain map: order does not enter.
   size_t hash() const { return dictionary_.hash(); }
-  /// "{", a line "  KEY: VALUE" for each key, "}".
+  /// "{", a line "  KEY: VALUE" for each key, "}". Keys and values that are ordered dictionaries come with their own
+  /// lines.
   std::string description() const;
 
  private:

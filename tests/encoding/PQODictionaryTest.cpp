@@ -1,6 +1,8 @@
 #include <QELNetworkKit/PQODictionary.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 using qelnk::Value;
 
 namespace {
@@ -52,6 +54,37 @@ TEST(PQODictionary, InsertingListsAKeyTwice) {
   EXPECT_EQ(*dictionary.objectForKey("c"), Value(4));
   dictionary.removeObjectForKey(dictionary.keyAtIndex(2));
   EXPECT_EQ(keysOf(dictionary), Value::list({"a", "b"}));
+}
+
+// In a map that is a key, the order of entries counts, in both of a dictionary's containers.
+TEST(PQODictionary, MapsThatAreKeysAreToldApartByTheirOrder) {
+  const Value xy = Value::map({{"x", 1}, {"y", 2}}), yx = Value::map({{"y", 2}, {"x", 1}});
+  PQODictionary dictionary{{xy, 1}, {yx, 2}};
+  EXPECT_EQ(dictionary.count(), 2u);
+  dictionary.insertObject(3, xy, 1);  // beyond the end, had it taken both out
+  EXPECT_EQ(dictionary.count(), 3u);
+  dictionary.removeObjectForKey(xy);
+  EXPECT_EQ(dictionary.count(), 1u);
+  EXPECT_EQ(*dictionary.objectForKey(dictionary.keyAtIndex(0)), Value(2));
+  EXPECT_NE((PQODictionary{{xy, 1}}), (PQODictionary{{yx, 1}}));
+  EXPECT_NE(Value(PQODictionary{{xy, 1}}), Value(PQODictionary{{yx, 1}}));
+}
+
+TEST(PQODictionary, ThePlainMapIsACopyThatCannotBeAddedTo) {
+  PQODictionary dictionary{{"a", 1}};
+  const auto &plain = dictionary.toDictionary();
+  dictionary.setObject(2, "b");
+  EXPECT_EQ(plain, Value::map({{"a", 1}}));
+  EXPECT_THROW(PQODictionary().addEntriesFromDictionary(dictionary.toDictionary()), qelnk::UnrecognizedOperation);
+}
+
+TEST(PQODictionary, WhatWasMovedFromIsEmpty) {
+  PQODictionary dictionary{{"a", 1}};
+  const PQODictionary taken = std::move(dictionary);
+  dictionary.sortKeysUsingSelector([](const Value &, const Value &) { return false; }, true);
+  EXPECT_EQ(dictionary.description(), "{\n}");
+  dictionary.setObject(2, "b");
+  EXPECT_EQ(dictionary, (PQODictionary{{"b", 2}}));
 }
 
 TEST(PQODictionary, AddsToTheListUnderAKey) {
@@ -111,6 +144,12 @@ TEST(PQODictionary, EnumeratesUntilStoppedAndMaps) {
 TEST(PQODictionary, DescribesItsEntriesLineByLine) {
   EXPECT_EQ(PQODictionary().description(), "{\n}");
   EXPECT_EQ((PQODictionary{{"name", "text"}, {"n", 7}}.description()), "{\n  name: text\n  n: 7\n}");
+  const PQODictionary inner{{"n", 7}};
+  EXPECT_EQ((PQODictionary{{"in", inner}, {inner, PQODictionary()}, {"list", Value::list({"x"})}}.description()),
+            "{\n  in: {\n  n: 7\n}\n  {\n  n: 7\n}: {\n}\n  list: [\"x\"]\n}");
+  PQODictionary deep;
+  for (int i = 0; i < 100'000; ++i) deep = i % 2 ? PQODictionary{{"k", deep}} : PQODictionary{{deep, i}};
+  EXPECT_GT(deep.description().size(), 500'000u);
 }
 
 }  // namespace
