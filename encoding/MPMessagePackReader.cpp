@@ -308,6 +308,13 @@ std::optional<Value> MPMessagePackReader::readObject(Error *error) {
   return readObjectAt(data_.span(), index_, options_, error);
 }
 
+size_t MPMessagePackReader::read(std::span<uint8_t> buffer) {
+  if (buffer.empty() || buffer.size() > data_.size() - index_) return 0;
+  std::memcpy(buffer.data(), data_.data() + index_, buffer.size());
+  index_ += buffer.size();
+  return buffer.size();
+}
+
 namespace qelnk {
 
 static std::optional<Value> expect(std::optional<Value> value, bool (Value::*isKind)() const, const char *description,
@@ -322,13 +329,15 @@ std::optional<Value> mp_dict(std::span<const uint8_t> bytes, int64_t options, Er
                 "Object was not of type NSDictionary or PQODictionary", error);
 }
 
-std::optional<Value> mp_dict(std::span<const uint8_t> bytes, Error *error) { return mp_dict(bytes, 0, error); }
+std::optional<Value> mp_dict(std::span<const uint8_t> bytes, Error *error) { return mp_dict(bytes, int64_t(0), error); }
 
 std::optional<Value> mp_array(std::span<const uint8_t> bytes, int64_t, Error *error) {
   return expect(MPMessagePackReader::readData(bytes, error), &Value::isList, "Object was not of type NSArray", error);
 }
 
-std::optional<Value> mp_array(std::span<const uint8_t> bytes, Error *error) { return mp_array(bytes, 0, error); }
+std::optional<Value> mp_array(std::span<const uint8_t> bytes, Error *error) {
+  return mp_array(bytes, int64_t(0), error);
+}
 
 std::optional<Value> mp_object(std::span<const uint8_t> bytes, Error *error) {
   return MPMessagePackReader::readData(bytes, error);
@@ -352,12 +361,24 @@ static int hexDigit(char c) {
   return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
+// A character of UTF-16 for each of a text, in place of which the first byte of its UTF-8 stands: enough to tell
+// digits.
+static std::string charactersOf(std::string_view text) {
+  std::string characters;
+  characters.reserve(text.size());
+  for (const char c : text) {
+    if ((c & 0xC0) != 0x80) characters.append(uint8_t(c) >= 0xF0 ? 2 : 1, c);
+  }
+  return characters;
+}
+
 Data mp_dataFromHexString(std::string_view text) {
+  const std::string characters = charactersOf(text);
   Data data;
-  data.reserve((text.size() + 1) / 2);
-  for (size_t i = 0; i < text.size(); i += 2) {
+  data.reserve((characters.size() + 1) / 2);
+  for (size_t i = 0; i < characters.size(); i += 2) {
     uint8_t byte = 0;
-    for (const char c : text.substr(i, 2)) {
+    for (const char c : std::string_view(characters).substr(i, 2)) {
       const int digit = hexDigit(c);
       if (digit < 0) break;
       byte = uint8_t(byte * 16 + digit);

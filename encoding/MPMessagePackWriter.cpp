@@ -233,6 +233,11 @@ std::optional<Data> MPMessagePackWriter::write(const Value &value, int64_t optio
   return data_;
 }
 
+size_t MPMessagePackWriter::write(std::span<const uint8_t> bytes) {
+  data_.append(bytes);
+  return bytes.size();
+}
+
 namespace qelnk {
 
 Data mp_messagePack(const Value &container, int64_t options, Error *error) {

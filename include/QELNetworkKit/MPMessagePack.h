@@ -5,11 +5,15 @@
 #include <QELNetworkKit/PQODictionary.h>
 #include <QELNetworkKit/Value.h>
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+
+// Options are 64-bit numbers. Where an error may stand in their place, a template takes the other integers, so that a
+// plain 0 is one of them and no null pointer.
 
 /// Option bits of the writer.
 enum MPMessagePackWriterOptions : int64_t {
@@ -31,13 +35,20 @@ class QELNK_EXPORT MPMessagePackWriter {
   /// The bytes of `value`. After a failure, the bytes written up to it, with the error set.
   static qelnk::Data writeObject(const qelnk::Value &value, int64_t options, qelnk::Error *error = nullptr);
   static qelnk::Data writeObject(const qelnk::Value &value, qelnk::Error *error = nullptr) {
-    return writeObject(value, 0, error);
+    return writeObject(value, int64_t(0), error);
+  }
+  template <std::integral Options>
+  static qelnk::Data writeObject(const qelnk::Value &value, Options options, qelnk::Error *error = nullptr) {
+    return writeObject(value, int64_t(options), error);
   }
 
   /// The bytes of `value`, or none after a failure.
   std::optional<qelnk::Data> write(const qelnk::Value &value, int64_t options, qelnk::Error *error = nullptr);
 
-  /// What the last write produced.
+  /// Appends bytes to data() as they are; returns their number.
+  size_t write(std::span<const uint8_t> bytes);
+
+  /// What the last write of an object produced, and the bytes appended since.
   const qelnk::Data &data() const { return data_; }
 
  private:
@@ -54,7 +65,12 @@ class QELNK_EXPORT MPMessagePackReader {
   static std::optional<qelnk::Value> readData(std::span<const uint8_t> data, int64_t options,
                                               qelnk::Error *error = nullptr);
   static std::optional<qelnk::Value> readData(std::span<const uint8_t> data, qelnk::Error *error = nullptr) {
-    return readData(data, 0, error);
+    return readData(data, int64_t(0), error);
+  }
+  template <std::integral Options>
+  static std::optional<qelnk::Value> readData(std::span<const uint8_t> data, Options options,
+                                              qelnk::Error *error = nullptr) {
+    return readData(data, int64_t(options), error);
   }
 
   explicit MPMessagePackReader(qelnk::Data data, int64_t options = 0);
@@ -62,9 +78,15 @@ class QELNK_EXPORT MPMessagePackReader {
   /// Reads the object at index(), which moves behind it; after an error index() is where it was.
   std::optional<qelnk::Value> readObject(qelnk::Error *error = nullptr);
 
+  /// Fills `buffer` with the bytes at index(), which moves behind them, and returns their number. When fewer remain,
+  /// reads nothing and returns 0.
+  size_t read(std::span<uint8_t> buffer);
+
+  const qelnk::Data &data() const { return data_; }
   /// The reading position in bytes from the start.
   uint64_t index() const { return index_; }
   int64_t options() const { return options_; }
+  void setOptions(int64_t options) { options_ = options; }
 
  private:
   qelnk::Data data_;
@@ -77,15 +99,27 @@ namespace qelnk {
 /// The MessagePack bytes of a list or a map. After a failure, the bytes written up to it, with the error set.
 QELNK_EXPORT Data mp_messagePack(const Value &container, int64_t options, Error *error = nullptr);
 QELNK_EXPORT Data mp_messagePack(const Value &container, Error *error = nullptr);
+template <std::integral Options>
+Data mp_messagePack(const Value &container, Options options, Error *error = nullptr) {
+  return mp_messagePack(container, int64_t(options), error);
+}
 
 /// The map that the bytes hold. Another kind: none, with an error of code -1 and the object under "MPObject".
 QELNK_EXPORT std::optional<Value> mp_dict(std::span<const uint8_t> bytes, int64_t options, Error *error = nullptr);
 QELNK_EXPORT std::optional<Value> mp_dict(std::span<const uint8_t> bytes, Error *error = nullptr);
+template <std::integral Options>
+std::optional<Value> mp_dict(std::span<const uint8_t> bytes, Options options, Error *error = nullptr) {
+  return mp_dict(bytes, int64_t(options), error);
+}
 
 /// The list that the bytes hold. Another kind: none, with an error of code -1 and the object under "MPObject". The
 /// options are not looked at: maps inside are always plain.
 QELNK_EXPORT std::optional<Value> mp_array(std::span<const uint8_t> bytes, int64_t options, Error *error = nullptr);
 QELNK_EXPORT std::optional<Value> mp_array(std::span<const uint8_t> bytes, Error *error = nullptr);
+template <std::integral Options>
+std::optional<Value> mp_array(std::span<const uint8_t> bytes, Options options, Error *error = nullptr) {
+  return mp_array(bytes, int64_t(options), error);
+}
 
 /// Whatever the bytes hold.
 QELNK_EXPORT std::optional<Value> mp_object(std::span<const uint8_t> bytes, Error *error = nullptr);
@@ -94,7 +128,7 @@ QELNK_EXPORT std::optional<Value> mp_object(std::span<const uint8_t> bytes, Erro
 QELNK_EXPORT std::optional<std::string> mp_hexString(std::span<const uint8_t> bytes);
 
 /// The bytes of pairs of hexadecimal digits. A single last digit counts alone; a pair counts up to its first other
-/// character.
+/// character. Characters are counted as UTF-16 has them.
 QELNK_EXPORT Data mp_dataFromHexString(std::string_view text);
 
 }  // namespace qelnk

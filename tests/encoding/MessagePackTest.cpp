@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
+#include <array>
 #include <limits>
 
 using qelnk::Data;
@@ -153,6 +155,40 @@ TEST(MessagePack, SortsKeysWithoutCase) {
             bytes("82a16102a16201"));
 }
 
+// Lists and maps as keys come last, in an order of their own, and cost no text.
+TEST(MessagePack, SortsKeysOfEveryKind) {
+  const Value map = Value::map({{Value::list({2}), 1}, {Value::map(), 2}, {"b", 3}, {Value::list({1}), 4}, {10, 5}});
+  EXPECT_EQ(qelnk::mp_hexString(mp_messagePack(map, MPMessagePackWriterSortKeys).span()),
+            "850a05a162039101049102018002");
+  constexpr size_t depth = 100'000;
+  Data unsorted, sorted;  // each level {deeper: 1, 2: 3}, deeper first and last
+  for (size_t i = 0; i < depth; ++i) {
+    unsorted.append("\x82");
+    sorted.append(Data{0x82, 2, 3}.span());
+  }
+  unsorted.append("\x05");
+  sorted.append("\x05");
+  for (size_t i = 0; i < depth; ++i) {
+    unsorted.append(Data{1, 2, 3}.span());
+    sorted.append("\x01");
+  }
+  // The innermost has numbers alone.
+  std::copy_n(Data{0x82, 2, 3, 5, 1}.data(), 5, sorted.mutableData() + 3 * (depth - 1));
+  EXPECT_EQ(mp_messagePack(*qelnk::mp_dict(unsorted.span()), MPMessagePackWriterSortKeys), sorted);
+}
+
+TEST(MessagePack, ZeroIsAnOptionEverywhere) {
+  const Value map = Value::map({{"a", 1}}), list = Value::list({1});
+  const Data bytes = mp_messagePack(map, 0);
+  Error error;
+  EXPECT_EQ(MPMessagePackWriter::writeObject(map, 0), bytes);
+  EXPECT_EQ(MPMessagePackWriter::writeObject(map, 0u, &error), bytes);
+  EXPECT_EQ(MPMessagePackWriter::writeObject(map, nullptr), bytes);
+  EXPECT_EQ(*MPMessagePackReader::readData(bytes.span(), 0), map);
+  EXPECT_EQ(*qelnk::mp_dict(bytes.span(), 0), map);
+  EXPECT_EQ(*qelnk::mp_array(mp_messagePack(list, 0).span(), 0), list);
+}
+
 TEST(MessagePack, AFailedWriteKeepsItsBytesOrGivesNone) {
   const Value tree = Value::list({1, qelnk::XMLDocument(), 2});
   Error error;
@@ -175,6 +211,23 @@ TEST(MessagePack, AReaderGoesThroughABufferObjectByObject) {
   EXPECT_EQ(error.code, 200);
 }
 
+TEST(MessagePack, BytesBetweenObjectsAreReadAndWrittenAsTheyAre) {
+  MPMessagePackWriter writer;
+  ASSERT_TRUE(writer.write(1, 0));
+  EXPECT_EQ(writer.write(Data{0xC1, 0xC1, 0x80}.span()), 3u);
+  EXPECT_EQ(writer.data(), bytes("01c1c180"));
+  MPMessagePackReader reader(writer.data());
+  EXPECT_EQ(*reader.readObject(), Value(1));
+  std::array<uint8_t, 4> room{};
+  EXPECT_EQ(reader.read(room), 0u);
+  EXPECT_EQ(reader.index(), 1u);
+  EXPECT_EQ(reader.read(std::span(room).first(2)), 2u);
+  EXPECT_EQ(room, (std::array<uint8_t, 4>{0xC1, 0xC1}));
+  reader.setOptions(MPMessagePackReaderOrderedDictionaries);
+  EXPECT_TRUE(reader.readObject()->isOrderedMap());
+  EXPECT_EQ(reader.index(), reader.data().size());
+}
+
 TEST(MessagePack, HexadecimalText) {
   EXPECT_EQ(qelnk::mp_hexString(Data{0x0A, 0xFF}.span()), "0aff");
   EXPECT_FALSE(qelnk::mp_hexString({}));
@@ -182,12 +235,16 @@ TEST(MessagePack, HexadecimalText) {
   EXPECT_EQ(qelnk::mp_dataFromHexString("abc"), (Data{0xAB, 0x0C}));
   EXPECT_EQ(qelnk::mp_dataFromHexString("zz1xx2"), (Data{0x00, 0x01, 0x00}));
   EXPECT_TRUE(qelnk::mp_dataFromHexString("").empty());
+  // Pairs of characters, of which one beyond the basic plane counts as two.
+  EXPECT_EQ(qelnk::mp_dataFromHexString("é1ab"), (Data{0x00, 0xAB}));
+  EXPECT_EQ(qelnk::mp_dataFromHexString("1€ab"), (Data{0x01, 0xAB}));
+  EXPECT_EQ(qelnk::mp_dataFromHexString("😀ab"), (Data{0x00, 0xAB}));
 }
 
 Data sample() {
   return mp_messagePack(Value::map({{"command", "setPortValue"},
-                                    {"list", Value::list({1, -5, 3.5, 2.5f, true, nullptr, std::string(40, 's')})},
-                                    {"bytes", Data::uninitialized(300)},
+                                    {"list", Value::list({1, -5, 3.5, 2.5f, true, nullptr, std::string(32, 's')})},
+                                    {"bytes", Data{1, 2, 3, 0x91, 0xDF}},
                                     {"map", Value::map({{1, 2}, {"k", Value::list({"é", Value::map()})}})},
                                     {"big", int64_t(-1) << 40}}));
 }
@@ -195,28 +252,28 @@ Data sample() {
 // Whatever is cut off or changed, the end is a value or an error, and what a value holds can be used.
 TEST(MessagePack, EveryTruncationAndEveryChangedByteEndsInAValueOrAnError) {
   const Data good = sample();
-  const auto check = [](std::span<const uint8_t> input) {
-    for (const int64_t options : {0, 1}) {
-      Error error;
-      const auto value = MPMessagePackReader::readData(input, options, &error);
-      ASSERT_EQ(value.has_value(), !error) << error.description;
-      if (value) {
-        EXPECT_GT(MPMessagePackWriter::writeObject(*value).size(), 0u);
-        EXPECT_FALSE(value->description().empty());
-      }
+  const auto check = [](std::span<const uint8_t> input, int64_t options) {
+    Error error;
+    const auto value = MPMessagePackReader::readData(input, options, &error);
+    ASSERT_EQ(value.has_value(), !error) << error.description;
+    if (value) {
+      EXPECT_GT(MPMessagePackWriter::writeObject(*value).size(), 0u);
+      EXPECT_FALSE(value->description().empty());
     }
   };
   for (size_t length = 0; length < good.size(); ++length) {
     const Data cut(good.span().first(length));  // in a block of its own, so that a sanitizer sees a read beyond it
     Error error;
     EXPECT_FALSE(qelnk::mp_object(cut.span(), &error)) << length;
-    check(cut.span());
+    check(cut.span(), 0);
+    check(cut.span(), 1);
   }
+  const size_t text = good.text().find("ssss");  // the same everywhere inside
   Data changed(good.span());
-  for (size_t at = 0; at < good.size(); at = at == 60 ? 300 : at + 1)
+  for (size_t at = 0; at < good.size(); at = at == text ? text + 31 : at + 1)
     for (int byte = 0; byte < 256; ++byte) {
       changed.mutableData()[at] = uint8_t(byte);
-      check(changed.span());
+      check(changed.span(), byte % 2);
       changed.mutableData()[at] = good[at];
     }
 }
