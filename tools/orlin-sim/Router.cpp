@@ -29,6 +29,7 @@ std::optional<std::string> receiveFrame(void *socket, bool &more) {
 Router::Router(int port) : context_(zmq_ctx_new()), socket_(zmq_socket(context_, ZMQ_ROUTER)) {
   setOption(socket_, ZMQ_LINGER, 500);
   setOption(socket_, ZMQ_ROUTER_MANDATORY, 1);
+  setOption(socket_, ZMQ_SNDHWM, 0);  // a client that reads late gets every reply all the same
   const std::string endpoint = "tcp://127.0.0.1:" + (port == 0 ? "*" : std::to_string(port));
   if (zmq_bind(socket_, endpoint.c_str()) != 0) {
     const std::string reason = zmq_strerror(zmq_errno());

@@ -29,7 +29,7 @@ class Router {
   };
   /// The next request that is there, or none.
   std::optional<Request> receive();
-  /// Sends one frame. Returns false when that client is gone; to a client that does not read, frames are lost.
+  /// Sends one frame. Returns false when that client is gone; for one that does not read, frames are kept until it is.
   bool send(const Address &to, std::span<const uint8_t> payload);
 
  private:

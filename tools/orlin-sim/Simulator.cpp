@@ -35,6 +35,7 @@ void Simulator::run(int stopDescriptor) {
     count(now);
     sendDelayed(now);
   }
+  sendDelayed(Time::max());
 }
 
 /// Serves what has come in, but lets timers have their turn now and then.
@@ -52,10 +53,6 @@ void Simulator::serve(const Router::Request &request, Time now) {
   const auto message = qelnk::mp_dict(bytes, &error);
   if (!message) return tell("a frame that is no request is left out: " + error.description);
   const std::string_view command = (*message)["command"].string();
-  if (command == "quit") {
-    quit_ = true;
-    return;
-  }
   Answer answer = perform(command, (*message)["data"], request.from);
   reply(request.from, (*message)["messageID"], std::move(answer), now);
   for (const Port *port : std::exchange(toPush_, {})) push(*port);
@@ -65,6 +62,10 @@ void Simulator::serve(const Router::Request &request, Time now) {
 Simulator::Answer Simulator::perform(std::string_view command, const Value &arguments, const Address &from) {
   const std::string_view id = arguments["id"].string();
   if (command == "getProject") return {project_.description(), ""};
+  if (command == "quit") {
+    quit_ = true;
+    return {nullptr, ""};
+  }
   if (command == "startProject" || command == "stopProject") {
     command == "startProject" ? project_.start() : project_.stop();
     return {project_.description(), ""};

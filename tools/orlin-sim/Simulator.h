@@ -23,7 +23,8 @@ class Simulator {
   explicit Simulator(const Options &options);
 
   int port() const { return router_.port(); }
-  /// Serves until it is told to quit, `stopDescriptor` is readable or a fault switch ends it.
+  /// Serves until it is told to quit, `stopDescriptor` is readable or a fault switch ends it. Told to quit, it sends
+  /// what is still delayed before it returns.
   void run(int stopDescriptor);
 
  private:
