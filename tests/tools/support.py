@@ -18,8 +18,9 @@ import zmq
 BIN = pathlib.Path(os.environ["QELNK_BIN"])
 BUNDLE = BIN / "Orlin Daemon" / "orlin Daemon.app"
 SLOW = "QELNK_SANITIZED" in os.environ
-LIMIT = 60  # seconds, after which something hangs
-SHORT = "2" if SLOW else "0.3"  # a time-out that is waited for, in which everything that answers has done so
+LIMIT = 360 if SLOW else 60  # seconds, after which something hangs
+SHORT = "2" if SLOW else "0.3"  # a time-out that is waited for; nothing may depend on what happens within it
+AMPLE = "12" if SLOW else "2"  # the same, where everything that answers has to do so within it
 
 Result = collections.namedtuple("Result", "code out err")
 
@@ -38,8 +39,8 @@ def events(result, name=None):
     return [event for event in found if name in (None, event["event"])]
 
 
-def eventually(condition, limit=10):
-    end = time.monotonic() + limit
+def eventually(condition):
+    end = time.monotonic() + LIMIT
     while not condition():
         if time.monotonic() > end:
             return False
@@ -47,12 +48,16 @@ def eventually(condition, limit=10):
     return True
 
 
-def is_running(pid):
-    """Whether the process is there and no zombie."""
+def state_of(pid):
+    """The letter of the process's state, "Z" also for one that is gone."""
     try:
-        return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] != "Z"
+        return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]
     except OSError:
-        return False
+        return "Z"
+
+
+def is_running(pid):
+    return state_of(pid) != "Z"
 
 
 def port_of(pid):
@@ -80,10 +85,10 @@ class ToolTest(unittest.TestCase):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="qelnk-test-"))
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
 
-    def start(self, *command, **options):
+    def start(self, *command, env=None):
         """Starts a program, which is ended with the test."""
         process = subprocess.Popen([str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, **options)
+                                   stderr=subprocess.PIPE, env={**os.environ, **(env or {})})
         self.addCleanup(self.end, process)
         return process
 
@@ -105,8 +110,8 @@ class ToolTest(unittest.TestCase):
         for stream in (process.stdin, process.stdout, process.stderr):
             stream.close()
 
-    def finish(self, process, limit=LIMIT):
-        out, err = process.communicate(timeout=limit)
+    def finish(self, process):
+        out, err = process.communicate(timeout=LIMIT)
         return Result(process.returncode, out, err.decode())
 
     def project(self, file="Studio.prj", **changes):

@@ -9,7 +9,7 @@ import unittest
 import msgpack
 import zmq
 
-from support import BIN, SHORT, Peer, ToolTest, eventually, events, qelnk
+from support import BIN, LIMIT, SHORT, SLOW, Peer, ToolTest, eventually, events, qelnk
 
 
 class Request(ToolTest):
@@ -51,7 +51,7 @@ class Request(ToolTest):
 
     def test_large_message(self):
         line = json.dumps(["x" * (8 << 20)], separators=(",", ":"))
-        self.assertEqual(self.ask(self.echo().port, input=line).out.decode(), line + "\n")
+        self.assertEqual(self.ask(self.echo().port, "--timeout", LIMIT, input=line).out.decode(), line + "\n")
 
     def test_replies_are_flushed_one_by_one(self):
         peer = self.echo()
@@ -77,8 +77,10 @@ class Request(ToolTest):
             result = self.ask(mute.port, "--timeout", SHORT, *more, input="[1]\n[2]\n")
             self.assertEqual((result.code, result.out), (69, b""))
             self.assertIn("no answer", result.err)
-            self.assertLess(time.monotonic() - begun, 9)
-        self.assertEqual(len(mute.messages), 2)
+            if not SLOW:
+                self.assertLess(time.monotonic() - begun, 9, "the default is 10 seconds")
+        # Given up before there was a connection, even the first may not have been sent.
+        self.assertNotIn(b"[2]", mute.messages)
 
     def test_signals(self):
         for more in ([], ["--sync"]):
@@ -90,11 +92,11 @@ class Request(ToolTest):
                     process.stdin.flush()
                     self.assertTrue(eventually(lambda: mute.messages))
                     process.send_signal(number)
-                    self.assertEqual(process.wait(5), 1, "in the middle of a request")
+                    self.assertEqual(process.wait(LIMIT), 1, "in the middle of a request")
                     process = self.start(BIN / "qelnk", "request", "127.0.0.1", mute.port, *more)
                     self.ready(process)
                     process.send_signal(number)
-                    self.assertEqual(process.wait(5), 0, "between requests")
+                    self.assertEqual(process.wait(LIMIT), 0, "between requests")
 
 
 if __name__ == "__main__":

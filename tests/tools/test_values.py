@@ -8,7 +8,7 @@ import unittest
 
 import msgpack
 
-from support import BIN, ToolTest, qelnk
+from support import BIN, LIMIT, ToolTest, qelnk
 
 
 class Values(ToolTest):
@@ -129,7 +129,7 @@ class Conventions(ToolTest):
         process.stdout.close()
         process.stdin.write(b"\x01")
         process.stdin.close()
-        self.assertEqual(process.wait(10), 1)
+        self.assertEqual(process.wait(LIMIT), 1)
         self.assertEqual(process.stderr.read(), b"")
 
     def test_signal_while_reading(self):
@@ -138,7 +138,7 @@ class Conventions(ToolTest):
         process.stdin.flush()
         self.ready(process)
         process.terminate()
-        self.assertEqual(process.wait(10), 1)
+        self.assertEqual(process.wait(LIMIT), 1)
 
 
 if __name__ == "__main__":

@@ -49,7 +49,8 @@ class DemoFolder {
 /// The demonstration of daemon control: every step waits for what it should bring about, and fails without it.
 class DaemonDemo {
  public:
-  explicit DaemonDemo(Invocation &invocation) : session_(invocation.session), output_(invocation.output) {}
+  explicit DaemonDemo(Invocation &invocation)
+      : session_(invocation.session), output_(invocation.output), timeout_(invocation.timeout) {}
   ~DaemonDemo() { terminate(); }
   DaemonDemo(const DaemonDemo &) = delete;
   DaemonDemo &operator=(const DaemonDemo &) = delete;
@@ -76,8 +77,8 @@ class DaemonDemo {
   /// Waits until `condition` holds, which the step promised.
   void expect(const std::string &what, const std::function<bool()> &condition) {
     const auto lost = [this] { return !quitting_ && !process_->isRunning(); };
-    const auto wait = session_.waitUntil([&] { return condition() || lost(); }, after(3), std::chrono::milliseconds(5));
-    if (wait == Session::Wait::stopped) throw Failure(Exit::failed, "");
+    session_.waitUntil([&] { return condition() || lost(); }, after(timeout_), std::chrono::milliseconds(5));
+    if (session_.stopped()) throw Failure(Exit::failed, "");
     if (!condition())
       throw Failure(Exit::failed, "this did not happen: " + what + (lost() ? " (the daemon has ended)" : ""));
   }
@@ -223,6 +224,7 @@ class DaemonDemo {
 
   Session &session_;
   Output &output_;
+  const double timeout_;  // seconds, for each step
   const DemoFolder folder_;
   std::unique_ptr<QELNKOrlinDaemonSpawner> spawner_;
   std::shared_ptr<QELNKKORVALDaemonClient> client_;
