@@ -277,19 +277,17 @@ class Launched(ToolTest):
                 (["--spawn", broken, "show"], 1, "exit code 1"),
                 (["--spawn", self.project(), "--bundle", self.folder, "show"], 71, "java")]:
             with self.subTest(text):
-                begun = time.monotonic()
-                result = qelnk("daemon", *words)
+                result = qelnk("daemon", *words, "--timeout", 2 * LIMIT)
                 self.assertEqual((result.code, result.out), (code, b""))
                 self.assertIn(text, result.err)
-                self.assertLess(time.monotonic() - begun, 5, "said at once")
 
     def test_taken_port(self):
-        with socket.socket() as taken:
-            taken.bind(("127.0.0.1", 0))
-            taken.listen()
-            result = self.spawn(self.project(), "--base-port", taken.getsockname()[1], "show")
-        self.assertEqual(result.code, 1)
-        self.assertIn("Address already in use", result.err)
+        """Another daemon's port: that one is left alone."""
+        sim, port = self.sim()
+        result = self.spawn(self.project("Other.prj"), "--base-port", port, "quit")
+        self.assertEqual(result, (1, b"", f"qelnk: port {port}: Address already in use\n"))
+        self.assertEqual(qelnk("daemon", "--connect", f"localhost:{port}", "show").code, 0)
+        self.assertIsNone(sim.poll())
 
     def test_what_the_daemon_is_given(self):
         with socket.socket() as free:

@@ -25,16 +25,22 @@ std::string defaultBundle() {
              : (folder / QELNK_LIBRARY_FROM_PROGRAM / "QELNetworkKit" / bundle).lexically_normal();
 }
 
-int64_t freePort() {
+int64_t freePort(int64_t wanted) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  // Old connections may linger on a port that a daemon gets all the same.
+  const int reuse = wanted != 0;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
   sockaddr_in address{};
   address.sin_family = AF_INET;
+  address.sin_port = htons(uint16_t(wanted));
   socklen_t length = sizeof address;
   auto *generic = reinterpret_cast<sockaddr *>(&address);
   const bool found = fd >= 0 && bind(fd, generic, length) == 0 && getsockname(fd, generic, &length) == 0;
   const int problem = errno;
   if (fd >= 0) close(fd);
-  if (!found) throw Failure(Exit::system, "no free port: " + std::generic_category().message(problem));
+  const std::string reason = ": " + std::generic_category().message(problem);
+  if (!found && wanted != 0) throw Failure(Exit::failed, "port " + std::to_string(wanted) + reason);
+  if (!found) throw Failure(Exit::system, "no free port" + reason);
   return ntohs(address.sin_port);
 }
 

@@ -8,8 +8,9 @@ namespace tool {
 /// The daemon's bundle that goes with this program: the simulated one that is built beside it, else the installed one.
 std::string defaultBundle();
 
-/// A TCP port that nobody has at this moment. A Failure where the system gives none.
-int64_t freePort();
+/// A TCP port that nobody has at this moment: `wanted`, or for 0 one that the system chooses. A Failure where it cannot
+/// be had.
+int64_t freePort(int64_t wanted = 0);
 
 /// For its lifetime, gives a child process that is started other standard streams than the tool's own: no input, and
 /// its output on standard error, so that results and input lines stay the tool's. A daemon that is to stay gets no

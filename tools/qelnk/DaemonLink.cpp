@@ -67,9 +67,9 @@ void DaemonLink::launch() {
   std::error_code ignored;
   if (!std::filesystem::is_regular_file(project, ignored))
     throw Failure(Exit::failed, "there is no project file " + project);
-  const auto basePort = arguments.integer("base-port", 1, 65535);
-  spawner_ = std::make_unique<QELNKOrlinDaemonSpawner>(arguments.text("bundle").value_or(defaultBundle()),
-                                                       basePort ? *basePort : freePort());
+  // A daemon that has the port already would be taken for the one launched here, and driven and quit in its place.
+  const int64_t port = freePort(arguments.integer("base-port", 1, 65535).value_or(0));
+  spawner_ = std::make_unique<QELNKOrlinDaemonSpawner>(arguments.text("bundle").value_or(defaultBundle()), port);
   const qelnk::Value properties =
       qelnk::Value::map({{QELNKOrlinDaemonMaxHeapSize, arguments.integer("heap", 1, INT32_MAX).value_or(0)},
                          {QELNKOrlinDaemonWebSocketPort, arguments.integer("web", 1, 65535).value_or(0)}});
