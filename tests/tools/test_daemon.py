@@ -317,15 +317,38 @@ class Launched(ToolTest):
         process.stdin.flush()
         self.assertIn(b"running", process.stdout.readline())
         process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(10), 0)
+        self.assertEqual(process.wait(LIMIT), 0)
         self.assertEqual(daemons_of(self.folder), [])
+
+    def test_signal_to_the_daemon_as_well(self):
+        """As a terminal's Ctrl-C does; the daemon has ended before the tool gets to know of its own signal."""
+        for words, line in [(["shell"], b"start\n"), (["watch", "Clock", "Frames"], b"")]:
+            with self.subTest(words):
+                process = self.start(BIN / "qelnk", "daemon", "--spawn", self.project(), *words)
+                process.stdin.write(line)
+                process.stdin.flush()
+                self.assertTrue(eventually(lambda: daemons_of(self.folder)))
+                daemon = daemons_of(self.folder)[0]
+                other = ["daemon", "--connect", f"localhost:{port_of(daemon)}"]
+                qelnk(*other, "start-workflow", "Clock")
+                process.stdout.readline()
+                qelnk(*other, "stop-workflow", "Clock")
+                self.assertTrue(eventually(lambda: state_of(process.pid) == "S"), "it waits")
+                process.send_signal(signal.SIGSTOP)
+                self.assertTrue(eventually(lambda: state_of(process.pid) == "T"))
+                for pid in (process.pid, daemon):
+                    os.kill(pid, signal.SIGINT)
+                self.assertTrue(eventually(lambda: not is_running(daemon)))
+                process.send_signal(signal.SIGCONT)
+                result = self.finish(process)
+                self.assertEqual((result.code, result.err), (0, ""))
 
     def test_signal_while_connecting(self):
         process = self.start(BIN / "qelnk", "daemon", "--spawn", self.project(), "show",
                              env={"ORLIN_SIM_OPTIONS": "--drop-replies 1000"})
         self.assertTrue(eventually(lambda: daemons_of(self.folder)))
         process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(10), 1)
+        self.assertEqual(process.wait(LIMIT), 1)
         self.assertEqual(daemons_of(self.folder), [])
 
     def test_daemons_that_fail(self):

@@ -96,8 +96,8 @@ void DaemonLink::connect() {
 
 bool DaemonLink::alive() const { return !process_ || process_->isRunning(); }
 
-void DaemonLink::failAlone(Session::Wait wait) const {
-  if (wait == Session::Wait::stopped) throw Failure(Exit::failed, "");
+void DaemonLink::failAlone() const {
+  if (invocation_.session.stopped()) throw Failure(Exit::failed, "");
   if (!alive()) throw Failure(Exit::failed, "the daemon has ended" + howItEnded(*process_));
   throw Failure(Exit::unanswered, "no answer from " + host_ + ":" + std::to_string(port_) + " within " +
                                       secondsText(invocation_.timeout));
@@ -109,7 +109,7 @@ void DaemonLink::await(const std::function<bool()> &condition) {
     const auto wait = invocation_.session.waitUntil(
         [&] { return condition() || !alive() || client_->answered() != answered; }, after(invocation_.timeout));
     if (condition()) return;
-    if (wait != Session::Wait::done || !alive()) failAlone(wait);
+    if (wait != Session::Wait::done || !alive()) failAlone();
   }
 }
 
@@ -121,8 +121,8 @@ void DaemonLink::perform(size_t requests, const std::function<void()> &command) 
   // which the mirror has the answers.
   auto settled = std::make_shared<bool>(false);
   client_->scheduleMessage(std::make_shared<QELNKMessage>([settled](auto &, auto &) { *settled = true; }));
-  const auto wait = invocation_.session.waitUntil([&] { return *settled || !alive(); });
-  if (!*settled || client_->answered() < goal) failAlone(wait);
+  invocation_.session.waitUntil([&] { return *settled || !alive(); });
+  if (!*settled || client_->answered() < goal) failAlone();
   checkRefusal();
 }
 
@@ -134,7 +134,7 @@ void DaemonLink::quit() {
   hasQuit_ = true;
   client_->quit();
   const auto wait = invocation_.session.waitUntil([&] { return !client_->socket(); }, after(invocation_.timeout), soon);
-  if (wait != Session::Wait::done) failAlone(wait);
+  if (wait != Session::Wait::done) failAlone();
 }
 
 void DaemonLink::close(Exit exit) {
@@ -142,6 +142,8 @@ void DaemonLink::close(Exit exit) {
   if (!process_) return;
   if (!hasQuit_ && !alive()) {
     if (exit != Exit::done) return;  // which is what has been told
+    // Ctrl-C on a terminal asks the daemon as well, which is in the same process group.
+    if (invocation_.session.stopped()) return;
     throw Failure(Exit::failed, "the daemon has ended by itself" + howItEnded(*process_));
   }
   if (!keep_ || !connected_ || hasQuit_) {

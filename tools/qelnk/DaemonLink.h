@@ -54,7 +54,7 @@ class DaemonLink {
  private:
   void launch();
   bool endDaemon(double patience);
-  [[noreturn]] void failAlone(Session::Wait wait) const;
+  [[noreturn]] void failAlone() const;
 
   Invocation &invocation_;
   std::string host_ = "localhost";
