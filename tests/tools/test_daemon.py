@@ -51,6 +51,34 @@ class OnTheWire(ToolTest):
                     self.assertIsInstance(request["timestamp"], float)
                     self.assertAlmostEqual(request["timestamp"], time.time() * 1000, delta=60_000)
 
+    def test_ports_by_identifier(self):
+        """Of several ports with one name, and of ports without any, the one that was asked for."""
+        ports = [port("in", "Same", "input", "int_", 0), port("go", "Same", "input", "trig", False),
+                 port("on", None, "input", "bool", False), port("out", "Same", "output", "int_", 0),
+                 port("more", "Same", "output", "int_", 0), port("last", None, "output", "int_", 0)]
+
+        def respond(request):
+            if request["command"] == "getExposedPorts":
+                return [reply(request, {"data": ports})]
+            if request["command"] == "registerPortUpdate" and request["data"]["id"] == "last":
+                return [reply(request, None), push("in", 1), push("last", 2)]
+            return None
+
+        for words, shown, sent in [
+                (["trigger", "Flow", "go"], [("go", True)], [("setPortValue", {"id": "go", "value": True})]),
+                (["trigger", "Flow", "on"], [("on", False)],
+                 [("setPortValue", {"id": "on", "value": True}), ("setPortValue", {"id": "on", "value": False})]),
+                (["watch", "Flow", "more", "--for", "0.01"], [],
+                 [(command, {"id": "more"}) for command in ("registerPortUpdate", "unregisterPortUpdate")]),
+                (["watch", "Flow", "last", "--count", "1"], [("last", 2)],
+                 [(command, {"id": "last"}) for command in ("registerPortUpdate", "unregisterPortUpdate")])]:
+            with self.subTest(words):
+                daemon = FakeDaemon(self, respond)
+                result = self.drive(daemon, *words, "--json")
+                self.assertEqual((result.code, result.err), (0, ""))
+                self.assertEqual([(e.get("id", e.get("port")), e["value"]) for e in events(result)], shown)
+                self.assertEqual(daemon.sent(), sent)
+
     def test_watch_prints_each_push(self):
         """A burst, with a push for a port that nobody watches; what is printed is each value, not the latest."""
         def burst(request):

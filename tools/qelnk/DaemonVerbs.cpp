@@ -76,8 +76,10 @@ void trigger(VerbCall &call) {
     fail("the port " + labelOf(*port) + " is of type " +
          std::string(QELNKOrlinPort::nameOfValueType(port->valueType())) +
          ": only trig and bool ports can be triggered");
-  call.link.perform(isTrigger ? 1 : 2,
-                    [&] { call.link.client()->triggerWorkflow(workflow, port->name().value_or("")); });
+  call.link.perform(isTrigger ? 1 : 2, [&] {
+    call.link.client()->setWorkflow(workflow, port, true);
+    if (!isTrigger) call.link.client()->setWorkflow(workflow, port, false);
+  });
   showPort(call.output, *workflow, *port);
 }
 
@@ -95,17 +97,15 @@ class Watch {
   /// Being asked to end is a good end from here on.
   void run() {
     try {
-      for (const auto &port : ports_)
-        call_.link.perform(1, [&] { client()->registerWorkflow(workflow_, {*port->name()}, nullptr); });
+      askForEach("registerPortUpdate");
+      Deadline end;
+      if (const auto seconds = call_.arguments.seconds("for")) end = after(*seconds);
+      const auto wait = call_.session.waitUntil([this] { return left_ == 0 || !call_.link.alive(); }, end);
+      if (left_ != 0 && !call_.link.alive()) fail("the daemon has ended");
+      if (wait != Session::Wait::stopped) askForEach("unregisterPortUpdate");
     } catch (const Failure &) {
-      if (call_.session.stopped()) return;
-      throw;
+      if (!call_.session.stopped()) throw;
     }
-    Deadline end;
-    if (const auto seconds = call_.arguments.seconds("for")) end = after(*seconds);
-    const auto wait = call_.session.waitUntil([this] { return left_ == 0 || !call_.link.alive(); }, end);
-    if (left_ != 0 && !call_.link.alive()) fail("the daemon has ended");
-    if (wait != Session::Wait::stopped) unregister();
   }
 
  private:
@@ -117,9 +117,13 @@ class Watch {
     showUpdate(call_.output, *workflow_, *port, value);
   }
 
-  void unregister() {
-    for (const auto &port : ports_)
-      call_.link.perform(1, [&] { client()->unRegisterWorkflow(workflow_, {*port->name()}); });
+  /// Sends a command for each port, by its identifier: names need not be unique.
+  void askForEach(const char *command) {
+    for (const auto &port : ports_) {
+      qelnk::Value request = client()->requestForCommand(command);
+      request.set(QELNKKORVALData, qelnk::Value::map({{QELNKKORVALID, port->uid().value_or("")}}));
+      call_.link.perform(1, [&] { client()->sendRequest(std::move(request), nullptr); });
+    }
   }
 
   VerbCall &call_;
@@ -140,7 +144,7 @@ void watch(VerbCall &call) {
   std::set<PortPointer> ports;
   for (size_t index = 1; index < call.arguments.count(); ++index) {
     const auto port = portOf(*workflow, call.arguments[index]);
-    if (port->portType() != QELNKOrlinPortTypeOutput || !port->name())
+    if (port->portType() != QELNKOrlinPortTypeOutput)
       fail("the port " + labelOf(*port) + " is an input: a daemon pushes the values of output ports");
     ports.insert(port);
   }
