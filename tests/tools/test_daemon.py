@@ -23,8 +23,8 @@ class OnTheWire(ToolTest):
         value = {"id": "in", "value": -5}
         for words, sent in [
                 (["show"], []),
-                (["start"], [("startProject", None)]),
-                (["stop"], [("stopProject", None)]),
+                (["start"], [("startProject", None), ("getWorkflows", None)]),
+                (["stop"], [("stopProject", None), ("getWorkflows", None)]),
                 (["start-workflow", "Flow"], [("startWorkflow", {"id": "w"})]),
                 (["stop-workflow", "Flow"], []),
                 (["set", "Flow", "In", "-5"], [("setPortValue", value)]),
@@ -247,20 +247,27 @@ class WithSimulator(ToolTest):
         self.assertEqual(result.code, 1)
         self.assertEqual([line.split(":")[1] for line in result.err.splitlines()], [" line 6", " line 7", " line 8", " line 9"])
         shown = [(e["event"], e.get("value")) for e in events(result)]
-        self.assertEqual(shown[:5], [("port", 'Late "night" news'), ("port", r'a "b" \c'), ("port", 0.75), ("port", ""), ("port", True)])
+        self.assertEqual(shown[:5], [("port", r'Late "night" `news` $5 \n'), ("port", r'a "b" \c'), ("port", 0.75),
+                                     ("port", ""), ("port", True)])
         self.assertEqual([e["event"] for e in events(result)][5:9], ["workflow", "update", "update", "project"])
         good = self.drive(port, "shell", input="help\nstart\nquit\n")
         self.assertEqual((good.code, good.err), (0, ""))
         self.assertIn("start-workflow WORKFLOW", good.out.decode())
-        self.assertEqual(sim.wait(5), 0)
+        self.assertEqual(sim.wait(LIMIT), 0)
 
     def test_shell_goes_on_after_an_unanswered_line(self):
-        _, port = self.sim(None, "--drop-replies", "0")
         daemon = FakeDaemon(self, lambda request: [] if request["command"] == "startProject" else None)
-        result = self.drive(daemon.port, "shell", "--timeout", SHORT, "--json", input="start\nset Flow In 2\nload x\n")
+        result = self.drive(daemon.port, "shell", "--timeout", AMPLE, "--json", input="start\nset Flow In 2\nload x\n")
         self.assertEqual(result.code, 1)
         self.assertEqual([e["event"] for e in events(result)], ["port", "project"])
         self.assertIn("line 1: no answer", result.err)
+
+    def test_workflows_that_the_project_starts_and_stops(self):
+        _, port = self.sim()
+        for lines in ("start\nstop-workflow Mixer\n", "start-workflow Mixer\nstop\nstart-workflow Mixer\n"):
+            told = events(self.drive(port, "shell", "--json", input=lines), "workflow")[-1]["executing"]
+            is_so = events(self.drive(port, "show", "--json"), "workflow")[0]["executing"]
+            self.assertEqual((told, is_so), ("start-workflow" in lines,) * 2)
 
     def test_shell_and_signals(self):
         _, port = self.sim()

@@ -53,7 +53,7 @@ class LineWords {
       if (rest_.empty()) throw Failure(Exit::usage, std::string("no closing ") + mark);
       const char next = pop();
       if (next == mark) return;
-      const bool escape = mark == '"' && next == '\\' && !rest_.empty() && (rest_[0] == '"' || rest_[0] == '\\');
+      const bool escape = mark == '"' && next == '\\' && rest_.find_first_of("\"\\$`") == 0;
       word_ += escape ? pop() : next;
     }
   }

@@ -30,13 +30,29 @@ PortPointer portOf(const QELNKOrlinWorkflow &workflow, const std::string &name) 
 
 void show(VerbCall &call) { showTree(call.output, *call.link.client()); }
 
+/// Asks which workflows execute. With the project some start and stop that the mirror knows nothing of, and a workflow
+/// that it takes for idle is not stopped.
+void updateExecuting(VerbCall &call) {
+  const auto client = call.link.client();
+  const auto take = [](const std::shared_ptr<QELNKClient> &client, const std::shared_ptr<QELNKMessage> &message) {
+    if (!message->response()) return;
+    for (const qelnk::Value &description : (*message->response())[QELNKKORVALData].items())
+      if (const auto workflow =
+              static_cast<DaemonClient &>(*client).workflowWithID(description[QELNKKORVALID].string()))
+        workflow->setExecuting(description[QELNKKORVALStatus].boolValue());
+  };
+  call.link.perform(1, [&] { client->sendRequest(client->requestForCommand("getWorkflows"), take); });
+}
+
 void start(VerbCall &call) {
   call.link.perform(1, [&] { call.link.client()->startProject(nullptr); });
+  updateExecuting(call);
   showProject(call.output, *call.link.client());
 }
 
 void stop(VerbCall &call) {
   call.link.perform(1, [&] { call.link.client()->stopProject(nullptr); });
+  updateExecuting(call);
   showProject(call.output, *call.link.client());
 }
 
