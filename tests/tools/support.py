@@ -1,13 +1,15 @@
 """What the tests of the tools share: running the programs, and peers on the other end of the wire."""
 
+import array
 import collections
+import fcntl
 import json
 import os
 import pathlib
 import shutil
-import signal
 import subprocess
 import tempfile
+import termios
 import threading
 import time
 import unittest
@@ -92,15 +94,13 @@ class ToolTest(unittest.TestCase):
         self.addCleanup(self.end, process)
         return process
 
-    def ready(self, process):
-        """Waits until a program has signal handlers of its own: before that a signal ends it as any other."""
-
-        def caught():
-            status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
-            mask = next(line for line in status.splitlines() if line.startswith("SigCgt"))
-            return int(mask.split()[1], 16) & 1 << signal.SIGTERM - 1
-
-        self.assertTrue(eventually(caught))
+    def feed(self, process, input):
+        """Gives a program input, and returns when it has taken it. By then it has its signal handlers; under the thread
+        sanitizer a signal that comes while they are being installed can get lost."""
+        process.stdin.write(input)
+        process.stdin.flush()
+        left = array.array("i", [0])
+        self.assertTrue(eventually(lambda: fcntl.ioctl(process.stdin, termios.FIONREAD, left) == 0 and left[0] == 0))
 
     @staticmethod
     def end(process):

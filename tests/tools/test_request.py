@@ -94,7 +94,7 @@ class Request(ToolTest):
                     process.send_signal(number)
                     self.assertEqual(process.wait(LIMIT), 1, "in the middle of a request")
                     process = self.start(BIN / "qelnk", "request", "127.0.0.1", mute.port, *more)
-                    self.ready(process)
+                    self.feed(process, b"\n")
                     process.send_signal(number)
                     self.assertEqual(process.wait(LIMIT), 0, "between requests")
 

@@ -134,9 +134,7 @@ class Conventions(ToolTest):
 
     def test_signal_while_reading(self):
         process = self.start(BIN / "qelnk", "pack")
-        process.stdin.write(b"[1,")
-        process.stdin.flush()
-        self.ready(process)
+        self.feed(process, b"[1,")
         process.terminate()
         self.assertEqual(process.wait(LIMIT), 1)
 
