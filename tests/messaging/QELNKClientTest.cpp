@@ -79,7 +79,7 @@ TEST_P(RoundTrip, BringsTheReply) {
     EXPECT_TRUE(!sync || sent->response() == message);
   }
   EXPECT_TRUE(eventually([&] { return right == 20 && connected == 1; }));
-  EXPECT_EQ(client->pendingMessages(), 0u);
+  EXPECT_TRUE(eventually([&] { return client->pendingMessages() == 0; }));
   EXPECT_EQ(client->endPoint(), "tcp://127.0.0.1:" + std::to_string(peer.port()));
 }
 
