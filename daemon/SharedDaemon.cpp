@@ -8,8 +8,6 @@
 #include "daemon/DaemonPlaces.h"
 #include "platform/Semaphore.h"
 
-using qelnk::Value;
-
 namespace {
 
 struct GivenBundle {
