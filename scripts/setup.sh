@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache
   libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libgtest-dev
   clang clang-format clang-tidy
-  python3 python3-zmq python3-msgpack git
+  python3 python3-zmq python3-msgpack git locales
 )
 if [ "${1:-build}" = bench ]; then
   packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)

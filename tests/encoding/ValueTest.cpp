@@ -264,10 +264,9 @@ TEST(Value, ReadsScalarsAsThePlatformDoes) {
 TEST(Value, ReadsNumbersAlikeInEveryLocale) {
   const std::string folder = testing::TempDir() + "qelnk-locales";
   std::filesystem::create_directories(folder);
-  const int made =
-      std::system(("localedef -i de_DE -f ISO-8859-1 " + folder + "/de_DE.ISO-8859-1 >/dev/null 2>&1").c_str());
+  ASSERT_EQ(std::system(("localedef -i de_DE -f ISO-8859-1 " + folder + "/de_DE.ISO-8859-1").c_str()), 0);
   setenv("LOCPATH", folder.c_str(), 1);
-  const bool set = std::setlocale(LC_NUMERIC, "de_DE.ISO-8859-1") != nullptr;
+  ASSERT_TRUE(std::setlocale(LC_NUMERIC, "de_DE.ISO-8859-1"));
   EXPECT_EQ(Value("1.5e400").doubleValue(), std::numeric_limits<double>::infinity());
   EXPECT_EQ(Value("-1.5e400").doubleValue(), -std::numeric_limits<double>::infinity());
   EXPECT_EQ(Value("1.5e-400").doubleValue(), 0);
@@ -275,7 +274,6 @@ TEST(Value, ReadsNumbersAlikeInEveryLocale) {
   std::setlocale(LC_NUMERIC, "C");
   unsetenv("LOCPATH");
   std::filesystem::remove_all(folder);
-  if (!set) GTEST_SKIP() << "no German locale can be made here (" << made << "): only the C locale was looked at";
 }
 
 TEST(Value, CopiesShareUntilChanged) {
