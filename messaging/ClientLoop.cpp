@@ -5,6 +5,7 @@
 #include <QELNetworkKit/ZMQException.h>
 #include <QELNetworkKit/ZMQSocket.h>
 
+#include "messaging/ErrorText.h"
 #include "platform/Guard.h"
 #include "platform/LogFormat.h"
 
@@ -19,17 +20,15 @@
 using namespace std::chrono_literals;
 using qelnk::Error;
 
+using qelnk::describe;
+
 namespace {
 
-// Longest wait of a pass, and how long a failed sending rests.
-constexpr auto pollInterval = 20ms;
+// How long a failed sending rests.
+constexpr auto retryInterval = 20ms;
 // How many messages are received, and how many are sent, before the other has its turn. A request socket does the two
 // in turns.
 int drainBound(int32_t socketType) { return socketType == ZMQ_REQ ? 1 : 256; }
-
-std::string describe(const Error &error) {
-  return error ? fmt::format("{} ({} {})", error.description, error.domain, error.code) : "(null)";
-}
 
 }  // namespace
 
@@ -72,7 +71,7 @@ void QELNKClient::Loop::serve() {
 bool QELNKClient::Loop::connect() {
   poll_ = {};
   try {
-    const auto socket = client_.openSocket();
+    const auto socket = client_.openSocket(endpoint_);
     poll_ = qelnk::SocketPoll(socket->socket(), *runLoop_);
     return socket->connectToEndpoint(endpoint_);
   } catch (const ZMQException &) {  // its reason is on the log
@@ -165,7 +164,7 @@ void QELNKClient::Loop::receive() {
     } else {
       if (error != EAGAIN || count == 0)
         qelnk::logError("QELNKClient recieved message with no data and error {}",
-                        describe({.domain = "ZMQ", .code = error, .description = zmq_strerror(error), .userInfo = {}}));
+                        describe(qelnk::zmqError(error)));
       return;
     }
   }
@@ -245,7 +244,7 @@ bool QELNKClient::Loop::sendFrames(QELNKMessage &message, const QELNKFrames &fra
 // A message that cannot be sent keeps its place, and is tried again a little later.
 void QELNKClient::Loop::rest(const QELNKMessage &message) {
   failed_ = &message;
-  retryAt_ = Steady::now() + pollInterval;
+  retryAt_ = Steady::now() + retryInterval;
 }
 
 // Finishing.

@@ -4,7 +4,8 @@
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/RunLoop.h>
 
-#include "messaging/ResponsePoster.h"
+#include "messaging/CallPoster.h"
+#include "platform/Guard.h"
 #include "platform/Semaphore.h"
 
 #include <atomic>
@@ -26,7 +27,19 @@ struct QELNKClient::State {
     bool cancel = false;
   };
 
-  explicit State(std::shared_ptr<qelnk::Queue> queue) : responses(std::move(queue)) {}
+  /// A finished message on its way to its callback.
+  struct Response {
+    std::shared_ptr<QELNKMessage> message;
+    ResponseBlock block;
+
+    static size_t cost() { return 0; }
+    void operator()(const std::shared_ptr<QELNKSocket> &client) const {
+      qelnk::runGuarded("QELNKClient response block",
+                        [&] { block(std::static_pointer_cast<QELNKClient>(client), message); });
+    }
+  };
+
+  explicit State(const std::shared_ptr<qelnk::Queue> &queue) : responses(queue) {}
 
   mutable std::mutex mutex;  // guards the members down to `port`; the phase may be read without it
   std::atomic<Phase> phase = Phase::idle;
@@ -43,6 +56,6 @@ struct QELNKClient::State {
   std::atomic<bool> asleep{false};
   std::atomic<bool> syncRequests{false}, executing{false};
   std::atomic<size_t> pending{0};
-  qelnk::ResponsePoster responses;
+  qelnk::CallPoster<Response> responses;
   Loop *loop = nullptr;  // the io thread's, while it runs
 };

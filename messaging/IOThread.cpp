@@ -40,8 +40,8 @@ void QELNKSocket::IOThread::run(Shared &shared, QELNKSocket *endpoint) {
   delete shared.abandoned;
 }
 
-bool QELNKSocket::IOThread::join() {
-  if (current.isIOThread) return false;
+bool QELNKSocket::IOThread::join(bool waitsForNobody) {
+  if (current.isIOThread && !waitsForNobody) return false;
   thread_.join();
   return true;
 }

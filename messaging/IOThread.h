@@ -17,8 +17,9 @@ class QELNKSocket::IOThread {
   IOThread(const std::string &name, QELNKSocket *endpoint);
 
   void cancel() { thread_.cancel(); }
-  /// Waits for its end. Returns false on any endpoint's io thread.
-  bool join();
+  /// Waits for its end. Returns false on any endpoint's io thread, unless it waits for nobody itself.
+  bool join(bool waitsForNobody);
+  bool isFinished() const { return thread_.isFinished(); }
   const std::shared_ptr<qelnk::RunLoop> &runLoop() const { return thread_.runLoop(); }
 
   /// Ends the thread of an endpoint whose last reference has gone. Returns true once the endpoint is the caller's to

@@ -240,7 +240,7 @@ void QELNKClient::complete(Message message) {
   auto block = std::exchange(message->responseBlock_, nullptr);
   const auto waiter = std::exchange(message->waiter_, nullptr);
   message->finished_.store(true, std::memory_order_release);
-  if (block) state_->responses.post(weak_from_this(), std::move(message), std::move(block));
+  if (block) state_->responses.post(weak_from_this(), {std::move(message), std::move(block)});
   state_->pending--;  // after it: whoever sees none pending may rely on every callback being queued
   if (waiter) waiter->signal();
 }

@@ -5,10 +5,13 @@
 #include <QELNetworkKit/ZMQSocket.h>
 
 #include "messaging/IOThread.h"
+#include "messaging/SocketPoll.h"
+#include "platform/Guard.h"
 #include "platform/LogFormat.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -46,9 +49,14 @@ void QELNKSocket::startThread(const std::string &name) {
   thread_ = std::make_shared<IOThread>(name, this);
 }
 
-bool QELNKSocket::joinThread() {
+bool QELNKSocket::joinThread(bool waitsForNobody) {
   const auto thread = this->thread();
-  return !thread || thread->join();
+  return !thread || thread->join(waitsForNobody);
+}
+
+bool QELNKSocket::hasThread() const {
+  const auto thread = this->thread();
+  return thread && !thread->isFinished();
 }
 
 bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() == this; }
@@ -89,11 +97,34 @@ void QELNKSocket::replaceSocket(std::shared_ptr<ZMQSocket> socket) {
   owned_ = socket_.get();
 }
 
-std::shared_ptr<ZMQSocket> QELNKSocket::openSocket() {
+std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, std::chrono::milliseconds linger) {
   auto socket = context_->zmqContext()->makeSocket(socketType(), onMessageThread());
-  socket->setInt(0, ZMQ_LINGER);
+  socket->setInt(int(linger.count()), ZMQ_LINGER);
+  socket->setEndpoint(endpoint);
   replaceSocket(socket);
+  std::shared_ptr<const SocketBlock> block;
+  {
+    const std::lock_guard lock(mutex_);
+    block = socketBlock_;
+  }
+  if (const auto self = weak_from_this().lock(); self && block)
+    qelnk::runGuarded("QELNKSocket socket block", [&] { (*block)(self, *socket); });
   return socket;
+}
+
+void QELNKSocket::setSocketBlock(SocketBlock block) {
+  auto shared = block ? std::make_shared<const SocketBlock>(std::move(block)) : nullptr;
+  const std::lock_guard lock(mutex_);
+  socketBlock_.swap(shared);  // the old one goes after the lock
+}
+
+int32_t QELNKSocket::boundPort(const ZMQSocket &socket) {
+  const auto endpoint = socket.dataForOption(ZMQ_LAST_ENDPOINT);
+  const std::string_view text = endpoint ? endpoint->text() : std::string_view();
+  int32_t port = 0;
+  if (const size_t colon = text.rfind(':'); colon != text.npos)
+    std::from_chars(text.data() + colon + 1, text.data() + text.size(), port);
+  return port;
 }
 
 void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
@@ -165,7 +196,21 @@ bool QELNKSocket::sendData(const QELNKFrames &frames, Error *error) {
   return true;
 }
 
-int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags) {
+int QELNKSocket::pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseconds limit) {
+  const auto loop = qelnk::RunLoop::current();
+  const auto ready = [&] {
+    loop->runOnce(std::chrono::nanoseconds::zero());
+    const int events = poll.events();
+    if (!isAskedToClose()) return events < 0 ? events : events & ~ZMQ_POLLOUT;
+    errno = ENOTSOCK;
+    return -1;
+  };
+  const int events = ready();
+  if (events != 0 || isCancelled()) return events;
+  return poll.wait(loop->untilNextTimer(limit)) < 0 ? -1 : ready();
+}
+
+int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty) {
   frames.clear();
   zmq_msg_t message;
   if (zmq_msg_init(&message) != 0) return zmq_errno();
@@ -174,8 +219,8 @@ int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags) {
   while (more && error == 0) {
     if (zmq_msg_recv(&message, rawSocket(), flags) < 0) {
       error = zmq_errno();
-    } else if (const size_t size = zmq_msg_size(&message); size > 0) {
-      // Empty frames are delimiters that peers put before the body.
+    } else if (const size_t size = zmq_msg_size(&message); size > 0 || keepEmpty) {
+      // Empty frames are, as a rule, delimiters that peers put before the body.
       frames.emplace_back(std::span(static_cast<const uint8_t *>(zmq_msg_data(&message)), size));
       dataReceived_.fetch_add(size, std::memory_order_relaxed);
     }

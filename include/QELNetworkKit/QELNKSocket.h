@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,6 +17,9 @@
 #include <vector>
 
 class ZMQSocket;
+namespace qelnk {
+class SocketPoll;
+}
 
 /// How the messages of an endpoint travel in frames.
 enum QELNKMessageBody : int32_t {
@@ -85,6 +89,12 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// The message of frames in this endpoint's encoding; none with no error where there is not exactly one frame.
   std::optional<qelnk::Value> deserializeData(const QELNKFrames &frames, qelnk::Error *error) const;
 
+  /// Called with each ZeroMQ socket that the endpoint makes, before it connects or binds, on the thread that is to own
+  /// it: the place to set options, and to attach a monitor that sees every event. It must not wait.
+  using SocketBlock = std::function<void(const std::shared_ptr<QELNKSocket> &endpoint, ZMQSocket &socket)>;
+  /// For the sockets made from now on; none unless set. Any thread.
+  void setSocketBlock(SocketBlock block);
+
   /// Sets how long a closed socket may go on sending, in milliseconds, as an 8-byte option; ZeroMQ's refusal is told on
   /// the log. Any thread: the io thread does it where there is one.
   void setLinger(int64_t milliseconds);
@@ -114,17 +124,21 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// by make(). Throws std::system_error when the system gives no thread.
   void startThread(const std::string &name);
   /// Waits for the end of the endpoint's thread, which has been cancelled. Returns false on an io thread, where nobody
-  /// may wait for another.
-  bool joinThread();
+  /// may wait for another, unless for one that waits for nobody.
+  bool joinThread(bool waitsForNobody = false);
+  /// Whether the endpoint has a thread that has not ended.
+  bool hasThread() const;
   /// The body of the endpoint's thread; returns soon once isCancelled().
   virtual void ioThread() {}
   bool onMessageThread() const;
   /// Whether the thread is to end. On the io thread.
   bool isCancelled() const;
 
-  /// Makes the ZeroMQ socket, which drops what is unsent when it closes unless it is told otherwise. On the thread that
-  /// is to own it. Throws ZMQException.
-  std::shared_ptr<ZMQSocket> openSocket();
+  /// Makes the ZeroMQ socket for an endpoint, to which it is yet to connect or bind. What it has not
+  /// sent when it closes has `linger` to leave. On the thread that is to own it. Throws ZMQException.
+  std::shared_ptr<ZMQSocket> openSocket(const std::string &endpoint, std::chrono::milliseconds linger = {});
+  /// The TCP port to which a socket is bound.
+  static int32_t boundPort(const ZMQSocket &socket);
   /// Closes the ZeroMQ socket, if there is one, and forgets it. What was sent last may take at least `linger` to leave,
   /// in the background. On the thread that owns it.
   void closeSocket(std::chrono::milliseconds linger = {});
@@ -132,8 +146,14 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   bool isAskedToClose() const;
   /// The raw socket, or null. On the thread that owns it.
   void *rawSocket() const;
-  /// receiveData() into frames that are used again; 0, or ZeroMQ's error number.
-  int receiveFrames(QELNKFrames &frames, int32_t flags);
+  /// Longest wait of an io thread's pass. It is a bound: whatever there is to do ends the wait.
+  static constexpr std::chrono::milliseconds pollInterval{20};
+  /// One pass of a thread that only answers or receives: serves its run loop and, while nothing can be received, waits
+  /// for either. Returns ZMQ_POLLIN, or 0 for nothing, after `limit` at the latest; -1 with the error number in errno,
+  /// ENOTSOCK once the context asks the thread to close the socket.
+  int pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseconds limit);
+  /// receiveData() into frames that are used again, with the empty ones where asked for; 0, or ZeroMQ's error number.
+  int receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty = false);
 
  private:
   struct QELNK_EXPORT Deleter {
@@ -146,6 +166,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   std::shared_ptr<QELNKContext> context_;
   std::shared_ptr<qelnk::Clock> clock_;
   mutable std::mutex mutex_;  // guards the members down to dataMark_
+  std::shared_ptr<const SocketBlock> socketBlock_;
   std::shared_ptr<ZMQSocket> socket_;
   std::string lastEndPoint_;
   std::shared_ptr<IOThread> thread_;

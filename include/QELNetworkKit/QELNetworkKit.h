@@ -16,11 +16,15 @@
 #include <QELNetworkKit/QELNKKORVALConstants.h>
 #include <QELNetworkKit/QELNKKORVALDaemonClient.h>
 #include <QELNetworkKit/QELNKMessage.h>
+#include <QELNetworkKit/QELNKMonitor.h>
 #include <QELNetworkKit/QELNKOrlinDaemon.h>
 #include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
 #include <QELNetworkKit/QELNKOrlinPort.h>
 #include <QELNetworkKit/QELNKOrlinWorkflow.h>
+#include <QELNetworkKit/QELNKPublisher.h>
+#include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/QELNKSocket.h>
+#include <QELNetworkKit/QELNKSubscriber.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/UserSettings.h>

@@ -18,8 +18,8 @@
 /// A ZeroMQ socket. Failures throw ZMQException, but for sending, which reports false; each is written to the log's
 /// error level as "ZMQLogError: *** SOCKET: FUNCTION: REASON".
 ///
-/// Threads: one thread owns a socket from its making to its closing; endpoint() and description() may be called from
-/// any.
+/// Threads: one thread owns a socket from its making to its closing; monitor(), stopMonitor(), endpoint() and
+/// description() may be called from any.
 class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
  public:
   /// "ZMQ_PAIR" and so on for 0 to 8 (5 and 6 have their old names), else "UNKNOWN".
@@ -58,6 +58,12 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   /// Asks for messages that begin with `prefix`; returns whether ZeroMQ accepted it.
   bool subscribe(std::string_view prefix);
   bool subscribeAll() { return subscribe({}); }
+
+  /// Has ZeroMQ publish the transport events of `events` on an in-process endpoint, in place of one given before
+  /// (zmq_socket_monitor()). Returns 0, or -1 with the error number in errno. Any thread.
+  int monitor(const std::string &endpoint, uint32_t events);
+  /// Ends that where it is still the same endpoint. Any thread.
+  void stopMonitor(const std::string &endpoint);
 
   /// Fills a poll item for this socket.
   void getPollItem(zmq_pollitem_t &item, int16_t events) const;
@@ -101,4 +107,6 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   std::atomic<bool> ownedByThread_{false}, askedToClose_{false};
   mutable std::mutex mutex_;  // guards endpoint_
   std::string endpoint_;
+  std::mutex monitoring_;  // keeps the raw socket from being closed while another thread has it monitored
+  std::string monitorEndpoint_;
 };

@@ -60,13 +60,13 @@ void ZMQSocket::close() {
   void *socket = socket_.load();
   if (!socket) return;
   boundLinger();
+  std::unique_lock lock(monitoring_);
   if (!socket_.compare_exchange_strong(socket, nullptr)) return;
   if (zmq_close(socket) != 0) {
-    const int error = zmq_errno();
     socket_ = socket;
-    errno = error;
     fail("zmq_close");
   }
+  lock.unlock();
   const auto self = weak_from_this().lock();
   if (const auto registry = registry_.lock(); registry && self) {
     const std::lock_guard lock(registry->mutex);
@@ -154,6 +154,20 @@ Data ZMQSocket::receiveData(int32_t flags) {
 
 bool ZMQSocket::subscribe(std::string_view prefix) {
   return zmq_setsockopt(socket(), ZMQ_SUBSCRIBE, prefix.data(), prefix.size()) == 0;
+}
+
+int ZMQSocket::monitor(const std::string &endpoint, uint32_t events) {
+  const std::lock_guard lock(monitoring_);
+  const int result = zmq_socket_monitor(socket(), endpoint.c_str(), int(events));
+  if (result == 0) monitorEndpoint_ = endpoint;
+  return result;
+}
+
+void ZMQSocket::stopMonitor(const std::string &endpoint) {
+  const std::lock_guard lock(monitoring_);
+  if (monitorEndpoint_ != endpoint) return;
+  monitorEndpoint_.clear();
+  if (socket()) zmq_socket_monitor(socket(), nullptr, 0);
 }
 
 void ZMQSocket::getPollItem(zmq_pollitem_t &item, int16_t events) const {

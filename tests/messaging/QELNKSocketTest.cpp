@@ -32,8 +32,8 @@ struct SocketTest : testing::Test {
   std::shared_ptr<QELNKContext> context = QELNKContext::contextWithBackgroundQueue();
   std::shared_ptr<Endpoint> a = makeEndpoint(context), b = makeEndpoint(context);
   void join() {
-    a->openSocket()->bindToEndpoint("inproc://endpoints");
-    b->openSocket()->connectToEndpoint("inproc://endpoints");
+    a->openSocket({})->bindToEndpoint("inproc://endpoints");
+    b->openSocket({})->connectToEndpoint("inproc://endpoints");
   }
 };
 

@@ -124,6 +124,8 @@ int64_t integerArgument(std::string_view what, std::string_view text, int64_t lo
 
 int32_t portArgument(std::string_view text) { return int32_t(integerArgument("PORT", text, 1, 65535)); }
 
+int32_t ownPortArgument(std::string_view text) { return int32_t(integerArgument("PORT", text, 0, 65535)); }
+
 std::string helpForOptions(std::span<const Option> options) {
   Table table;
   for (const Option &option : options) {

@@ -61,6 +61,8 @@ class Arguments {
 int64_t integerArgument(std::string_view what, std::string_view text, int64_t lowest, int64_t highest);
 /// A TCP port to connect to.
 int32_t portArgument(std::string_view text);
+/// A TCP port to listen on; 0 for one that the system chooses.
+int32_t ownPortArgument(std::string_view text);
 
 /// Help for options, one a line.
 std::string helpForOptions(std::span<const Option> options);

@@ -29,6 +29,10 @@ Body Body::of(const Arguments &arguments) {
   throw Failure(Exit::usage, "--body takes json, msgpack, xml, string or data, not " + name);
 }
 
+std::string Body::notes() {
+  return "With the bodies json and msgpack a line is JSON, with xml and string the text itself, with data base64.\n";
+}
+
 /// JSON bodies carry the line's own JSON: it can hold nothing that would need another notation.
 Value Body::parse(std::string_view line) const {
   qelnk::Error error;
@@ -57,6 +61,14 @@ std::optional<Value> Body::message(std::string_view line) const {
     malformed("a msgpack body is a map or a list");
   if (!QELNKSocket::serializeMessage(message, number_, &error)) malformed(error.description);
   return message;
+}
+
+std::optional<Value> Body::message(std::string_view line, size_t number) const {
+  try {
+    return message(line);
+  } catch (const Failure &failure) {
+    throw Failure(failure.exit(), "line " + std::to_string(number) + ": " + failure.what());
+  }
 }
 
 std::string Body::text(const Value &message) const {

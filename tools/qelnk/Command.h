@@ -28,6 +28,9 @@ struct Command {
   Exit (*run)(Invocation &invocation);
 };
 
+/// For the commands that run on.
+inline constexpr Option stayOption{"stay", "", "keep running after standard input has ended"};
+
 /// All commands, in the order of the help.
 std::span<const Command *const> commands();
 /// The options that every command has.

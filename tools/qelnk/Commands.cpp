@@ -2,10 +2,12 @@
 
 namespace tool {
 
-extern const Command packCommand, unpackCommand, requestCommand, daemonCommand, demoCommand;
+extern const Command packCommand, unpackCommand, requestCommand, serveCommand, publishCommand, subscribeCommand,
+    monitorCommand, daemonCommand, demoCommand;
 
 std::span<const Command *const> commands() {
-  static const Command *const table[] = {&packCommand, &unpackCommand, &requestCommand, &daemonCommand, &demoCommand};
+  static const Command *const table[] = {&packCommand,      &unpackCommand,  &requestCommand, &serveCommand, &publishCommand,
+                                         &subscribeCommand, &monitorCommand, &daemonCommand,  &demoCommand};
   return table;
 }
 

@@ -55,12 +55,7 @@ Exit request(Invocation &invocation) {
   size_t number = 0;
   while (const auto line = invocation.session.readLine()) {
     ++number;
-    std::optional<qelnk::Value> message;
-    try {
-      message = body.message(*line);
-    } catch (const Failure &failure) {
-      throw Failure(failure.exit(), "line " + std::to_string(number) + ": " + failure.what());
-    }
+    auto message = body.message(*line, number);
     if (!message) continue;
     const qelnk::Value reply = requester.ask(std::move(*message));
     if (invocation.output.json())
@@ -78,11 +73,7 @@ const Command requestCommand = {
     "request",
     "Sends each line of standard input as one request and prints each reply, in order.",
     {"HOST PORT", {Body::option, {"sync", "", "let each request block its caller instead of waiting for a callback"}}},
-    [] {
-      return std::string(
-          R"(With the bodies json and msgpack a line is JSON, with xml and string the text itself, with data base64.
-)");
-    },
+    Body::notes,
     request};
 
 }  // namespace tool

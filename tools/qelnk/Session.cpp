@@ -133,6 +133,12 @@ std::optional<std::string> Session::readLine() {
   }
 }
 
+void Session::serve(bool stay) {
+  while (readLine()) {
+  }
+  if (stay) waitUntil([] { return false; }, std::nullopt, 1s);
+}
+
 std::string Session::readAll() {
   while (!inputEnded_ && !stopped()) awaitInput();
   if (stopped()) throw Failure(Exit::failed, "");

@@ -1,0 +1,224 @@
+#include <QELNetworkKit/QELNKMonitor.h>
+#include <QELNetworkKit/RunLoop.h>
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/ErrorText.h"
+#include "messaging/SocketPoll.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+using qelnk::describe;
+using qelnk::logError;
+
+namespace {
+
+// How many events are kept for a host that does not ask for them.
+constexpr size_t mostEvents = 65536;
+
+std::mutex settingUp;  // one monitor of the process at a time is set up
+int32_t nextIndex = 0;
+
+constexpr struct {
+  uint32_t mask;
+  std::string_view name;
+} eventNames[] = {{1, "Connected"},      {2, "Connect Delayed"}, {4, "Connect Retried"}, {8, "Listening"},
+                  {16, "Bind Failed"},   {32, "Accepted"},       {64, "Accept Failed"},  {128, "Close"},
+                  {256, "Close Failed"}, {512, "Disconnected"},  {1024, "Monitor Stopped"}};
+
+}  // namespace
+
+struct QELNKMonitor::State {
+  std::mutex connecting;  // one connectToSocket() at a time
+
+  std::mutex mutex;  // guards the members down to `dropping`
+  std::condition_variable changed;
+  std::deque<uint16_t> events;
+  bool connected = false;
+  bool dropping = false;  // the host has been told
+
+  // What is handed to the io thread at its start, and its own then.
+  std::string endpoint;
+  uint32_t mask = 0;
+  std::shared_ptr<ZMQSocket> watched;
+  std::promise<int> watching;  // what ZeroMQ answered
+  qelnk::SocketPoll poll;
+};
+
+std::shared_ptr<QELNKMonitor> QELNKMonitor::create(std::shared_ptr<QELNKContext> context) {
+  return make<QELNKMonitor>(std::move(context));
+}
+
+QELNKMonitor::QELNKMonitor(std::shared_ptr<QELNKContext> context)
+    : QELNKSocket(std::move(context)), state_(std::make_unique<State>()) {
+  setMessageBody(QELNKMessageBodyMultipart);
+}
+
+QELNKMonitor::~QELNKMonitor() = default;
+
+int32_t QELNKMonitor::socketType() const { return ZMQ_PAIR; }
+
+// Connecting.
+
+void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, uint32_t events) {
+  if (onMessageThread()) return logError("QELNKMonitor cannot connect on its own io thread");
+  const std::lock_guard lock(state_->connecting);
+  disconnect();
+  joinThread(true);
+  if (!socket || socket->endPoint().empty())
+    return logError("QELNKMonitor cannot connect to a socket without an end-point");
+  if (socket->context() != context()) return logError("QELNKMonitor cannot connect to a socket of another context");
+  const std::lock_guard setUp(settingUp);
+  state_->endpoint = fmt::format("inproc://monitor.{}", nextIndex++);
+  state_->mask = events;
+  state_->watched = socket->socket();
+  state_->watching = {};
+  auto watching = state_->watching.get_future();
+  setConnected(true);
+  try {
+    startThread("qelnk-monitor");
+  } catch (const std::system_error &error) {
+    setConnected(false);
+    return logError("QELNKMonitor could not connect: {}", error.what());
+  }
+  if (const int result = watching.get(); result != 0)
+    logError("QELNKMonitor received error {} from zmq_socket_monitor", qelnk::describeNumber(result));
+}
+
+void QELNKMonitor::disconnect() {
+  setConnected(false);
+  QELNKSocket::disconnect();
+}
+
+bool QELNKMonitor::isConnected() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->connected;
+}
+
+void QELNKMonitor::setConnected(bool connected) {
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->connected = connected;
+    state_->events.clear();
+  }
+  state_->changed.notify_all();
+}
+
+// The io thread.
+
+void QELNKMonitor::ioThread() {
+  const int result = watch();
+  const bool watching = result == 0;
+  if (!watching) setConnected(false);
+  state_->watching.set_value(result);
+  if (watching) {
+    readEvents();
+    // Before the pair socket goes: ZeroMQ's own thread would wait for ever to hand over the next event.
+    state_->watched->stopMonitor(state_->endpoint);
+    const std::lock_guard lock(state_->mutex);
+    state_->connected = false;
+  }
+  state_->watched.reset();
+  state_->changed.notify_all();
+}
+
+// Begins to watch. Returns what zmq_socket_monitor() returned, or -1.
+int QELNKMonitor::watch() {
+  if (!state_->watched) return -1;
+  try {
+    const auto pair = openSocket(state_->endpoint);
+    pair->setInt(0, ZMQ_RCVHWM);  // ZeroMQ's own thread must never have to wait for this one
+    state_->poll = qelnk::SocketPoll(pair->socket(), *qelnk::RunLoop::current());
+    pair->connectToEndpoint(state_->endpoint);  // before there are events, for the same reason
+    return state_->watched->monitor(state_->endpoint, state_->mask);
+  } catch (const ZMQException &) {  // its reason is on the log
+  } catch (const std::system_error &error) {
+    logError("QELNKMonitor is short of descriptors: {}", error.what());
+  }
+  return -1;
+}
+
+void QELNKMonitor::readEvents() {
+  constexpr std::chrono::seconds longestWait{1};
+  QELNKFrames frames;
+  while (!isCancelled() && isConnected()) {
+    int error = pollSocket(state_->poll, longestWait) < 0 ? zmq_errno() : 0;
+    while (error == 0 && (error = receiveFrames(frames, ZMQ_DONTWAIT, true)) == 0) add(eventOf(frames));
+    if (error != EAGAIN && error != EINTR) return tellReceiveError(error);
+  }
+}
+
+void QELNKMonitor::add(uint16_t event) {
+  bool isFirstDropped = false;
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (!state_->connected) return;
+    if (state_->events.size() == mostEvents) {
+      state_->events.pop_front();
+      isFirstDropped = !std::exchange(state_->dropping, true);
+    }
+    state_->events.push_back(event);
+  }
+  state_->changed.notify_one();
+  if (isFirstDropped) logError("QELNKMonitor drops events, for nobody asks for them");
+}
+
+// Reading.
+
+uint16_t QELNKMonitor::events() {
+  std::unique_lock lock(state_->mutex);
+  if (!state_->connected && state_->events.empty()) {
+    lock.unlock();
+    // A socket that the host has set is read here and now.
+    return hasThread() || !rawSocket() ? 0 : receiveEvent();
+  }
+  state_->changed.wait(lock, [this] { return !state_->events.empty() || !state_->connected; });
+  if (state_->events.empty()) return 0;
+  const uint16_t event = state_->events.front();
+  state_->events.pop_front();
+  state_->dropping = state_->dropping && !state_->events.empty();
+  return event;
+}
+
+uint16_t QELNKMonitor::receiveEvent() {
+  QELNKFrames frames;
+  const int error = receiveFrames(frames, 0, true);
+  if (error == 0) return eventOf(frames);
+  tellReceiveError(error);
+  return 0;
+}
+
+void QELNKMonitor::tellReceiveError(int number) {
+  logError("QELNKMonitor error {} while receiving data", describe(qelnk::zmqError(number)));
+}
+
+// The first frame holds the number and a value that goes with it, the second the endpoint, which may be empty.
+uint16_t QELNKMonitor::eventOf(const QELNKFrames &frames) {
+  uint16_t event = 0;
+  if (frames.size() == 2 && frames[0].size() == sizeof(uint16_t) + sizeof(uint32_t))
+    std::memcpy(&event, frames[0].data(), sizeof(event));
+  else
+    logError("QELNKMonitor received invalid message");
+  return event;
+}
+
+// Names.
+
+std::string QELNKMonitor::eventsToString(uint32_t events) {
+  std::string text;
+  for (const auto &[mask, name] : eventNames) addEventString(name, events, mask, text);
+  return text;
+}
+
+void QELNKMonitor::addEventString(std::string_view name, uint32_t events, uint32_t mask, std::string &to) {
+  if (!(events & mask)) return;
+  if (!to.empty()) to += ", ";
+  to += name;
+}

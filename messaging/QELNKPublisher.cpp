@@ -1,0 +1,48 @@
+#include <QELNetworkKit/QELNKPublisher.h>
+#include <QELNetworkKit/ZMQException.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/ErrorText.h"
+
+#include <utility>
+
+using qelnk::Error;
+
+std::shared_ptr<QELNKPublisher> QELNKPublisher::create(std::shared_ptr<QELNKContext> context) {
+  return make<QELNKPublisher>(std::move(context));
+}
+
+QELNKPublisher::QELNKPublisher(std::shared_ptr<QELNKContext> context) : QELNKSocket(std::move(context)) {}
+
+int32_t QELNKPublisher::socketType() const { return ZMQ_PUB; }
+
+void QELNKPublisher::bindToPort(int32_t port) {
+  const std::lock_guard lock(sending_);
+  if (rawSocket()) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
+  try {
+    const std::string endpoint = endPointForHost("*", port);
+    const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
+    socket->bindToEndpoint(endpoint);
+    port_ = boundPort(*socket);
+  } catch (const ZMQException &) {
+    closeSocket();
+    throw;
+  }
+}
+
+bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
+  Error failure;
+  const auto frames = serializeMessage(message, &failure);
+  if (frames) {
+    const std::lock_guard lock(sending_);
+    if (sendData(*frames, &failure)) return true;
+  }
+  qelnk::logError("QELNKPublisher could not publish message with error {}", qelnk::describe(failure));
+  if (error) *error = std::move(failure);
+  return false;
+}
+
+void QELNKPublisher::disconnect() {
+  const std::lock_guard lock(sending_);
+  QELNKSocket::disconnect();
+}

@@ -1,0 +1,143 @@
+#include <QELNetworkKit/QELNKSubscriber.h>
+#include <QELNetworkKit/Queue.h>
+#include <QELNetworkKit/ZMQSocket.h>
+
+#include "messaging/SubscriberLoop.h"
+#include "messaging/SubscriberState.h"
+#include "platform/Guard.h"
+#include "platform/LogFormat.h"
+
+#include <span>
+#include <system_error>
+#include <utility>
+
+using qelnk::Data;
+
+std::shared_ptr<QELNKSubscriber> QELNKSubscriber::create(std::shared_ptr<QELNKContext> context) {
+  return make<QELNKSubscriber>(std::move(context));
+}
+
+QELNKSubscriber::QELNKSubscriber(std::shared_ptr<QELNKContext> context)
+    : QELNKSocket(std::move(context)), state_(std::make_unique<State>(this->context()->responseQueue())) {}
+
+QELNKSubscriber::~QELNKSubscriber() = default;
+
+int32_t QELNKSubscriber::socketType() const { return ZMQ_SUB; }
+
+// Filters.
+
+void QELNKSubscriber::addFilter(Data prefix) {
+  const std::lock_guard lock(state_->mutex);
+  state_->filters.push_back(std::move(prefix));
+}
+
+void QELNKSubscriber::addFilterWithInt(int32_t prefix) {
+  addFilter(Data(std::span(reinterpret_cast<const uint8_t *>(&prefix), sizeof(prefix))));
+}
+
+std::vector<Data> QELNKSubscriber::filters() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->filters;
+}
+
+void QELNKSubscriber::subscribe() {
+  const auto socket = this->socket();
+  if (!socket) return;
+  const auto filters = this->filters();
+  if (filters.empty()) socket->subscribeAll();
+  for (const Data &filter : filters) socket->subscribe(filter.text());
+}
+
+// Connecting.
+
+void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
+  const auto refuse = [&](std::string_view reason) {
+    qelnk::logError("QELNKSubscriber cannot connect to {}, {}", endPointForHost(host, port), reason);
+  };
+  if (onMessageThread()) return refuse("called on its own io thread");
+  const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
+  const std::lock_guard lock(state_->connecting);
+  if (hasThread() && !state_->stopping) return refuse("it is connected already");
+  state_->abandoned = true;  // this may be the thread that the last line is to be written on
+  QELNKSocket::disconnect();
+  if (!joinThread()) return refuse("its last thread cannot be waited for on an io thread");
+  setConnectedBlock(std::move(onConnected));
+  state_->deliveries.clear();  // of the last connection
+  ++state_->connection;
+  {
+    const std::lock_guard members(state_->mutex);
+    state_->host = std::move(host);
+    state_->port = port;
+  }
+  state_->stopping = state_->abandoned = false;
+  try {
+    startThread("qelnk-subscr");
+  } catch (const std::system_error &error) {
+    qelnk::logError("QELNKSubscriber could not connect: {}", error.what());
+  }
+}
+
+void QELNKSubscriber::ioThread() { Loop(*this).run(); }
+
+void QELNKSubscriber::disconnect() {
+  const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
+  const bool connected = hasThread();
+  state_->stopping = true;
+  QELNKSocket::disconnect();
+  if (connected && (context()->responseQueue()->isCurrent() || !joinThread()))
+    qelnk::logError(
+        "QELNKSubscriber was disconnected on the thread that serves its response queue, or on an io thread; its io "
+        "thread needs that one to end, so it is not waited for");
+  setMessageBlock(nullptr);
+  state_->deliveries.clear();
+}
+
+// Callbacks, on the response queue.
+
+void QELNKSubscriber::informConnected() {
+  state_->deliveries.seal();
+  const auto queue = context()->responseQueue();  // it may go with the subscriber as soon as it has the task
+  queue->async([weak = weak_from_this(), connection = state_->connection.load()] {
+    const auto self = std::static_pointer_cast<QELNKSubscriber>(weak.lock());
+    if (!self || self->state_->stopping || self->state_->connection != connection) return;
+    if (const auto block = self->state_->connectedBlock.current())
+      qelnk::runGuarded("QELNKSubscriber connected block", [&] { (*block)(self); });
+  });
+}
+
+void QELNKSubscriber::deliver(const qelnk::Value &message) {
+  const auto block = state_->messageBlock.current();
+  if (!block) return;
+  const auto self = std::static_pointer_cast<QELNKSubscriber>(shared_from_this());
+  qelnk::runGuarded("QELNKSubscriber message block", [&] { (*block)(self, message); });
+}
+
+// Properties.
+
+QELNKSubscriber::ConnectedBlock QELNKSubscriber::connectedBlock() const { return state_->connectedBlock.get(); }
+void QELNKSubscriber::setConnectedBlock(ConnectedBlock block) { state_->connectedBlock.set(std::move(block)); }
+QELNKSubscriber::MessageBlock QELNKSubscriber::messageBlock() const { return state_->messageBlock.get(); }
+void QELNKSubscriber::setMessageBlock(MessageBlock block) { state_->messageBlock.set(std::move(block)); }
+
+std::string QELNKSubscriber::host() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->host;
+}
+
+int32_t QELNKSubscriber::port() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->port;
+}
+
+QELNKSubscriber::PendingLimit QELNKSubscriber::pendingLimit() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->limit;
+}
+
+void QELNKSubscriber::setPendingLimit(PendingLimit limit) {
+  const std::lock_guard lock(state_->mutex);
+  state_->limit = limit;
+}
+
+size_t QELNKSubscriber::pendingMessages() const { return state_->deliveries.waiting(); }
+uint64_t QELNKSubscriber::droppedMessages() const { return state_->dropped; }

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKSubscriber.h>
+
+#include "messaging/CallPoster.h"
+#include "messaging/HeldBlock.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// What a subscriber's threads share.
+struct QELNKSubscriber::State {
+  /// A message on its way to the callback.
+  struct Delivery {
+    qelnk::Value message;
+    size_t bytes;
+
+    size_t cost() const { return bytes; }
+    void operator()(const std::shared_ptr<QELNKSocket> &subscriber) const {
+      static_cast<QELNKSubscriber &>(*subscriber).deliver(message);
+    }
+  };
+
+  explicit State(const std::shared_ptr<qelnk::Queue> &queue) : deliveries(queue) {}
+
+  qelnk::HeldBlock<ConnectedBlock> connectedBlock;
+  qelnk::HeldBlock<MessageBlock> messageBlock;
+  std::mutex mutex;  // guards the members down to `limit`
+  std::vector<qelnk::Data> filters;
+  std::string host;
+  int32_t port = 0;
+  PendingLimit limit;
+
+  std::mutex connecting;              // one connectToHost() at a time
+  std::atomic<uint64_t> connection{0};  // its number
+  std::atomic<bool> stopping{false};  // the connection is to end, or has ended
+  std::atomic<bool> abandoned{false};  // nobody waits for the io thread's last line
+  std::atomic<uint64_t> dropped{0};
+  qelnk::CallPoster<Delivery> deliveries;
+};

@@ -1,0 +1,106 @@
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKServer.h>
+#include <QELNetworkKit/RunLoop.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "Body.h"
+#include "Command.h"
+
+namespace tool {
+namespace {
+
+/// Requests on their way from the server's io thread to the output. The io thread waits while there are many: an output
+/// that nobody reads must not fill the memory.
+class Backlog {
+ public:
+  /// On the io thread; false once it has been closed.
+  bool enter() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closed_ || count_ < 1000; });
+    ++count_;
+    return !closed_;
+  }
+  void leave() {
+    const std::lock_guard lock(mutex_);
+    --count_;
+    changed_.notify_one();
+  }
+  void close() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    changed_.notify_one();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+  bool closed_ = false;
+};
+
+Exit serve(Invocation &invocation) {
+  const Arguments &arguments = invocation.arguments;
+  const Body body = Body::of(arguments);
+  if (arguments.has("echo") == arguments.has("reply")) throw Failure(Exit::usage, "either --echo or --reply is needed");
+  std::optional<qelnk::Value> reply;
+  if (const auto text = arguments.text("reply")) {
+    reply = body.message(*text);
+    if (!reply) throw Failure(Exit::malformed, "--reply is empty");
+  }
+
+  Output &output = invocation.output;
+  const auto backlog = std::make_shared<Backlog>();
+  const auto print = [&output, &body, backlog](const qelnk::Value &request) {
+    if (output.json())
+      output.event("request", {{"request", body.plain(request)}});
+    else
+      output.line(body.text(request));
+    backlog->leave();
+  };
+  const auto server = QELNKServer::create(QELNKContext::contextWithBackgroundQueue());
+  server->setMessageBody(body.number());
+  qelnk::Error error;
+  const bool bound = server->bindToPort(
+      ownPortArgument(arguments[0]),
+      [reply, backlog, print](auto &, auto &message) {
+        message->setResponse(reply ? reply : message->request());
+        if (backlog->enter()) qelnk::RunLoop::main()->perform([print, request = *message->request()] { print(request); });
+      },
+      &error);
+  if (!bound) throw Failure(Exit::failed, "port " + arguments[0] + ": " + error.description);
+  if (output.json())
+    output.event("listening", {{"port", server->port()}});
+  else
+    output.line("listening on port " + std::to_string(server->port()));
+
+  bool told = false;
+  const auto watch = qelnk::RunLoop::main()->performAfter(
+      std::chrono::milliseconds(100),
+      [&] {
+        if (!server->isSilent() || std::exchange(told, true)) return;
+        complain("serve: a request could not be answered, so the server takes no further ones");
+      },
+      std::chrono::milliseconds(100));
+  invocation.session.serve(arguments.has("stay"));
+  watch->cancel();
+  backlog->close();
+  server->disconnect();
+  return Exit::done;
+}
+
+}  // namespace
+
+extern const Command serveCommand;
+const Command serveCommand = {"serve",
+                              "Answers requests on all interfaces and prints them.",
+                              {"PORT",
+                               {Body::option,
+                                {"echo", "", "answer each request with itself"},
+                                {"reply", "VALUE", "answer each request with this"},
+                                stayOption}},
+                              [] { return "Port 0 lets the system choose one. " + Body::notes(); },
+                              serve};
+
+}  // namespace tool

@@ -1,0 +1,63 @@
+#include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKSubscriber.h>
+
+#include "Body.h"
+#include "Command.h"
+
+namespace tool {
+namespace {
+
+Exit subscribe(Invocation &invocation) {
+  const Arguments &arguments = invocation.arguments;
+  const Body body = Body::of(arguments);
+  const int32_t port = portArgument(arguments[1]);
+  const auto wanted = arguments.integer("count", 1, INT64_MAX);
+  Output &output = invocation.output;
+  int64_t count = 0;
+  // The shared context's callbacks arrive on the main thread. The subscriber is let go of there rather than disconnected,
+  // which would wait for callbacks of this very thread.
+  const auto subscriber = QELNKSubscriber::create(QELNKContext::sharedContext());
+  subscriber->setMessageBody(body.number());
+  for (const std::string &filter : arguments.all("filter")) subscriber->addFilter(qelnk::Data(filter));
+  for (const std::string &filter : arguments.all("filter-int"))
+    subscriber->addFilterWithInt(int32_t(integerArgument("--filter-int", filter, INT32_MIN, INT32_MAX)));
+  subscriber->setMessageBlock([&](auto &, const qelnk::Value &message) {
+    if (wanted && count == *wanted) return;
+    ++count;
+    if (output.json())
+      output.event("message", {{"message", body.plain(message)}});
+    else
+      output.line(body.text(message));
+  });
+  subscriber->connectToHost(arguments[0], port, [&](auto &) {
+    if (output.json()) output.event("connected");
+  });
+  uint64_t dropped = 0;
+  const auto tellDropped = [&] {
+    const uint64_t all = subscriber->droppedMessages();
+    if (all != dropped) complain("subscribe: the output is too slow, " + std::to_string(all - dropped) + " messages lost");
+    dropped = all;
+  };
+  if (wanted)
+    invocation.session.waitUntil([&] { return count == *wanted; });
+  else
+    invocation.session.serve(arguments.has("stay"));
+  tellDropped();
+  return Exit::done;
+}
+
+}  // namespace
+
+extern const Command subscribeCommand;
+const Command subscribeCommand = {"subscribe",
+                                  "Prints what a publisher broadcasts.",
+                                  {"HOST PORT",
+                                   {Body::option,
+                                    {"filter", "TEXT", "only messages that begin with this; may be given several times"},
+                                    {"filter-int", "N", "the same with the four bytes of a number"},
+                                    {"count", "N", "end after N messages"},
+                                    stayOption}},
+                                  nullptr,
+                                  subscribe};
+
+}  // namespace tool
