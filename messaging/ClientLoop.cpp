@@ -163,8 +163,7 @@ void QELNKClient::Loop::receive() {
       finishEmpty();    // before the next reply is matched
     } else {
       if (error != EAGAIN || count == 0)
-        qelnk::logError("QELNKClient recieved message with no data and error {}",
-                        describe(qelnk::zmqError(error)));
+        qelnk::logError("QELNKClient recieved message with no data and error {}", describe(qelnk::zmqError(error)));
       return;
     }
   }

@@ -29,8 +29,8 @@ int32_t nextIndex = 0;
 constexpr struct {
   uint32_t mask;
   std::string_view name;
-} eventNames[] = {{1, "Connected"},      {2, "Connect Delayed"}, {4, "Connect Retried"}, {8, "Listening"},
-                  {16, "Bind Failed"},   {32, "Accepted"},       {64, "Accept Failed"},  {128, "Close"},
+} eventNames[] = {{1, "Connected"},      {2, "Connect Delayed"}, {4, "Connect Retried"},   {8, "Listening"},
+                  {16, "Bind Failed"},   {32, "Accepted"},       {64, "Accept Failed"},    {128, "Close"},
                   {256, "Close Failed"}, {512, "Disconnected"},  {1024, "Monitor Stopped"}};
 
 }  // namespace

@@ -35,10 +35,10 @@ struct QELNKSubscriber::State {
   int32_t port = 0;
   PendingLimit limit;
 
-  std::mutex connecting;              // one connectToHost() at a time
+  std::mutex connecting;                // one connectToHost() at a time
   std::atomic<uint64_t> connection{0};  // its number
-  std::atomic<bool> stopping{false};  // the connection is to end, or has ended
-  std::atomic<bool> abandoned{false};  // nobody waits for the io thread's last line
+  std::atomic<bool> stopping{false};    // the connection is to end, or has ended
+  std::atomic<bool> abandoned{false};   // nobody waits for the io thread's last line
   std::atomic<uint64_t> dropped{0};
   qelnk::CallPoster<Delivery> deliveries;
 };

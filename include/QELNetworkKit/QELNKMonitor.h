@@ -10,16 +10,16 @@
 
 /// The transport events of an endpoint; a mask is the sum of some. They are ZeroMQ's own numbers.
 enum QELNKMonitorEvent : uint32_t {
-  QELNKMonitorEventConnected = 1,        ///< a connection is there (at the transport's level)
-  QELNKMonitorEventConnectDelayed = 2,   ///< connecting goes on in the background
-  QELNKMonitorEventConnectRetried = 4,   ///< connecting failed and will be tried again
-  QELNKMonitorEventListening = 8,        ///< bound
-  QELNKMonitorEventBindFailed = 16,      ///< could not be bound
-  QELNKMonitorEventAccepted = 32,        ///< somebody has connected
-  QELNKMonitorEventAcceptFailed = 64,    ///< somebody could not be accepted
-  QELNKMonitorEventClosed = 128,         ///< a connection was closed here
-  QELNKMonitorEventCloseFailed = 256,    ///< a connection could not be closed
-  QELNKMonitorEventDisconnected = 512,   ///< a connection was lost
+  QELNKMonitorEventConnected = 1,          ///< a connection is there (at the transport's level)
+  QELNKMonitorEventConnectDelayed = 2,     ///< connecting goes on in the background
+  QELNKMonitorEventConnectRetried = 4,     ///< connecting failed and will be tried again
+  QELNKMonitorEventListening = 8,          ///< bound
+  QELNKMonitorEventBindFailed = 16,        ///< could not be bound
+  QELNKMonitorEventAccepted = 32,          ///< somebody has connected
+  QELNKMonitorEventAcceptFailed = 64,      ///< somebody could not be accepted
+  QELNKMonitorEventClosed = 128,           ///< a connection was closed here
+  QELNKMonitorEventCloseFailed = 256,      ///< a connection could not be closed
+  QELNKMonitorEventDisconnected = 512,     ///< a connection was lost
   QELNKMonitorEventMonitorStopped = 1024,  ///< the endpoint's socket has ended, or has another monitor now
   QELNKMonitorEventAll = 2047
 };

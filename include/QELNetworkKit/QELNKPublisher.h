@@ -27,8 +27,9 @@ class QELNK_EXPORT QELNKPublisher : public QELNKSocket {
   /// Null, with a line on the log, for no context.
   static std::shared_ptr<QELNKPublisher> create(std::shared_ptr<QELNKContext> context);
 
-  /// Binds to the port on all interfaces; 0 lets the system choose one. Throws ZMQException, and is as before, when that
-  /// fails. While it is bound a second call is refused with a line on the log; after disconnect() it may bind again.
+  /// Binds to the port on all interfaces; 0 lets the system choose one. Throws ZMQException, and is as before, when
+  /// that fails. While it is bound a second call is refused with a line on the log; after disconnect() it may bind
+  /// again.
   void bindToPort(int32_t port);
   /// The port to which it is, or was, bound; 0 before.
   int32_t port() const { return port_; }

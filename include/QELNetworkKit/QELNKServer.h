@@ -33,8 +33,8 @@ class QELNK_EXPORT QELNKServer : public QELNKSocket {
   ~QELNKServer() override;
 
   /// Starts the io thread, which binds to the port on all interfaces; 0 lets the system choose one. Returns, once that
-  /// is done, whether it succeeded; a failure is also told on the log. While it is bound a second call is refused; after
-  /// disconnect() the server may bind again, but not on an io thread.
+  /// is done, whether it succeeded; a failure is also told on the log. While it is bound a second call is refused;
+  /// after disconnect() the server may bind again, but not on an io thread.
   bool bindToPort(int32_t port, MessageBlock messageReceived, qelnk::Error *error = nullptr);
   /// The port to which it is bound, also after it has ended; 0 before.
   int32_t port() const;

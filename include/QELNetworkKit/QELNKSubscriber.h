@@ -24,8 +24,8 @@
 /// A callback that is slower than the publisher: messages wait, in order, up to pendingLimit(); beyond it the oldest
 /// ones are dropped, so that the newest always arrives, and counted in droppedMessages().
 ///
-/// Threads: every operation may be called from any thread, but for disconnect(). Callbacks run on the context's response
-/// queue with no lock held; once the host has let go of the subscriber none is called.
+/// Threads: every operation may be called from any thread, but for disconnect(). Callbacks run on the context's
+/// response queue with no lock held; once the host has let go of the subscriber none is called.
 class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
  public:
   using ConnectedBlock = std::function<void(const std::shared_ptr<QELNKSubscriber> &subscriber)>;

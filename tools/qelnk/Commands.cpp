@@ -6,8 +6,9 @@ extern const Command packCommand, unpackCommand, requestCommand, serveCommand, p
     monitorCommand, daemonCommand, demoCommand;
 
 std::span<const Command *const> commands() {
-  static const Command *const table[] = {&packCommand,      &unpackCommand,  &requestCommand, &serveCommand, &publishCommand,
-                                         &subscribeCommand, &monitorCommand, &daemonCommand,  &demoCommand};
+  static const Command *const table[] = {&packCommand,    &unpackCommand,  &requestCommand,
+                                         &serveCommand,   &publishCommand, &subscribeCommand,
+                                         &monitorCommand, &daemonCommand,  &demoCommand};
   return table;
 }
 

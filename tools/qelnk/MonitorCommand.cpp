@@ -36,11 +36,10 @@ Exit monitor(Invocation &invocation) {
 }  // namespace
 
 extern const Command monitorCommand;
-const Command monitorCommand = {
-    "monitor",
-    "Connects a client and prints the events of its connection.",
-    {"HOST PORT", {{"count", "N", "end after N events"}, stayOption}},
-    nullptr,
-    monitor};
+const Command monitorCommand = {"monitor",
+                                "Connects a client and prints the events of its connection.",
+                                {"HOST PORT", {{"count", "N", "end after N events"}, stayOption}},
+                                nullptr,
+                                monitor};
 
 }  // namespace tool

@@ -40,10 +40,9 @@ class Publishing {
         body_(Body::of(invocation.arguments)),
         wanted_(invocation.arguments.integer("wait", 1, 1'000'000).value_or(0)),
         publisher_(QELNKSocket::make<CountingPublisher>(QELNKContext::contextWithBackgroundQueue())),
-        watch_(*publisher_, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | QELNKMonitorEventDisconnected,
-               [this](uint16_t event) {
-                 connections_ = std::max<int64_t>(0, connections_ + (event == QELNKMonitorEventDisconnected ? -1 : 1));
-               }) {}
+        watch_(*publisher_, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | QELNKMonitorEventDisconnected, [this](uint16_t event) {
+          connections_ = std::max<int64_t>(0, connections_ + (event == QELNKMonitorEventDisconnected ? -1 : 1));
+        }) {}
 
   Exit run();
 

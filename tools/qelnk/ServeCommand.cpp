@@ -66,7 +66,8 @@ Exit serve(Invocation &invocation) {
       ownPortArgument(arguments[0]),
       [reply, backlog, print](auto &, auto &message) {
         message->setResponse(reply ? reply : message->request());
-        if (backlog->enter()) qelnk::RunLoop::main()->perform([print, request = *message->request()] { print(request); });
+        if (backlog->enter())
+          qelnk::RunLoop::main()->perform([print, request = *message->request()] { print(request); });
       },
       &error);
   if (!bound) throw Failure(Exit::failed, "port " + arguments[0] + ": " + error.description);

@@ -14,8 +14,8 @@ Exit subscribe(Invocation &invocation) {
   const auto wanted = arguments.integer("count", 1, INT64_MAX);
   Output &output = invocation.output;
   int64_t count = 0;
-  // The shared context's callbacks arrive on the main thread. The subscriber is let go of there rather than disconnected,
-  // which would wait for callbacks of this very thread.
+  // The shared context's callbacks arrive on the main thread. The subscriber is let go of there rather than
+  // disconnected, which would wait for callbacks of this very thread.
   const auto subscriber = QELNKSubscriber::create(QELNKContext::sharedContext());
   subscriber->setMessageBody(body.number());
   for (const std::string &filter : arguments.all("filter")) subscriber->addFilter(qelnk::Data(filter));
@@ -35,7 +35,8 @@ Exit subscribe(Invocation &invocation) {
   uint64_t dropped = 0;
   const auto tellDropped = [&] {
     const uint64_t all = subscriber->droppedMessages();
-    if (all != dropped) complain("subscribe: the output is too slow, " + std::to_string(all - dropped) + " messages lost");
+    if (all != dropped)
+      complain("subscribe: the output is too slow, " + std::to_string(all - dropped) + " messages lost");
     dropped = all;
   };
   if (wanted)
@@ -49,15 +50,16 @@ Exit subscribe(Invocation &invocation) {
 }  // namespace
 
 extern const Command subscribeCommand;
-const Command subscribeCommand = {"subscribe",
-                                  "Prints what a publisher broadcasts.",
-                                  {"HOST PORT",
-                                   {Body::option,
-                                    {"filter", "TEXT", "only messages that begin with this; may be given several times"},
-                                    {"filter-int", "N", "the same with the four bytes of a number"},
-                                    {"count", "N", "end after N messages"},
-                                    stayOption}},
-                                  nullptr,
-                                  subscribe};
+const Command subscribeCommand = {
+    "subscribe",
+    "Prints what a publisher broadcasts.",
+    {"HOST PORT",
+     {Body::option,
+      {"filter", "TEXT", "only messages that begin with this; may be given several times"},
+      {"filter-int", "N", "the same with the four bytes of a number"},
+      {"count", "N", "end after N messages"},
+      stayOption}},
+    nullptr,
+    subscribe};
 
 }  // namespace tool
