@@ -4,6 +4,8 @@
 
 #include "messaging/ErrorText.h"
 
+#include <cerrno>
+#include <string>
 #include <utility>
 
 using qelnk::Error;
@@ -19,11 +21,11 @@ int32_t QELNKPublisher::socketType() const { return ZMQ_PUB; }
 void QELNKPublisher::bindToPort(int32_t port) {
   const std::lock_guard lock(sending_);
   if (rawSocket()) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
+  if (port < 0) throw ZMQException("There is no port " + std::to_string(port), EINVAL);  // ZeroMQ takes -1 for 65535
   try {
     const std::string endpoint = endPointForHost("*", port);
     const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
-    socket->bindToEndpoint(endpoint);
-    port_ = boundPort(*socket);
+    port_ = bindSocket(*socket, port_);
   } catch (const ZMQException &) {
     closeSocket();
     throw;

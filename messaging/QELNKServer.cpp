@@ -53,6 +53,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
     if (error) *error = qelnk::zmqError(code);
     return false;
   };
+  if (port < 0) return refuse(EINVAL, "which is none");  // ZeroMQ would take -1 for 65535
   if (onMessageThread()) return refuse(EDEADLK, "called on its own io thread");
   const std::lock_guard lock(state_->binding);
   if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
@@ -66,10 +67,12 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
   try {
     startThread("qelnk-server");
   } catch (const std::system_error &failure) {
+    state_->stopping = true;
     return refuse(failure.code().value(), failure.what());
   }
   Error failure = bound.get();
   if (!failure) return true;
+  state_->stopping = true;
   qelnk::logError("QELNKServer could not bind to port {} with error {}", port, describe(failure));
   if (error) *error = std::move(failure);
   return false;
@@ -88,8 +91,7 @@ void QELNKServer::ioThread() {
     const std::string endpoint = endPointForHost("*", state_->wantedPort);
     const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
     state_->poll = qelnk::SocketPoll(socket->socket(), *qelnk::RunLoop::current());
-    socket->bindToEndpoint(endpoint);
-    state_->port = boundPort(*socket);
+    state_->port = bindSocket(*socket, state_->port);
   } catch (const ZMQException &exception) {
     failure = qelnk::zmqError(exception.code());
   } catch (const std::system_error &exception) {

@@ -14,6 +14,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <thread>
 #include <utility>
 
 using qelnk::Data;
@@ -118,13 +119,26 @@ void QELNKSocket::setSocketBlock(SocketBlock block) {
   socketBlock_.swap(shared);  // the old one goes after the lock
 }
 
-int32_t QELNKSocket::boundPort(const ZMQSocket &socket) {
+static int32_t boundPort(const ZMQSocket &socket) {
   const auto endpoint = socket.dataForOption(ZMQ_LAST_ENDPOINT);
   const std::string_view text = endpoint ? endpoint->text() : std::string_view();
   int32_t port = 0;
   if (const size_t colon = text.rfind(':'); colon != text.npos)
     std::from_chars(text.data() + colon + 1, text.data() + text.size(), port);
   return port;
+}
+
+int32_t QELNKSocket::bindSocket(ZMQSocket &socket, int32_t lastPort) {
+  const std::string endpoint = socket.endpoint();
+  bool bound = false;
+  if (lastPort != 0 && endpoint.ends_with(fmt::format(":{}", lastPort))) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (!(bound = zmq_bind(socket.socket(), endpoint.c_str()) == 0) && zmq_errno() == EADDRINUSE &&
+           std::chrono::steady_clock::now() < end)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!bound) socket.bindToEndpoint(endpoint);  // the one that tells of a failure
+  return boundPort(socket);
 }
 
 void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {

@@ -139,11 +139,11 @@ void QELNKSubscriber::Loop::end() {
   });
   subscriber_.context()->responseQueue()->async(
       [wakeUp = std::move(wakeUp)] { qelnk::logDefault("QELNKSubscriber io thread exiting"); });
-  const auto patience = std::chrono::steady_clock::now() + 5s;
+  const auto patience = subscriber_.clock()->now() + 5s;
   bool told = false;
   while (!*written && !state_.abandoned && !subscriber_.weak_from_this().expired()) {
     runLoop_->runOnce(100ms);
-    if (!told && !*written && std::chrono::steady_clock::now() > patience) {
+    if (!told && !*written && subscriber_.clock()->now() > patience) {
       qelnk::logError("QELNKSubscriber io thread cannot end, for nobody serves its response queue");
       told = true;
     }

@@ -137,8 +137,10 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Makes the ZeroMQ socket for an endpoint, to which it is yet to connect or bind. What it has not
   /// sent when it closes has `linger` to leave. On the thread that is to own it. Throws ZMQException.
   std::shared_ptr<ZMQSocket> openSocket(const std::string &endpoint, std::chrono::milliseconds linger = {});
-  /// The TCP port to which a socket is bound.
-  static int32_t boundPort(const ZMQSocket &socket);
+  /// Binds a socket to its endpoint and returns its TCP port. The endpoint's last socket may have had the same port,
+  /// `lastPort`, which ZeroMQ gives back in the background: that is waited for, at most a second. On the thread that owns
+  /// it. Throws ZMQException.
+  static int32_t bindSocket(ZMQSocket &socket, int32_t lastPort);
   /// Closes the ZeroMQ socket, if there is one, and forgets it. What was sent last may take at least `linger` to leave,
   /// in the background. On the thread that owns it.
   void closeSocket(std::chrono::milliseconds linger = {});

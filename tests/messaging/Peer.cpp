@@ -47,30 +47,58 @@ void Peer::serve() {
   zmq_close(socket_);
 }
 
-bool Peer::receive() {
-  Frames frames;
+static Peer::Frames receiveFrom(void *socket) {
+  Peer::Frames frames;
   zmq_msg_t message;
   zmq_msg_init(&message);
   bool more = true;
-  while (more && zmq_msg_recv(&message, socket_, ZMQ_DONTWAIT) >= 0) {
+  while (more && zmq_msg_recv(&message, socket, ZMQ_DONTWAIT) >= 0) {
     frames.emplace_back(static_cast<const char *>(zmq_msg_data(&message)), zmq_msg_size(&message));
     more = zmq_msg_more(&message);
   }
   zmq_msg_close(&message);
+  return frames;
+}
+
+static void sendTo(void *socket, const Peer::Frames &frames) {
+  for (size_t i = 0; i < frames.size(); i++)
+    zmq_send(socket, frames[i].data(), frames[i].size(), i + 1 < frames.size() ? ZMQ_SNDMORE : 0);
+}
+
+bool Peer::receive() {
+  Frames frames = receiveFrom(socket_);
   if (frames.empty()) return false;
   ++received_;
   handler_(*this, std::move(frames));
   return true;
 }
 
-void Peer::send(const Frames &frames) {
-  for (size_t i = 0; i < frames.size(); i++)
-    zmq_send(socket_, frames[i].data(), frames[i].size(), i + 1 < frames.size() ? ZMQ_SNDMORE : 0);
-}
+void Peer::send(const Frames &frames) { sendTo(socket_, frames); }
 
 void Peer::perform(std::function<void()> task) {
   const std::lock_guard lock(mutex_);
   tasks_.push_back(std::move(task));
+}
+
+Wire::Wire(int type, int32_t port) : context_(zmq_ctx_new()), socket_(zmq_socket(context_, type)) {
+  const int none = 0;
+  zmq_setsockopt(socket_, ZMQ_LINGER, &none, sizeof(none));
+  zmq_setsockopt(socket_, ZMQ_RCVHWM, &none, sizeof(none));
+  if (type == ZMQ_SUB) zmq_setsockopt(socket_, ZMQ_SUBSCRIBE, "", 0);
+  zmq_connect(socket_, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+}
+
+Wire::~Wire() {
+  zmq_close(socket_);
+  zmq_ctx_term(context_);
+}
+
+void Wire::send(const Peer::Frames &frames) { sendTo(socket_, frames); }
+
+std::optional<Peer::Frames> Wire::receive(std::chrono::milliseconds limit) {
+  zmq_pollitem_t item{socket_, 0, ZMQ_POLLIN, 0};
+  if (zmq_poll(&item, 1, limit.count()) <= 0) return std::nullopt;
+  return receiveFrom(socket_);
 }
 
 }  // namespace qelnk::test

@@ -3,9 +3,11 @@
 #include <QELNetworkKit/QELNKSocket.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -49,6 +51,24 @@ class Peer {
   std::mutex mutex_;
   std::vector<std::function<void()>> tasks_;
   std::thread thread_;
+};
+
+/// A bare ZeroMQ socket of the test's own thread, connected to a port here.
+class Wire {
+ public:
+  Wire(int type, int32_t port);
+  /// Closes at once.
+  ~Wire();
+  Wire(const Wire &) = delete;
+  Wire &operator=(const Wire &) = delete;
+
+  void send(const Peer::Frames &frames);
+  /// The next message; none when there is none within `limit`.
+  std::optional<Peer::Frames> receive(std::chrono::milliseconds limit = std::chrono::seconds(10));
+  void *socket() const { return socket_; }
+
+ private:
+  void *context_, *socket_;
 };
 
 }  // namespace qelnk::test
