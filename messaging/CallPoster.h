@@ -37,13 +37,13 @@ class CallPoster {
     shared_->calls.push_back(std::move(call));
     const size_t dropped = shared_->drop(limit);
     auto batch = shared_->open;
-    if (!batch || batch->size == largestBatch) {
+    if (!batch) {
       batch = shared_->open = std::make_shared<Batch>();
       batch->endpoint = std::move(endpoint);
     }
     batch->end = shared_->first + shared_->calls.size();
     // One task makes all the calls. A second one finds what is left should a call turn the queue's loop.
-    if (++batch->size > 2) return dropped;
+    if (batch->tasks == 2) return dropped;
     ++batch->tasks;
     lock.unlock();
     schedule(shared_, std::move(batch));
@@ -53,7 +53,7 @@ class CallPoster {
   /// Lets no later call share the task of an earlier one: between them something else is posted to the queue.
   void seal() {
     const std::lock_guard lock(shared_->mutex);
-    shared_->open.reset();
+    if (const auto batch = std::exchange(shared_->open, nullptr)) batch->sealed = true;
   }
 
   /// Drops what waits.
@@ -72,13 +72,13 @@ class CallPoster {
   }
 
  private:
-  // Bounds how long one task keeps the queue from its other tasks.
-  static constexpr size_t largestBatch = 256;
+  // How many calls one task makes before it lets the queue's other tasks have their turn.
+  static constexpr size_t callsOfATask = 256;
 
   struct Batch {
     std::weak_ptr<QELNKSocket> endpoint;
     uint64_t end = 0;  // the number of the call behind its last; this and the rest are guarded by Shared's mutex
-    size_t size = 0;
+    bool sealed = false;
     size_t tasks = 0;  // how many of its tasks wait in the queue
   };
   struct Shared {
@@ -115,9 +115,9 @@ class CallPoster {
 
   static void run(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch) {
     std::unique_lock lock(shared->mutex);
-    if (shared->open == batch) shared->open.reset();
     --batch->tasks;
-    while (shared->first < batch->end && !shared->calls.empty()) {
+    // What is left is made by another task, unless something waits in the queue that is to come behind it.
+    for (size_t made = 0; shared->first < batch->end && (made < callsOfATask || batch->sealed); ++made) {
       Call call = shared->take();
       const bool taskNeeded = batch->tasks == 0 && shared->first < batch->end;
       batch->tasks += taskNeeded;

@@ -5,6 +5,7 @@
 
 #include "messaging/ErrorText.h"
 #include "messaging/SocketPoll.h"
+#include "platform/Guard.h"
 
 #include <cerrno>
 #include <condition_variable>
@@ -42,7 +43,8 @@ struct QELNKMonitor::State {
   std::condition_variable changed;
   std::deque<uint16_t> events;
   bool connected = false;
-  bool dropping = false;  // the host has been told
+  uint64_t connection = 0;  // its number
+  bool dropping = false;    // the host has been told
 
   // What is handed to the io thread at its start, and its own then.
   std::string endpoint;
@@ -105,7 +107,9 @@ bool QELNKMonitor::isConnected() const {
 void QELNKMonitor::setConnected(bool connected) {
   {
     const std::lock_guard lock(state_->mutex);
+    ++state_->connection;
     state_->connected = connected;
+    state_->dropping = false;
     state_->events.clear();
   }
   state_->changed.notify_all();
@@ -119,14 +123,19 @@ void QELNKMonitor::ioThread() {
   if (!watching) setConnected(false);
   state_->watching.set_value(result);
   if (watching) {
-    readEvents();
-    // Before the pair socket goes: ZeroMQ's own thread would wait for ever to hand over the next event.
+    bool stopped = false;
+    qelnk::runGuarded("QELNKMonitor io thread", [&] { stopped = readEvents(); });
+    {
+      const std::lock_guard lock(state_->mutex);
+      state_->connected = false;  // what has been read can still be asked for
+    }
+    state_->changed.notify_all();
+    // ZeroMQ's own thread would wait for ever to hand over an event to a socket that has closed, and a watched one that
+    // is closing itself cannot be told to stop.
     state_->watched->stopMonitor(state_->endpoint);
-    const std::lock_guard lock(state_->mutex);
-    state_->connected = false;
+    if (!stopped) leaveSocketToContext();
   }
   state_->watched.reset();
-  state_->changed.notify_all();
 }
 
 // Begins to watch. Returns what zmq_socket_monitor() returned, or -1.
@@ -136,23 +145,37 @@ int QELNKMonitor::watch() {
     const auto pair = openSocket(state_->endpoint);
     pair->setInt(0, ZMQ_RCVHWM);  // ZeroMQ's own thread must never have to wait for this one
     state_->poll = qelnk::SocketPoll(pair->socket(), *qelnk::RunLoop::current());
-    pair->connectToEndpoint(state_->endpoint);  // before there are events, for the same reason
-    return state_->watched->monitor(state_->endpoint, state_->mask);
+    const int result = state_->watched->monitor(state_->endpoint, state_->mask | QELNKMonitorEventMonitorStopped);
+    if (result == 0) pair->connectToEndpoint(state_->endpoint);
+    return result;
   } catch (const ZMQException &) {  // its reason is on the log
-  } catch (const std::system_error &error) {
-    logError("QELNKMonitor is short of descriptors: {}", error.what());
+  } catch (const std::exception &error) {
+    logError("QELNKMonitor could not connect: {}", error.what());
   }
   return -1;
 }
 
-void QELNKMonitor::readEvents() {
+// Returns false once the monitor is to end, true once the watched socket has sent its last event.
+bool QELNKMonitor::readEvents() {
   constexpr std::chrono::seconds longestWait{1};
+  // How many events are read before the run loop has its turn.
+  constexpr int drainBound = 256;
   QELNKFrames frames;
   while (!isCancelled() && isConnected()) {
     int error = pollSocket(state_->poll, longestWait) < 0 ? zmq_errno() : 0;
-    while (error == 0 && (error = receiveFrames(frames, ZMQ_DONTWAIT, true)) == 0) add(eventOf(frames));
-    if (error != EAGAIN && error != EINTR) return tellReceiveError(error);
+    if (isAskedToClose()) break;
+    for (int count = 0; error == 0 && count < drainBound && !isCancelled(); ++count) {
+      error = receiveFrames(frames, ZMQ_DONTWAIT, true);
+      if (error != 0) break;
+      const uint16_t event = eventOf(frames);
+      if (event != QELNKMonitorEventMonitorStopped || (state_->mask & event)) add(event);
+      if (event == QELNKMonitorEventMonitorStopped) return true;
+    }
+    if (error == 0 || error == EAGAIN || error == EINTR) continue;
+    tellReceiveError(error);
+    break;
   }
+  return false;
 }
 
 void QELNKMonitor::add(uint16_t event) {
@@ -176,20 +199,24 @@ uint16_t QELNKMonitor::events() {
   std::unique_lock lock(state_->mutex);
   if (!state_->connected && state_->events.empty()) {
     lock.unlock();
-    // A socket that the host has set is read here and now.
-    return hasThread() || !rawSocket() ? 0 : receiveEvent();
+    return receiveEvent();
   }
-  state_->changed.wait(lock, [this] { return !state_->events.empty() || !state_->connected; });
-  if (state_->events.empty()) return 0;
+  const uint64_t connection = state_->connection;
+  const auto isAnother = [&] { return state_->connection != connection; };
+  state_->changed.wait(lock, [&] { return isAnother() || !state_->events.empty() || !state_->connected; });
+  if (isAnother() || state_->events.empty()) return 0;
   const uint16_t event = state_->events.front();
   state_->events.pop_front();
   state_->dropping = state_->dropping && !state_->events.empty();
   return event;
 }
 
+// The next event of a socket that the host has set, on the calling thread.
 uint16_t QELNKMonitor::receiveEvent() {
+  const auto socket = socketWithoutThread();
+  if (!socket) return 0;
   QELNKFrames frames;
-  const int error = receiveFrames(frames, 0, true);
+  const int error = receiveFrames(socket->socket(), frames, 0, true);
   if (error == 0) return eventOf(frames);
   tellReceiveError(error);
   return 0;

@@ -4,7 +4,6 @@
 
 #include "messaging/ErrorText.h"
 
-#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -21,11 +20,11 @@ int32_t QELNKPublisher::socketType() const { return ZMQ_PUB; }
 void QELNKPublisher::bindToPort(int32_t port) {
   const std::lock_guard lock(sending_);
   if (rawSocket()) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
-  if (port < 0) throw ZMQException("There is no port " + std::to_string(port), EINVAL);  // ZeroMQ takes -1 for 65535
   try {
     const std::string endpoint = endPointForHost("*", port);
     const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
-    port_ = bindSocket(*socket, port_);
+    socket->bindToEndpoint(endpoint);
+    port_ = socket->boundPort();
   } catch (const ZMQException &) {
     closeSocket();
     throw;

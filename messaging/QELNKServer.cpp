@@ -53,7 +53,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
     if (error) *error = qelnk::zmqError(code);
     return false;
   };
-  if (port < 0) return refuse(EINVAL, "which is none");  // ZeroMQ would take -1 for 65535
+  const auto self = weak_from_this().lock();  // the handler may drop the last reference before this is over
   if (onMessageThread()) return refuse(EDEADLK, "called on its own io thread");
   const std::lock_guard lock(state_->binding);
   if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
@@ -70,6 +70,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
     state_->stopping = true;
     return refuse(failure.code().value(), failure.what());
   }
+  if (state_->stopping) QELNKSocket::disconnect();  // another thread's came too early for this one
   Error failure = bound.get();
   if (!failure) return true;
   state_->stopping = true;
@@ -91,11 +92,14 @@ void QELNKServer::ioThread() {
     const std::string endpoint = endPointForHost("*", state_->wantedPort);
     const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
     state_->poll = qelnk::SocketPoll(socket->socket(), *qelnk::RunLoop::current());
-    state_->port = bindSocket(*socket, state_->port);
+    socket->bindToEndpoint(endpoint);
+    state_->port = socket->boundPort();
   } catch (const ZMQException &exception) {
     failure = qelnk::zmqError(exception.code());
   } catch (const std::system_error &exception) {
     failure = qelnk::zmqError(exception.code().value());
+  } catch (const std::exception &) {
+    failure = qelnk::zmqError(ENOMEM);
   }
   const bool isBound = !failure;
   state_->bound.set_value(std::move(failure));
@@ -137,7 +141,8 @@ bool QELNKServer::handle(Value request) {
 bool QELNKServer::reply(const Value &response) {
   Error error;
   const auto frames = serializeMessage(response, &error);
-  const bool sent = frames && sendData(*frames, &error);
+  if (frames && frames->empty()) error = qelnk::zmqError(EINVAL);  // nothing would be sent, and nothing is no answer
+  const bool sent = frames && !error && sendData(*frames, &error);
   if (!sent) qelnk::logError("QELNKServer could not send response with error {}", describe(error));
   return sent;
 }

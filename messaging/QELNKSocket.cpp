@@ -11,10 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <limits>
-#include <thread>
 #include <utility>
 
 using qelnk::Data;
@@ -64,9 +62,9 @@ bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() =
 bool QELNKSocket::isCancelled() const { return IOThread::isCurrentCancelled(); }
 
 void QELNKSocket::disconnect() {
-  if (const auto thread = this->thread())
-    thread->cancel();
-  else
+  if (hasThread())
+    thread()->cancel();
+  else if (socketWithoutThread())  // not that of a thread just starting
     closeSocket();
 }
 
@@ -87,7 +85,7 @@ std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
 }
 
 void QELNKSocket::setSocket(std::shared_ptr<ZMQSocket> socket) {
-  if (thread() && !onMessageThread()) return qelnk::logError("QELNKSocket keeps the socket of its io thread");
+  if (hasThread()) return qelnk::logError("QELNKSocket keeps the socket of its io thread");
   replaceSocket(std::move(socket));
 }
 
@@ -119,28 +117,6 @@ void QELNKSocket::setSocketBlock(SocketBlock block) {
   socketBlock_.swap(shared);  // the old one goes after the lock
 }
 
-static int32_t boundPort(const ZMQSocket &socket) {
-  const auto endpoint = socket.dataForOption(ZMQ_LAST_ENDPOINT);
-  const std::string_view text = endpoint ? endpoint->text() : std::string_view();
-  int32_t port = 0;
-  if (const size_t colon = text.rfind(':'); colon != text.npos)
-    std::from_chars(text.data() + colon + 1, text.data() + text.size(), port);
-  return port;
-}
-
-int32_t QELNKSocket::bindSocket(ZMQSocket &socket, int32_t lastPort) {
-  const std::string endpoint = socket.endpoint();
-  bool bound = false;
-  if (lastPort != 0 && endpoint.ends_with(fmt::format(":{}", lastPort))) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    while (!(bound = zmq_bind(socket.socket(), endpoint.c_str()) == 0) && zmq_errno() == EADDRINUSE &&
-           std::chrono::steady_clock::now() < end)
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  if (!bound) socket.bindToEndpoint(endpoint);  // the one that tells of a failure
-  return boundPort(socket);
-}
-
 void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
   const auto socket = this->socket();
   if (!socket) return;
@@ -152,6 +128,18 @@ void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
   } catch (const ZMQException &) {
     // Its log line is written.
   }
+}
+
+std::shared_ptr<ZMQSocket> QELNKSocket::socketWithoutThread() const {
+  auto socket = this->socket();
+  return socket && !socket->ownedByThread_ ? socket : nullptr;
+}
+
+void QELNKSocket::leaveSocketToContext() {
+  const auto socket = this->socket();
+  if (!socket) return;
+  replaceSocket(nullptr);
+  context_->zmqContext()->keepMonitor(socket);
 }
 
 bool QELNKSocket::isAskedToClose() const {
@@ -225,13 +213,17 @@ int QELNKSocket::pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseco
 }
 
 int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty) {
+  return receiveFrames(rawSocket(), frames, flags, keepEmpty);
+}
+
+int QELNKSocket::receiveFrames(void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty) {
   frames.clear();
   zmq_msg_t message;
   if (zmq_msg_init(&message) != 0) return zmq_errno();
   int error = 0;
   bool more = true;
   while (more && error == 0) {
-    if (zmq_msg_recv(&message, rawSocket(), flags) < 0) {
+    if (zmq_msg_recv(&message, rawSocket, flags) < 0) {
       error = zmq_errno();
     } else if (const size_t size = zmq_msg_size(&message); size > 0 || keepEmpty) {
       // Empty frames are, as a rule, delimiters that peers put before the body.

@@ -20,7 +20,8 @@ std::shared_ptr<QELNKSubscriber> QELNKSubscriber::create(std::shared_ptr<QELNKCo
 QELNKSubscriber::QELNKSubscriber(std::shared_ptr<QELNKContext> context)
     : QELNKSocket(std::move(context)), state_(std::make_unique<State>(this->context()->responseQueue())) {}
 
-QELNKSubscriber::~QELNKSubscriber() = default;
+// What waits for its queue would otherwise keep the messages until that turns.
+QELNKSubscriber::~QELNKSubscriber() { state_->deliveries.clear(); }
 
 int32_t QELNKSubscriber::socketType() const { return ZMQ_SUB; }
 
@@ -72,6 +73,7 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   state_->stopping = state_->abandoned = false;
   try {
     startThread("qelnk-subscr");
+    if (state_->stopping) QELNKSocket::disconnect();  // another thread's came too early for this one
   } catch (const std::system_error &error) {
     qelnk::logError("QELNKSubscriber could not connect: {}", error.what());
   }
@@ -82,12 +84,14 @@ void QELNKSubscriber::ioThread() { Loop(*this).run(); }
 void QELNKSubscriber::disconnect() {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
   const bool connected = hasThread();
+  const uint64_t connection = state_->connection;
   state_->stopping = true;
   QELNKSocket::disconnect();
   if (connected && (context()->responseQueue()->isCurrent() || !joinThread()))
     qelnk::logError(
         "QELNKSubscriber was disconnected on the thread that serves its response queue, or on an io thread; its io "
         "thread needs that one to end, so it is not waited for");
+  if (state_->connection != connection) return;  // another thread has connected it again, with a callback of its own
   setMessageBlock(nullptr);
   state_->deliveries.clear();
 }

@@ -47,6 +47,7 @@ bool QELNKSubscriber::Loop::pass() {
     qelnk::logError("QELNKSubscriber poll error {}", qelnk::describeNumber(error));
     if (error != EINTR) return false;
   }
+  if (events > 0 && (events & ZMQ_POLLERR)) qelnk::logError("QELNKSubscriber socket has error flagged");
   if (events > 0)
     receive();
   else

@@ -45,8 +45,9 @@ class QELNK_EXPORT QELNKMonitor : public QELNKSocket {
   /// Watches the events of a mask on `socket`, which is of the same context, instead of what it watched before. A
   /// failure is told on the log and leaves the monitor without a socket.
   void connectToSocket(const std::shared_ptr<QELNKSocket> &socket, uint32_t events);
-  /// Waits for the next event and returns its number; 0 when there is no socket, when it was disconnected meanwhile, or
-  /// after a failure, which is told on the log. Several threads may wait; each event is for one of them.
+  /// Waits for the next event and returns its number; 0 when there is no socket, when it was disconnected meanwhile,
+  /// once the watched socket has ended, or after a failure, which is told on the log. Several threads may wait; each
+  /// event is for one of them. Who waits holds a reference to the monitor.
   uint16_t events();
   /// Stops watching; whoever waits in events() gets 0 at once.
   void disconnect() override;
@@ -68,7 +69,7 @@ class QELNK_EXPORT QELNKMonitor : public QELNKSocket {
  private:
   struct State;
   int watch();
-  void readEvents();
+  bool readEvents();
   void add(uint16_t event);
   uint16_t receiveEvent();
   bool isConnected() const;

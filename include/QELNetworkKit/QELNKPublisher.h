@@ -18,7 +18,8 @@
 ///
 /// It knows nothing of its subscribers: what is published before one has joined is not for him, and for one that reads
 /// too slowly ZeroMQ keeps 1,000 messages and drops what comes then. A host that would rather wait for the slowest sets
-/// ZMQ_XPUB_NODROP on the socket (see setSocketBlock()).
+/// ZMQ_XPUB_NODROP on the socket (see setSocketBlock()), and ZMQ_SNDTIMEO, so that one that has stopped reading does
+/// not hold up publish(), and disconnect() behind it, for ever.
 ///
 /// Threads: every operation may be called from any thread, but for those of the base that send, which must not run at
 /// the same time as anything else. It has no thread of its own.

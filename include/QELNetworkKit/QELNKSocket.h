@@ -137,10 +137,6 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Makes the ZeroMQ socket for an endpoint, to which it is yet to connect or bind. What it has not
   /// sent when it closes has `linger` to leave. On the thread that is to own it. Throws ZMQException.
   std::shared_ptr<ZMQSocket> openSocket(const std::string &endpoint, std::chrono::milliseconds linger = {});
-  /// Binds a socket to its endpoint and returns its TCP port. The endpoint's last socket may have had the same port,
-  /// `lastPort`, which ZeroMQ gives back in the background: that is waited for, at most a second. On the thread that owns
-  /// it. Throws ZMQException.
-  static int32_t bindSocket(ZMQSocket &socket, int32_t lastPort);
   /// Closes the ZeroMQ socket, if there is one, and forgets it. What was sent last may take at least `linger` to leave,
   /// in the background. On the thread that owns it.
   void closeSocket(std::chrono::milliseconds linger = {});
@@ -148,6 +144,8 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   bool isAskedToClose() const;
   /// The raw socket, or null. On the thread that owns it.
   void *rawSocket() const;
+  /// The socket that the host has set, or that belongs to no thread for another reason; else null.
+  std::shared_ptr<ZMQSocket> socketWithoutThread() const;
   /// Longest wait of an io thread's pass. It is a bound: whatever there is to do ends the wait.
   static constexpr std::chrono::milliseconds pollInterval{20};
   /// One pass of a thread that only answers or receives: serves its run loop and, while nothing can be received, waits
@@ -156,6 +154,10 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   int pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseconds limit);
   /// receiveData() into frames that are used again, with the empty ones where asked for; 0, or ZeroMQ's error number.
   int receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty = false);
+  int receiveFrames(void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);
+  /// Gives the socket of a monitor to the context, which keeps it until ZeroMQ has no more use for it: its own thread
+  /// would wait for ever to hand an event to one that has closed. On the thread that owns it.
+  void leaveSocketToContext();
 
  private:
   struct QELNK_EXPORT Deleter {

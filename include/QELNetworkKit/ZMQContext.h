@@ -50,6 +50,7 @@ class QELNK_EXPORT ZMQContext {
   friend class QELNKSocket;
   struct Registry;
   std::shared_ptr<ZMQSocket> makeSocket(int32_t type, bool ownedByThread);
+  void keepMonitor(const std::shared_ptr<ZMQSocket> &socket);
   std::atomic<void *> context_{nullptr};
   std::atomic<bool> terminated_{false};
   std::shared_ptr<Registry> registry_;  // the sockets; outlives the context as long as a socket needs it

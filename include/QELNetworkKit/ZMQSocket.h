@@ -45,8 +45,13 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   /// Reads an option of any type; the result has the length that ZeroMQ reports.
   std::optional<qelnk::Data> dataForOption(int32_t option) const;
 
+  /// A TCP port that a socket of this process has just given up is waited for, at most a second: ZeroMQ closes in the
+  /// background.
   bool bindToEndpoint(const std::string &endpoint);
   bool connectToEndpoint(const std::string &endpoint);
+
+  /// The TCP port to which it was bound last; 0 for none.
+  int32_t boundPort() const { return boundPort_; }
 
   /// Sends one frame; a failure is logged and gives false.
   bool sendData(const qelnk::Data &data, int32_t flags);
@@ -107,6 +112,7 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   std::atomic<bool> ownedByThread_{false}, askedToClose_{false};
   mutable std::mutex mutex_;  // guards endpoint_
   std::string endpoint_;
+  std::atomic<int32_t> boundPort_{0};
   std::mutex monitoring_;  // keeps the raw socket from being closed while another thread has it monitored
   std::string monitorEndpoint_;
 };

@@ -5,7 +5,12 @@
 #include "messaging/zmq/SocketRegistry.h"
 #include "platform/LogFormat.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
 
 void ZMQContext::getZMQVersion(int &major, int &minor, int &patch) { zmq_version(&major, &minor, &patch); }
 
@@ -44,11 +49,37 @@ ZMQContext::~ZMQContext() {
 std::shared_ptr<ZMQSocket> ZMQContext::socketWithType(int32_t type) { return makeSocket(type, false); }
 
 std::shared_ptr<ZMQSocket> ZMQContext::makeSocket(int32_t type, bool ownedByThread) {
+  keepMonitor(nullptr);  // closes those that have been stopped meanwhile
   auto socket = std::make_shared<ZMQSocket>(this, type);
   socket->ownedByThread_ = ownedByThread;  // before anybody else can find it
   const std::lock_guard lock(registry_->mutex);
   registry_->sockets.insert(socket);
   return socket;
+}
+
+// Whether ZeroMQ has sent a monitor its last event.
+static bool isStopped(const ZMQSocket &monitor) {
+  std::array<uint8_t, 6> frame{};
+  for (;;) {
+    const int size = zmq_recv(monitor.socket(), frame.data(), frame.size(), ZMQ_DONTWAIT);
+    if (size < 0) return zmq_errno() != EAGAIN;
+    uint16_t event = 0;
+    std::memcpy(&event, frame.data(), sizeof(event));
+    if (size == int(frame.size()) && event == ZMQ_EVENT_MONITOR_STOPPED) return true;
+  }
+}
+
+void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
+  std::vector<std::shared_ptr<ZMQSocket>> stopped;
+  {
+    const std::lock_guard lock(registry_->mutex);
+    auto &kept = registry_->keptMonitors;
+    if (socket) kept.push_back(socket);
+    const auto end = std::partition(kept.begin(), kept.end(), [](const auto &monitor) { return !isStopped(*monitor); });
+    stopped.assign(end, kept.end());
+    kept.erase(end, kept.end());
+  }
+  for (const auto &monitor : stopped) monitor->close();
 }
 
 std::set<std::shared_ptr<ZMQSocket>> ZMQContext::sockets() const {
@@ -71,7 +102,9 @@ void ZMQContext::terminate() {
     // Whoever waits in a call on a socket gets ETERM now and can close it; without this the term below would wait for
     // him and he for a message.
     zmq_ctx_shutdown(context);
+    const auto kept = std::exchange(registry_->keptMonitors, {});
     lock.unlock();
+    for (const auto &monitor : kept) monitor->close();
     while (zmq_ctx_term(context) != 0 && zmq_errno() == EINTR) {
     }
   }

@@ -6,7 +6,12 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <cstring>
+#include <map>
+#include <optional>
+#include <thread>
 #include <utility>
 
 using qelnk::Data;
@@ -30,6 +35,51 @@ class Message {
   zmq_msg_t message_;
   bool open_;
 };
+
+using Steady = std::chrono::steady_clock;
+
+/// The port that a TCP endpoint ends with; none where that is no number.
+std::optional<int64_t> portOf(std::string_view endpoint) {
+  const size_t colon = endpoint.rfind(':');
+  if (!endpoint.starts_with("tcp://") || colon == endpoint.npos) return std::nullopt;
+  int64_t port = 0;
+  const char *end = endpoint.data() + endpoint.size();
+  const auto [stop, problem] = std::from_chars(endpoint.data() + colon + 1, end, port);
+  return problem == std::errc() && stop == end ? std::optional(port) : std::nullopt;
+}
+
+/// ZeroMQ would take 65537 for 1, and -1 for 65535. Sets errno.
+bool isPossible(std::optional<int64_t> port) {
+  if (!port || (*port >= 0 && *port <= 65535)) return true;
+  errno = EINVAL;
+  return false;
+}
+
+/// The TCP ports of sockets that were closed here within the last second. Threads: any.
+class RecentPorts {
+ public:
+  void add(int64_t port) {
+    const auto now = Steady::now();
+    const std::lock_guard lock(mutex_);
+    std::erase_if(until_, [&](const auto &entry) { return entry.second < now; });
+    until_[port] = now + std::chrono::seconds(1);
+  }
+  /// Until when it may take ZeroMQ to give the port back.
+  Steady::time_point waitUntil(int64_t port) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = until_.find(port);
+    return found == until_.end() ? Steady::time_point() : found->second;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<int64_t, Steady::time_point> until_;
+};
+
+RecentPorts &recentPorts() {
+  static RecentPorts &immortal = *new RecentPorts;
+  return immortal;
+}
 
 }  // namespace
 
@@ -60,6 +110,7 @@ void ZMQSocket::close() {
   void *socket = socket_.load();
   if (!socket) return;
   boundLinger();
+  if (boundPort_ != 0) recentPorts().add(boundPort_);
   std::unique_lock lock(monitoring_);
   if (!socket_.compare_exchange_strong(socket, nullptr)) return;
   if (zmq_close(socket) != 0) {
@@ -113,13 +164,21 @@ std::optional<Data> ZMQSocket::dataForOption(int32_t option) const {
 
 bool ZMQSocket::bindToEndpoint(const std::string &endpoint) {
   setEndpoint(endpoint);
-  if (zmq_bind(socket(), endpoint.c_str()) != 0) fail("zmq_bind");
+  const auto port = portOf(endpoint);
+  const auto patience = port ? recentPorts().waitUntil(*port) : Steady::time_point();
+  while (!isPossible(port) || zmq_bind(socket(), endpoint.c_str()) != 0) {
+    if (zmq_errno() != EADDRINUSE || Steady::now() >= patience) fail("zmq_bind");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  char text[256] = "";
+  size_t size = sizeof(text);
+  if (zmq_getsockopt(socket(), ZMQ_LAST_ENDPOINT, text, &size) == 0) boundPort_ = int32_t(portOf(text).value_or(0));
   return true;
 }
 
 bool ZMQSocket::connectToEndpoint(const std::string &endpoint) {
   setEndpoint(endpoint);
-  if (zmq_connect(socket(), endpoint.c_str()) != 0) fail("zmq_connect");
+  if (!isPossible(portOf(endpoint)) || zmq_connect(socket(), endpoint.c_str()) != 0) fail("zmq_connect");
   return true;
 }
 

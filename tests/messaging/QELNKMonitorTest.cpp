@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <future>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -64,7 +65,7 @@ TEST(QELNKMonitor, NamesEvents) {
   EXPECT_EQ(text, "A, C");
 }
 
-// Both ends of a connection, from the first event of their sockets to the last, with what a bare monitor sees beside.
+// Both ends of a connection, from the first event of their sockets to the last.
 TEST(QELNKMonitor, SeesAConnectionComeAndGo) {
   const auto context = QELNKContext::contextWithBackgroundQueue();
   const auto atServer = QELNKMonitor::create(context), atClient = QELNKMonitor::create(context);
@@ -202,6 +203,51 @@ TEST(QELNKMonitor, HoldsNobodyUp) {
       monitor->disconnect();
     for (int i = 0; i < 20; ++i) expectAlive(server);
   }
+}
+
+// A socket that closes sends its last events in the background, on the threads that everything else needs.
+TEST(QELNKMonitor, MayEndAfterWhatItWatches) {
+  const auto context = QELNKContext::contextWithBackgroundQueue();
+  const auto alive = makeServer(context);
+  const size_t before = descriptorCount();
+  for (int i = 0; i < 50; ++i) {
+    const auto publisher = QELNKPublisher::create(context);
+    publisher->setMessageBody(QELNKMessageBodyData);
+    publisher->bindToPort(0);
+    const auto monitor = QELNKMonitor::create(context);
+    monitor->connectToSocket(publisher, QELNKMonitorEventAll);
+    std::optional<Wire> wire(std::in_place, ZMQ_SUB, publisher->port());
+    if (i % 2) {  // something unsent
+      ASSERT_EQ(monitor->events(), QELNKMonitorEventAccepted);
+      ASSERT_TRUE(
+          eventually([&] { return publisher->publish(Data("?")) && wire->receive(std::chrono::milliseconds(1)); }));
+      publisher->publish(Data(std::string(1 << 20, 'x')));
+    }
+    publisher->disconnect();
+    monitor->disconnect();
+  }
+  // Closing works on: ports and descriptors come back.
+  auto last = makeServer(context);
+  const int32_t port = last->port();
+  last.reset();
+  const auto other = QELNKServer::create(QELNKContext::contextWithBackgroundQueue());
+  EXPECT_TRUE(other->bindToPort(port, echo));
+  expectAlive(alive);
+  EXPECT_TRUE(eventually([&] {
+    makeServer(context);  // the making of a socket closes those of monitors that have been stopped
+    return descriptorCount() <= before + 20;
+  })) << descriptorCount() - before;
+}
+
+// Refused masks and sockets leave nothing behind.
+TEST(QELNKMonitor, FailsWithoutALeak) {
+  const auto context = QELNKContext::contextWithBackgroundQueue();
+  const auto server = makeServer(context);
+  const auto monitor = QELNKMonitor::create(context);
+  monitor->connectToSocket(server, 0x10000);
+  const size_t before = descriptorCount();
+  for (int i = 0; i < 100; ++i) monitor->connectToSocket(server, 0x10000);
+  EXPECT_TRUE(eventually([&] { return descriptorCount() <= before; }));
 }
 
 // One socket has one monitor: the second takes it over, and the first one's end leaves that alone.

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <map>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -106,6 +107,11 @@ const Unanswered unansweredCases[] = {
      {"a"},
      [](auto &, auto &message) { message->setResponse(Value(1)); },
      "QELNKServer could not send response with error A message of kind"},
+    {"no frames",
+     QELNKMessageBodyMultipart,
+     {"a"},
+     [](auto &, auto &message) { message->setResponse(Value::list()); },
+     "QELNKServer could not send response with error Invalid argument"},
     {"throws", QELNKMessageBodyString, {"a"}, [](auto &, auto &) { throw std::runtime_error("Boom"); }, "Boom"},
 };
 
@@ -138,12 +144,15 @@ TEST(QELNKServer, GoesOnWithAFallback) {
   for (const Unanswered &unanswered : unansweredCases) {
     SCOPED_TRACE(unanswered.what);
     const auto server = makeServer(unanswered.body);
-    server->setFallbackResponse(unanswered.body == QELNKMessageBodyJSON ? Value::list() : Value("no"));
+    const std::map<int32_t, Value> fallbacks{{QELNKMessageBodyJSON, Value::list()},
+                                             {QELNKMessageBodyString, "[]"},
+                                             {QELNKMessageBodyMultipart, Value::list({Data("[]")})}};
+    server->setFallbackResponse(fallbacks.at(unanswered.body));
     ASSERT_TRUE(server->bindToPort(0, unanswered.handler));
     Wire wire(ZMQ_REQ, server->port());
     for (int i = 0; i < 3; ++i) {
       wire.send(unanswered.request);
-      EXPECT_EQ(wire.receive(), Peer::Frames{unanswered.body == QELNKMessageBodyJSON ? "[]" : "no"});
+      EXPECT_EQ(wire.receive(), Peer::Frames{"[]"});
     }
     EXPECT_FALSE(server->isSilent());
   }
@@ -158,7 +167,10 @@ TEST(QELNKServer, TellsWhyItCannotBind) {
   EXPECT_EQ(error.domain, "ZMQ");
   EXPECT_EQ(error.code, EADDRINUSE);
   EXPECT_TRUE(log.contains("QELNKServer could not bind to port " + std::to_string(taken.port())));
-  for (const int32_t port : {-1, 65536}) EXPECT_FALSE(server->bindToPort(port, echo, &error));
+  for (const int32_t port : {-1, 65536, 70000}) {
+    EXPECT_FALSE(server->bindToPort(port, echo, &error));
+    EXPECT_EQ(error.code, EINVAL);
+  }
   EXPECT_EQ(server->port(), 0);
   ASSERT_TRUE(server->bindToPort(0, echo, &error));
   EXPECT_FALSE(server->bindToPort(0, nullptr, &error));
@@ -230,6 +242,17 @@ TEST(QELNKServer, LetsItsContextEnd) {
   context->zmqContext()->terminate();
   EXPECT_TRUE(eventually([&] { return busy->socket() == nullptr; }));
   EXPECT_FALSE(idle->bindToPort(0, echo));
+}
+
+TEST(QELNKServer, TakesOverThePortOfOneThatHasJustGone) {
+  auto server = makeServer();
+  ASSERT_TRUE(server->bindToPort(0, echo));
+  const int32_t port = server->port();
+  for (int i = 0; i < 50; ++i) {
+    server.reset();
+    server = makeServer();
+    ASSERT_TRUE(server->bindToPort(port, echo));
+  }
 }
 
 // Binding, serving and ending from several threads at once.

@@ -328,8 +328,9 @@ TEST(QELNKSubscriber, DropsTheOldestForASlowCallback) {
     });
     subscriber->connectToHost("127.0.0.1", peer.port(), nullptr);
     ASSERT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
-    for (int i = 1000; i < 2000; ++i) peer.publish({std::to_string(i)});
+    peer.publish({"1000"});
     blocked.get_future().wait();
+    for (int i = 1001; i < 2000; ++i) peer.publish({std::to_string(i)});
     EXPECT_TRUE(eventually([&] { return subscriber->droppedMessages() == 899; }));
     EXPECT_EQ(subscriber->pendingMessages(), 100u);
     unblock.set_value();
@@ -341,6 +342,28 @@ TEST(QELNKSubscriber, DropsTheOldestForASlowCallback) {
     EXPECT_TRUE(eventually([&] { return last == 2000; }));
     EXPECT_EQ(subscriber->droppedMessages(), 899u);
   }
+}
+
+// What is dropped leaves nothing else behind: a queue that is not served for days costs no more than the limit.
+TEST(QELNKSubscriber, KeepsAStuckQueueShort) {
+  struct StuckQueue final : Queue {
+    void async(Task) override { ++tasks; }
+    bool isCurrent() const override { return false; }
+    const std::string &label() const override { return name; }
+    std::atomic<int> tasks{0};
+    std::string name = "stuck";
+  };
+  const auto queue = std::make_shared<StuckQueue>();
+  PublishingPeer peer;
+  const auto subscriber =
+      QELNKSubscriber::create(std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), queue, queue));
+  subscriber->setPendingLimit({10, 1000});
+  subscriber->setMessageBody(QELNKMessageBodyString);
+  subscriber->connectToHost("127.0.0.1", peer.port(), nullptr);
+  ASSERT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
+  for (int i = 0; i < 5000; ++i) peer.publish({"x"});
+  EXPECT_TRUE(eventually([&] { return subscriber->droppedMessages() == 4990; }));
+  EXPECT_LE(queue->tasks, 3);
 }
 
 // A callback that turns its loop lets the next messages in, in order.
@@ -426,7 +449,7 @@ TEST(QELNKPublisher, TellsWhatFails) {
   } catch (const ZMQException &exception) {
     EXPECT_EQ(exception.code(), EADDRINUSE);
   }
-  EXPECT_THROW(publisher->bindToPort(-1), ZMQException);
+  for (const int32_t port : {-1, 70000}) EXPECT_THROW(publisher->bindToPort(port), ZMQException);
   EXPECT_EQ(publisher->socket(), nullptr);
   publisher->bindToPort(0);
   const int32_t port = publisher->port();

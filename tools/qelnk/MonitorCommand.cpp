@@ -1,10 +1,84 @@
 #include <QELNetworkKit/QELNKClient.h>
+#include <QELNetworkKit/QELNKMonitor.h>
+#include <QELNetworkKit/RunLoop.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 #include "Command.h"
-#include "ConnectionWatch.h"
 
 namespace tool {
 namespace {
+
+/// Brings the transport events of an endpoint to the main thread.
+///
+/// Threads: the main thread, on which the events arrive; make it before the endpoint connects.
+class ConnectionWatch {
+ public:
+  using Handler = std::function<void(uint16_t event)>;
+  /// Watches `endpoint` from its first event on.
+  ConnectionWatch(QELNKSocket &endpoint, uint32_t mask, Handler handler);
+  /// Ends; no event arrives any more.
+  ~ConnectionWatch();
+  ConnectionWatch(const ConnectionWatch &) = delete;
+  ConnectionWatch &operator=(const ConnectionWatch &) = delete;
+
+ private:
+  struct Shared;
+  std::shared_ptr<Shared> shared_;
+  std::thread thread_;
+};
+
+struct ConnectionWatch::Shared {
+  std::shared_ptr<QELNKMonitor> monitor;
+  Handler handler;
+  std::mutex mutex;  // guards the two
+  std::condition_variable changed;
+  int attached = 0;  // how often
+  bool ended = false;
+
+  // The thread that waits for events. After one of the monitor's connections the next may come.
+  void read(const std::shared_ptr<Shared> &self) {
+    for (int seen = 0;;) {
+      {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return ended || attached > seen; });
+        if (ended) return;
+        seen = attached;
+      }
+      while (const uint16_t event = monitor->events())
+        qelnk::RunLoop::main()->perform([self, event] {
+          if (!self->ended) self->handler(event);
+        });
+    }
+  }
+};
+
+ConnectionWatch::ConnectionWatch(QELNKSocket &endpoint, uint32_t mask, Handler handler)
+    : shared_(std::make_shared<Shared>()) {
+  shared_->monitor = QELNKMonitor::create(endpoint.context());
+  shared_->handler = std::move(handler);
+  endpoint.setSocketBlock([shared = shared_, mask](const auto &socket, auto &) {
+    shared->monitor->connectToSocket(socket, mask);
+    const std::lock_guard lock(shared->mutex);
+    ++shared->attached;
+    shared->changed.notify_one();
+  });
+  thread_ = std::thread([shared = shared_] { shared->read(shared); });
+}
+
+ConnectionWatch::~ConnectionWatch() {
+  {
+    const std::lock_guard lock(shared_->mutex);
+    shared_->ended = true;
+  }
+  shared_->changed.notify_one();
+  shared_->monitor->disconnect();
+  thread_.join();
+}
 
 Exit monitor(Invocation &invocation) {
   const Arguments &arguments = invocation.arguments;
@@ -13,7 +87,7 @@ Exit monitor(Invocation &invocation) {
   Output &output = invocation.output;
   int64_t count = 0;
   const auto client = QELNKClient::create(QELNKContext::contextWithBackgroundQueue());
-  const ConnectionWatch watch(*client, QELNKMonitorEventAll, [&](uint16_t event) {
+  const ConnectionWatch watch(*client, QELNKMonitorEventAll - QELNKMonitorEventMonitorStopped, [&](uint16_t event) {
     if (wanted && count == *wanted) return;
     ++count;
     const std::string name = QELNKMonitor::eventsToString(event);

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 
 #include "Body.h"
 #include "Command.h"
-#include "ConnectionWatch.h"
 
 namespace tool {
 namespace {
@@ -19,17 +19,22 @@ class CountingPublisher : public QELNKPublisher {
   explicit CountingPublisher(std::shared_ptr<QELNKContext> context) : QELNKPublisher(std::move(context)) {}
   int32_t socketType() const override { return ZMQ_XPUB; }
 
-  /// How many subscriptions there are.
-  int64_t subscriptions() {
-    while (const auto frames = receiveData(ZMQ_DONTWAIT, nullptr)) {
-      if (frames->empty() || frames->front().empty()) continue;
-      subscriptions_ += frames->front().data()[0] == 1 ? 1 : -1;
+  /// How many are there and have said what they want.
+  size_t subscribers() {
+    zmq_msg_t message;
+    zmq_msg_init(&message);
+    while (zmq_msg_recv(&message, socket()->socket(), ZMQ_DONTWAIT) >= 0) {
+      const bool subscribes = zmq_msg_size(&message) > 0 && *static_cast<const char *>(zmq_msg_data(&message)) == 1;
+      subscriptions_ += subscribes ? 1 : -1;
+      if (subscribes) connections_.insert(zmq_msg_get(&message, ZMQ_SRCFD));
     }
-    return subscriptions_;
+    zmq_msg_close(&message);
+    return std::min(connections_.size(), size_t(std::max(subscriptions_, 0)));
   }
 
  private:
-  int64_t subscriptions_ = 0;
+  std::set<int> connections_;  // that have subscribed to something, by their descriptors; some may have gone
+  int subscriptions_ = 0;      // of those that are there
 };
 
 /// Publishes the lines of standard input.
@@ -38,11 +43,8 @@ class Publishing {
   explicit Publishing(Invocation &invocation)
       : invocation_(invocation),
         body_(Body::of(invocation.arguments)),
-        wanted_(invocation.arguments.integer("wait", 1, 1'000'000).value_or(0)),
-        publisher_(QELNKSocket::make<CountingPublisher>(QELNKContext::contextWithBackgroundQueue())),
-        watch_(*publisher_, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | QELNKMonitorEventDisconnected, [this](uint16_t event) {
-          connections_ = std::max<int64_t>(0, connections_ + (event == QELNKMonitorEventDisconnected ? -1 : 1));
-        }) {}
+        wanted_(size_t(invocation.arguments.integer("wait", 1, 1'000'000).value_or(0))),
+        publisher_(QELNKSocket::make<CountingPublisher>(QELNKContext::contextWithBackgroundQueue())) {}
 
   Exit run();
 
@@ -53,10 +55,8 @@ class Publishing {
 
   Invocation &invocation_;
   const Body body_;
-  const int64_t wanted_;
-  int64_t connections_ = 0;
+  const size_t wanted_;
   const std::shared_ptr<CountingPublisher> publisher_;
-  const ConnectionWatch watch_;
 };
 
 void Publishing::bind() {
@@ -70,7 +70,9 @@ void Publishing::bind() {
   const auto socket = publisher_->socket();
   socket->setInt(1, ZMQ_XPUB_VERBOSER);  // tell of every subscription, not of the first of each kind
   socket->setInt(1, ZMQ_XPUB_NODROP);    // wait for a slow subscriber rather than lose lines
-  socket->setInt(int(std::min(invocation_.timeout, 1e6) * 1000), ZMQ_SNDTIMEO);
+  const int limit = int(std::min(invocation_.timeout, 1e6) * 1000);
+  socket->setInt(limit, ZMQ_SNDTIMEO);
+  socket->setInt(limit, ZMQ_LINGER);
   if (invocation_.output.json())
     invocation_.output.event("listening", {{"port", publisher_->port()}});
   else
@@ -79,17 +81,16 @@ void Publishing::bind() {
 
 /// Waits until so many are there and have said what they want: what is published before that is not for them.
 void Publishing::awaitSubscribers() {
-  const auto joined = [this] { return std::min(connections_, publisher_->subscriptions()); };
-  const auto wait = invocation_.session.waitUntil([&] { return joined() >= wanted_; }, after(invocation_.timeout),
-                                                  std::chrono::milliseconds(5));
+  const auto wait = invocation_.session.waitUntil([&] { return publisher_->subscribers() >= wanted_; },
+                                                  after(invocation_.timeout), std::chrono::milliseconds(5));
   if (wait == Session::Wait::timedOut)
-    throw Failure(Exit::unanswered, std::to_string(joined()) + " of " + std::to_string(wanted_) +
+    throw Failure(Exit::unanswered, std::to_string(publisher_->subscribers()) + " of " + std::to_string(wanted_) +
                                         " subscribers have joined in time (--timeout gives them longer)");
 }
 
 void Publishing::publish(const qelnk::Value &message) {
   qelnk::Error error;
-  publisher_->subscriptions();  // or what has come would pile up
+  publisher_->subscribers();  // or what has come would pile up
   const auto frames = publisher_->serializeMessage(message, &error);
   if (frames && publisher_->sendData(*frames, &error)) {
     const size_t bytes = frames->front().size();
@@ -113,6 +114,8 @@ Exit Publishing::run() {
     if (const auto message = body_.message(*line, number)) publish(*message);
   }
   invocation_.session.serve(invocation_.arguments.has("stay"));
+  // Who asks it to end does not want to wait for a subscriber that does not read.
+  if (invocation_.session.stopped()) publisher_->socket()->setInt(int(ZMQSocket::longestLinger.count()), ZMQ_LINGER);
   return Exit::done;
 }
 

@@ -15,21 +15,21 @@ namespace {
 /// that nobody reads must not fill the memory.
 class Backlog {
  public:
-  /// On the io thread; false once it has been closed.
-  bool enter() {
+  /// On the io thread.
+  void enter() {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return closed_ || count_ < 1000; });
+    changed_.wait(lock, [this] { return unbounded_ || count_ < 1000; });
     ++count_;
-    return !closed_;
   }
   void leave() {
     const std::lock_guard lock(mutex_);
     --count_;
     changed_.notify_one();
   }
-  void close() {
+  /// Nobody waits from now on.
+  void lift() {
     const std::lock_guard lock(mutex_);
-    closed_ = true;
+    unbounded_ = true;
     changed_.notify_one();
   }
 
@@ -37,7 +37,7 @@ class Backlog {
   std::mutex mutex_;
   std::condition_variable changed_;
   int count_ = 0;
-  bool closed_ = false;
+  bool unbounded_ = false;
 };
 
 Exit serve(Invocation &invocation) {
@@ -59,15 +59,17 @@ Exit serve(Invocation &invocation) {
       output.line(body.text(request));
     backlog->leave();
   };
-  const auto server = QELNKServer::create(QELNKContext::contextWithBackgroundQueue());
+  auto server = QELNKServer::create(QELNKContext::contextWithBackgroundQueue());
+  // Before the server goes, which waits for its handler.
+  std::shared_ptr<void> atEnd(nullptr, [backlog](void *) { backlog->lift(); });
   server->setMessageBody(body.number());
   qelnk::Error error;
   const bool bound = server->bindToPort(
       ownPortArgument(arguments[0]),
       [reply, backlog, print](auto &, auto &message) {
         message->setResponse(reply ? reply : message->request());
-        if (backlog->enter())
-          qelnk::RunLoop::main()->perform([print, request = *message->request()] { print(request); });
+        backlog->enter();
+        qelnk::RunLoop::main()->perform([print, request = *message->request()] { print(request); });
       },
       &error);
   if (!bound) throw Failure(Exit::failed, "port " + arguments[0] + ": " + error.description);
@@ -86,8 +88,10 @@ Exit serve(Invocation &invocation) {
       std::chrono::milliseconds(100));
   invocation.session.serve(arguments.has("stay"));
   watch->cancel();
-  backlog->close();
-  server->disconnect();
+  atEnd.reset();
+  server.reset();
+  while (qelnk::RunLoop::main()->runOnce({})) {  // what was answered last is printed too
+  }
   return Exit::done;
 }
 

@@ -29,21 +29,20 @@ Exit subscribe(Invocation &invocation) {
     else
       output.line(body.text(message));
   });
+  bool connected = false;
   subscriber->connectToHost(arguments[0], port, [&](auto &) {
+    connected = true;
     if (output.json()) output.event("connected");
   });
-  uint64_t dropped = 0;
-  const auto tellDropped = [&] {
-    const uint64_t all = subscriber->droppedMessages();
-    if (all != dropped)
-      complain("subscribe: the output is too slow, " + std::to_string(all - dropped) + " messages lost");
-    dropped = all;
-  };
+  // ZeroMQ takes up any connection at once and makes it in the background.
+  if (invocation.session.waitUntil([&] { return connected; }, after(invocation.timeout)) == Session::Wait::timedOut)
+    throw Failure(Exit::failed, "cannot connect to " + arguments[0] + ":" + arguments[1]);
   if (wanted)
     invocation.session.waitUntil([&] { return count == *wanted; });
   else
     invocation.session.serve(arguments.has("stay"));
-  tellDropped();
+  if (const uint64_t dropped = subscriber->droppedMessages())
+    complain("subscribe: the output was too slow, " + std::to_string(dropped) + " messages were lost");
   return Exit::done;
 }
 
