@@ -181,6 +181,7 @@ class Messaging(ToolTest):
         peer, port = self.socket(zmq.REP)
         ours = self.context.socket(zmq.REQ)
         monitor = ours.get_monitor_socket(zmq.EVENT_ALL & 2047)
+        self.addCleanup(monitor.close, 0)
         self.addCleanup(ours.close, 0)
         ours.connect(f"tcp://127.0.0.1:{port}")
         process = self.start(BIN / "qelnk", "monitor", "127.0.0.1", port, "--count", 5, "--json")
