@@ -1,7 +1,10 @@
 #pragma once
 
 #include <condition_variable>
+#include <deque>
+#include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -89,6 +92,62 @@ class CallbackThread {
   std::vector<Call> calls_;
   bool stopped_ = false;
   std::thread thread_;  // last: it uses the others
+};
+
+/// One request at a time on a request socket, from any thread.
+class RequestClient {
+ public:
+  using Reply = std::function<void(std::string)>;
+  struct Request {
+    std::string body;
+    Reply onIOThread, onCallbackThread;  // either may be empty
+  };
+
+  explicit RequestClient(int port) : thread_([this, port] { run(port); }) {}
+  ~RequestClient() {
+    stopped_ = true;
+    thread_.join();
+  }
+  void send(Request request) { inbox_.put(std::move(request)); }
+
+ private:
+  void run(int port) {
+    Socket socket(context_, ZMQ_REQ);
+    socket.connectToLoopback(port);
+    zmq_pollitem_t items[] = {{socket.get(), 0, ZMQ_POLLIN, 0}, {nullptr, inbox_.descriptor(), ZMQ_POLLIN, 0}};
+    while (!stopped_) {
+      zmq_poll(items, 2, 20);
+      if (items[1].revents) take();
+      if (items[0].revents) receive(socket);
+      if (!replyAwaited_ && !queue_.empty()) {
+        Frame(queue_.front().body).send(socket);
+        replyAwaited_ = true;
+      }
+    }
+  }
+  void take() {
+    std::vector<Request> taken;
+    inbox_.take(taken);
+    for (Request &request : taken) queue_.push_back(std::move(request));
+  }
+  void receive(const Socket &socket) {
+    Frame frame;
+    if (!frame.receive(socket, ZMQ_DONTWAIT)) return;
+    std::string body(frame.bytes());
+    Request request = std::move(queue_.front());
+    queue_.pop_front();
+    replyAwaited_ = false;
+    if (request.onCallbackThread) callbacks_.post([body, reply = std::move(request.onCallbackThread)] { reply(body); });
+    if (request.onIOThread) request.onIOThread(std::move(body));
+  }
+
+  Context context_;
+  Inbox<Request> inbox_;
+  std::deque<Request> queue_;
+  bool replyAwaited_ = false;
+  CallbackThread<std::function<void()>> callbacks_;
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
 };
 
 }  // namespace bench

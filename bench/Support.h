@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
@@ -94,6 +95,21 @@ inline std::map<std::string, ThreadUse> threadUse() {
       if (line.starts_with("voluntary_ctxt_switches:")) use.switches += std::strtoull(line.c_str() + 24, nullptr, 10);
   }
   return all;
+}
+
+/// The memory of this process.
+inline double residentKiB() {
+  std::string line;
+  for (std::ifstream status("/proc/self/status"); std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) return std::atof(line.c_str() + 6);
+  return 0;
+}
+
+/// What this process has used of a core.
+inline double processSeconds() {
+  timespec used{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return double(used.tv_sec) + double(used.tv_nsec) / 1e9;
 }
 
 /// The threads of a client of ours, as the system shows them.

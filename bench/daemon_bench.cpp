@@ -13,7 +13,6 @@
 #include <bit>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <new>
 #include <thread>
@@ -183,19 +182,6 @@ std::shared_ptr<QELNKKORVALClient> connect(const DaemonProcess &daemon) {
   return client;
 }
 
-double residentKiB() {
-  std::string line;
-  for (std::ifstream status("/proc/self/status"); std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) return std::atof(line.c_str() + 6);
-  return 0;
-}
-
-double processSeconds() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return double(used.tv_sec) + double(used.tv_nsec) / 1e9;
-}
-
 /// Counts the pushes that reach a callback, and how old they are then.
 class Receiver {
  public:
@@ -258,11 +244,11 @@ void pushedAtARate(DaemonProcess &daemon, const std::string &log, int64_t perSec
   const auto start = Clock::now();
   daemon.push(count, perSecond);
   while (receiver.received() < settled) std::this_thread::sleep_for(10ms);
-  const double residentBefore = residentKiB();
+  const double residentBefore = bench::residentKiB();
   const auto before = bench::threadUse();
   const auto middle = Clock::now();
   receiver.awaitAll();
-  const double time = bench::seconds(Clock::now() - middle), resident = residentKiB();
+  const double time = bench::seconds(Clock::now() - middle), resident = bench::residentKiB();
   const auto after = bench::threadUse();
   const auto ages = receiver.ages(settled);
   bench::printRow("pushes/" + std::to_string(perSecond) + "-a-second/" + log, "qelnk",
@@ -278,13 +264,13 @@ void pushedAtARate(DaemonProcess &daemon, const std::string &log, int64_t perSec
 void pushedAsFastAsCan(DaemonProcess &daemon, const std::string &log, int64_t count) {
   const auto client = connect(daemon);
   Receiver receiver(client, size_t(count));
-  const double residentBefore = residentKiB();
+  const double residentBefore = bench::residentKiB();
   double most = residentBefore;
   receiver.expect(count);
   const auto start = Clock::now();
   daemon.push(count, 0);
   for (; receiver.received() < count && Clock::now() - start < 60s; std::this_thread::sleep_for(10ms))
-    most = std::max(most, residentKiB());
+    most = std::max(most, bench::residentKiB());
   receiver.awaitAll();
   bench::printRow("pushes/as-fast-as-can/" + log, "qelnk",
                   {{"per_second", double(count) / bench::seconds(Clock::now() - start)},
@@ -312,24 +298,25 @@ void search(DaemonProcess &daemon) {
 }
 
 void load(DaemonProcess &daemon) {
-  const double residentBefore = residentKiB();
+  const double residentBefore = bench::residentKiB();
   const auto start = Clock::now();
   const auto client = connect(daemon);
   const double time = bench::seconds(Clock::now() - start);
   size_t ports = 0;
   for (const auto &workflow : client->workflows()) ports += workflow->numberOfPorts();
   bench::require(ports == size_t(daemon.workflows()) * portsPerWorkflow, "ports are missing");
-  bench::printRow("load/" + std::to_string(daemon.workflows()) + "-workflows", "qelnk",
-                  {{"seconds", time}, {"resident_kib", residentKiB() - residentBefore}, {"ports", double(ports)}});
+  bench::printRow(
+      "load/" + std::to_string(daemon.workflows()) + "-workflows", "qelnk",
+      {{"seconds", time}, {"resident_kib", bench::residentKiB() - residentBefore}, {"ports", double(ports)}});
   client->disconnect();
 }
 
 void idle(DaemonProcess &daemon, int seconds) {
   const auto client = connect(daemon);
   const auto before = bench::threadUse();
-  const double usedBefore = processSeconds();
+  const double usedBefore = bench::processSeconds();
   std::this_thread::sleep_for(std::chrono::seconds(seconds));
-  const double used = processSeconds() - usedBefore;
+  const double used = bench::processSeconds() - usedBefore;
   const auto after = bench::threadUse();
   const auto passes = after.at(bench::ioThreadName).switches - before.at(bench::ioThreadName).switches;
   bench::printRow("idle/one-client", "qelnk",

@@ -8,15 +8,15 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <msgpack.hpp>
 #include <numeric>
 #include <random>
 #include <semaphore>
 #include <thread>
 #include <unordered_map>
 
+#include "Contest.h"
 #include "HandWritten.h"
-#include "Support.h"
+#include "Maps.h"
 
 namespace {
 
@@ -225,20 +225,9 @@ msgpack::object treeOfRequest(msgpack::zone &zone, int64_t identifier) {
        {"data", map({{"id", msgpack::object(std::string_view("w1.p17"), zone)}, {"value", msgpack::object(0.5)}})}});
 }
 
-const msgpack::object *find(const msgpack::object &map, std::string_view key) {
-  if (map.type != msgpack::type::MAP) return nullptr;
-  for (const auto &[name, value] : map.via.map)
-    if (name.type == msgpack::type::STR && std::string_view(name.via.str.ptr, name.via.str.size) == key) return &value;
-  return nullptr;
-}
-
 double valueOf(const msgpack::object &reply) {
-  const auto *data = find(reply, "data"), *value = data ? find(*data, "value") : nullptr;
+  const auto *data = bench::find(reply, "data"), *value = data ? bench::find(*data, "value") : nullptr;
   return value ? value->as<double>() : 0;
-}
-
-msgpack::object_handle decode(const bench::Frame &frame) {
-  return msgpack::unpack(frame.bytes().data(), frame.bytes().size());
 }
 
 /// Requests written by the caller, sent and matched by an io thread, answered on a callback thread. With trees the
@@ -307,8 +296,8 @@ class MapClient {
   void receive(const bench::Socket &socket) {
     bench::Frame frame;
     for (int i = 0; i < 256 && frame.receive(socket, ZMQ_DONTWAIT); ++i) {
-      msgpack::object_handle response = decode(frame);
-      const auto *identifier = find(response.get(), "messageID");
+      msgpack::object_handle response = bench::decodeMap(frame.bytes());
+      const auto *identifier = bench::find(response.get(), "messageID");
       const auto found = identifier ? pending_.find(identifier->as<int64_t>()) : pending_.end();
       if (found == pending_.end()) continue;
       callbacks_.post({std::move(found->second), std::move(response)});
@@ -359,7 +348,7 @@ class OneThread : public Contestant {
         bench::require(bench::Frame({body.data(), body.size()}).send(socket_), "not sent");
       }
       bench::require(frame.receive(socket_), "no reply");
-      do bench::require(valueOf(decode(frame).get()) == replyValue, "a wrong reply");
+      do bench::require(valueOf(bench::decodeMap(frame.bytes()).get()) == replyValue, "a wrong reply");
       while (++received < count && frame.receive(socket_, ZMQ_DONTWAIT));
     }
   }
@@ -371,37 +360,19 @@ class OneThread : public Contestant {
 
 // The measurements.
 
-struct Entry {
-  const char *peer;
-  std::unique_ptr<Contestant> contestant;
-  std::vector<double> rates{};
-};
-
 void inFlight(bool pinned) {
-  constexpr int64_t count = 40000;
-  constexpr int rounds = 15;
   bench::pin(pinned);
   Peer peer;
-  std::vector<Entry> entries;
-  entries.push_back({"qelnk", std::make_unique<Ours>(peer.port())});
-  entries.push_back({"hand-written", std::make_unique<HandWritten>(peer.port(), false)});
-  entries.push_back({"hand-written-trees", std::make_unique<HandWritten>(peer.port(), true)});
-  entries.push_back({"one-thread", std::make_unique<OneThread>(peer.port())});
-  for (Entry &entry : entries) entry.contestant->exchange(count / 4);
-  for (int round = 0; round < rounds; ++round) {
-    for (size_t i = 0; i < entries.size(); ++i) {
-      Entry &entry = entries[(i + size_t(round)) % entries.size()];
-      const auto start = Clock::now();
-      entry.contestant->exchange(count);
-      entry.rates.push_back(double(count) / bench::seconds(Clock::now() - start));
-    }
-  }
-  for (const Entry &entry : entries) {
-    std::vector<double> ratios;
-    for (size_t i = 0; i < entry.rates.size(); ++i) ratios.push_back(entry.rates[i] / entries[1].rates[i]);
-    bench::printRow(std::string("in-flight/") + (pinned ? "one-core" : "all-cores"), entry.peer,
-                    {{"per_second", bench::median(entry.rates)}, {"ratio", bench::median(ratios)}});
-  }
+  Ours ours(peer.port());
+  HandWritten handWritten(peer.port(), false), withTrees(peer.port(), true);
+  OneThread oneThread(peer.port());
+  const auto entry = [](const char *name, Contestant &contestant) {
+    return bench::RatedEntry{name, [&](int64_t count) { contestant.exchange(count); }};
+  };
+  bench::contestOfRates(std::string("in-flight/") + (pinned ? "one-core" : "all-cores"),
+                        {entry("qelnk", ours), entry("hand-written", handWritten),
+                         entry("hand-written-trees", withTrees), entry("one-thread", oneThread)},
+                        15, 40000);
 }
 
 /// Time, and time on a core of the caller's, the io and the callback thread together, for one of `count` requests.
