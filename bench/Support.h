@@ -147,6 +147,8 @@ class Context {
   Context(const Context &) = delete;
   Context &operator=(const Context &) = delete;
   void *get() const { return context_; }
+  /// Ends what waits on its sockets, which are to be closed then.
+  void shutdown() { zmq_ctx_shutdown(context_); }
 
  private:
   void *context_;
@@ -165,6 +167,9 @@ class Socket {
   void *get() const { return socket_; }
   void set(int option, int value) {
     require(zmq_setsockopt(socket_, option, &value, sizeof(value)) == 0, "zmq_setsockopt");
+  }
+  void subscribe(std::string_view prefix) {
+    require(zmq_setsockopt(socket_, ZMQ_SUBSCRIBE, prefix.data(), prefix.size()) == 0, "zmq_setsockopt");
   }
   /// Binds to a port of the system's choice on the loopback and returns it.
   int bindToLoopback() {

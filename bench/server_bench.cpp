@@ -201,7 +201,7 @@ void manyClients(const std::string &what, int ours, int raw, const std::string &
     bench::contestOfRates("server/16-clients/" + what + "/" + std::to_string(depth) + "-each",
                           {{"qelnk", [&](int64_t count) { ofOurs.exchange(count); }, 1, ourThreadName},
                            {"hand-written", [&](int64_t count) { ofRaw.exchange(count); }, 1, rawThreadName}},
-                          21, depth > 1 ? 60000 : 10000);
+                          21, depth > 1 ? 60000 : 6000);
   }
 }
 

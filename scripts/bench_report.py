@@ -122,6 +122,71 @@ def request_tables(results):
     return tables
 
 
+def server_tables(results):
+    lines = read_lines(results / "server_bench.txt")
+    tables, trips, loads = {}, [], []
+    for name, peers in lines.items():
+        _, kind, *details = name.split("/")
+        ours = peers["qelnk"]
+        if kind == "round-trip":
+            cores, state = details
+            state = "back to back" if state == "busy" else f"after {state.removeprefix('after-').replace('ms', ' ms')} of rest"
+            trips.append([f"{cores.replace('-', ' ')}, {state}",
+                          *(f"{peers[p]['median_us']:.1f} ({peers[p]['p99_us']:.0f})"
+                            for p in ("qelnk", "hand-written", "qelnk-server-only", "one-thread")),
+                          f"{ours['ratio']:.2f}", *verdict(ours["ratio"], 1.15)])
+        else:
+            what, cores, depth = details
+            loads.append([f"{what}, {depth.removesuffix('-each')} under way each, {cores.replace('-', ' ')}",
+                          *(f"{peers[p]['per_second']:,.0f}/s" for p in ("qelnk", "hand-written")),
+                          *(f"{duration(peers[p]['cpu_ns'])} ({peers[p]['cpu_percent']:.0f} %)" for p in ("qelnk", "hand-written")),
+                          f"{ours['ratio']:.2f}", *verdict(ours["ratio"], 0.8, at_most=False)])
+    if trips:
+        tables["server-request"] = table(["request", "QELNetworkKit", "by hand", "client by hand, our server", "one thread", "ratio",
+                                          "goal", ""], trips)
+    if loads:
+        tables["server-load"] = table(["16 clients", "QELNetworkKit", "by hand", "our server's thread, one reply", "by hand", "ratio",
+                                       "goal", ""], loads)
+    return tables
+
+
+def broadcast_tables(results):
+    lines = read_lines(results / "broadcast_bench.txt")
+    rates, delays, slow, idle, spread = [], [], [], [], []
+    for name, peers in lines.items():
+        _, kind, detail, *rest = name.split("/")
+        ours = peers.get("qelnk")
+        if kind == "rate":
+            what = f"{detail.replace('64-bytes', '64 bytes').replace('4-kib', '4 KiB')}, {rest[0].replace('-', ' ')}"
+            for peer, words, other in (("qelnk", "", "hand-written"), ("qelnk-subscriber", ", raw publisher", "hand-written"),
+                                       ("qelnk-publisher", ", raw subscriber", "raw")):
+                rates.append([what + words, *(f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (peer, other)),
+                              f"{peers[peer]['ratio']:.2f}", *verdict(peers[peer]["ratio"], 0.8, at_most=False)])
+        elif kind == "paced":
+            delays.append([detail.replace("-", " "), *(f"{peers[p]['median_us']:.0f} ({peers[p]['p99_us']:.0f})"
+                                                       for p in ("qelnk", "hand-written", "qelnk-subscriber")),
+                           f"{ours['ratio']:.2f}"])
+        elif kind == "slow-callback":
+            slow.append([detail.replace("64-bytes", "64 bytes").replace("4-kib", "4 KiB"), f"{ours['per_second']:,.0f}/s",
+                         f"{ours['received']:,.0f}", f"{ours['dropped']:,.0f}", f"{ours['grown_kib']:,.0f} KiB",
+                         f"{ours['grown_later_kib']:,.0f} KiB", *verdict(ours["grown_later_kib"], 1024)])
+            slow[-1][-2] += " KiB"
+        elif kind == "idle":
+            for peer, words in (("qelnk", ""), ("raw", ", raw")):
+                f = peers[peer]
+                idle.append([detail + words, f"{f['cpu_percent']:.2f} %", f"{f['cpu_percent_each']:.3f} %",
+                             f"{f['passes_each']:.0f}/s", f"{f['resident_kib_each']:,.0f} KiB", f"{f['descriptors_each']:.1f}"])
+        elif kind == "spread":
+            spread.append([detail, *(f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})"
+                                     for p in ("qelnk", "hand-written", "raw")), f"{ours['ratio']:.2f}"])
+    return {name: table(headings, rows) for name, headings, rows in (
+        ("broadcast", ["messages", "QELNetworkKit", "by hand", "ratio", "goal", ""], rates),
+        ("paced", ["20,000 a second", "QELNetworkKit", "by hand", "raw publisher, our subscriber", "ratio"], delays),
+        ("slow-callback", ["messages", "sent", "called back", "dropped", "growth", "in the second half", "goal", ""], slow),
+        ("idle-subscribers", ["subscribers", "of a core", "each", "passes each", "memory each", "descriptors each"], idle),
+        ("spread", ["subscribers", "QELNetworkKit", "by hand", "by hand, no callback thread", "ratio"], spread)) if rows}
+
+
 def daemon_tables(results):
     lines, micro = read_lines(results / "daemon_bench.txt"), read_micro(results / "log_bench.json")
     rows = []
@@ -171,7 +236,8 @@ def machine():
 
 def main(results, page=None):
     results = pathlib.Path(results)
-    tables = {**encoding_tables(results), **request_tables(results), **daemon_tables(results)}
+    tables = {**encoding_tables(results), **request_tables(results), **server_tables(results), **broadcast_tables(results),
+              **daemon_tables(results)}
     for name, text in tables.items():
         print(f"\n{name}\n{text}")
     if not page:
