@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <memory>
-#include <span>
 #include <thread>
 
 #include "Maps.h"
