@@ -4,12 +4,15 @@
 #include <QELNetworkKit/Queue.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace qelnk {
 
@@ -32,10 +35,18 @@ class CallPoster {
 
   /// Has `call` made. Where that exceeds the limit, the oldest ones go without having been made; returns how many.
   size_t post(std::weak_ptr<QELNKSocket> endpoint, Call call, Limit limit = {}) {
+    return post(std::move(endpoint), std::span(&call, 1), limit);
+  }
+  /// The same for several, which are moved from.
+  size_t post(std::weak_ptr<QELNKSocket> endpoint, std::span<Call> calls, Limit limit = {}) {
+    if (calls.empty()) return 0;
     std::unique_lock lock(shared_->mutex);
-    shared_->cost += call.cost();
-    shared_->calls.push_back(std::move(call));
-    const size_t dropped = shared_->drop(limit);
+    size_t dropped = 0;
+    for (Call &call : calls) {
+      shared_->cost += call.cost();
+      shared_->calls.push_back(std::move(call));
+      dropped += shared_->drop(limit);
+    }
     auto batch = shared_->open;
     if (!batch) {
       batch = shared_->open = std::make_shared<Batch>();
@@ -43,7 +54,7 @@ class CallPoster {
     }
     batch->end = shared_->first + shared_->calls.size();
     // One task makes all the calls. A second one finds what is left should a call turn the queue's loop.
-    if (batch->tasks == 2) return dropped;
+    if (batch->tasks >= 2) return dropped;
     ++batch->tasks;
     lock.unlock();
     schedule(shared_, std::move(batch));
@@ -61,6 +72,7 @@ class CallPoster {
     std::deque<Call> dropped;  // goes after the lock
     const std::lock_guard lock(shared_->mutex);
     shared_->first += shared_->calls.size();
+    shared_->clearedUpTo = shared_->first;
     shared_->cost = 0;
     dropped.swap(shared_->calls);
   }
@@ -68,38 +80,55 @@ class CallPoster {
   /// How many calls wait.
   size_t waiting() const {
     const std::lock_guard lock(shared_->mutex);
-    return shared_->calls.size();
+    return shared_->calls.size() + shared_->takenLeft;
   }
 
  private:
-  // How many calls one task makes before it lets the queue's other tasks have their turn.
+  // How many calls are taken at a time: those are not dropped any more.
+  static constexpr size_t callsTaken = 32;
+  // After how many a task lets the queue's other tasks have their turn.
   static constexpr size_t callsOfATask = 256;
 
   struct Batch {
     std::weak_ptr<QELNKSocket> endpoint;
-    uint64_t end = 0;  // the number of the call behind its last; this and the rest are guarded by Shared's mutex
+    uint64_t end = 0;  // the number of the call behind its last; this and the next are guarded by Shared's mutex
     bool sealed = false;
-    size_t tasks = 0;  // how many of its tasks wait in the queue
+    std::atomic<int> tasks = 0;  // how many of its tasks wait in the queue
   };
   struct Shared {
     std::weak_ptr<Queue> queue;  // it may go with the endpoint
-    std::mutex mutex;
-    std::deque<Call> calls;  // that have not begun
-    uint64_t first = 0;      // the number of the first of them
+    std::mutex mutex;            // guards the members down to `open`
+    std::deque<Call> calls;
+    uint64_t first = 0;  // the number of the first of them
     size_t cost = 0;
     std::shared_ptr<Batch> open;  // the one that takes more
 
-    Call take() {
-      Call call = std::move(calls.front());
-      calls.pop_front();
-      ++first;
-      cost -= call.cost();
-      return call;
-    }
+    // What a task has taken and is about to call; the queue's own, and of its nested tasks.
+    std::vector<Call> taken;
+    size_t next = 0;
+    uint64_t takenFirst = 0;  // the number of taken[0]
+    std::atomic<size_t> takenLeft{0};
+    std::atomic<uint64_t> clearedUpTo{0};
+
     size_t drop(const Limit &limit) {
       size_t dropped = 0;
-      for (; calls.size() > 1 && (calls.size() > limit.calls || cost > limit.cost); ++dropped) take();
+      for (; calls.size() > 1 && (calls.size() + takenLeft > limit.calls || cost > limit.cost); ++dropped) {
+        cost -= calls.front().cost();
+        calls.pop_front();
+        ++first;
+      }
       return dropped;
+    }
+    void take(size_t count) {
+      taken.clear();
+      next = 0;
+      takenFirst = first;
+      for (; taken.size() < count; calls.pop_front()) {
+        cost -= calls.front().cost();
+        taken.push_back(std::move(calls.front()));
+      }
+      first += count;
+      takenLeft = count;
     }
   };
 
@@ -108,24 +137,37 @@ class CallPoster {
       queue->async([shared, batch = std::move(batch)] { run(shared, batch); });
   }
 
-  // What the call held goes with it, and the endpoint too when that was its last holder.
-  static void make(Call call, const std::weak_ptr<QELNKSocket> &holder) {
-    if (const auto endpoint = holder.lock()) call(endpoint);
+  static void run(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch) {
+    --batch->tasks;
+    for (size_t made = 0; refill(shared, batch, made >= callsOfATask); ++made) makeNext(*shared, batch->endpoint);
   }
 
-  static void run(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch) {
-    std::unique_lock lock(shared->mutex);
-    --batch->tasks;
-    // What is left is made by another task, unless something waits in the queue that is to come behind it.
-    for (size_t made = 0; shared->first < batch->end && (made < callsOfATask || batch->sealed); ++made) {
-      Call call = shared->take();
-      const bool taskNeeded = batch->tasks == 0 && shared->first < batch->end;
-      batch->tasks += taskNeeded;
-      lock.unlock();
-      if (taskNeeded) schedule(shared, batch);
-      make(std::move(call), batch->endpoint);
-      lock.lock();
+  // Sees to it that there is a call to make now, and, while there are more, that a task waits in the queue for them.
+  // Returns false when this task's turn is over: all have been made, or there were many and nothing waits in the queue
+  // that is to come behind them.
+  static bool refill(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch, bool enough) {
+    size_t left = shared->taken.size() - shared->next;  // the one to make now, and those behind it
+    bool over = false;
+    if (left == 0) {
+      const std::lock_guard lock(shared->mutex);
+      left = shared->first < batch->end ? size_t(batch->end - shared->first) : 0;
+      over = enough && !batch->sealed;
+      shared->take(over ? 0 : std::min(left, callsTaken));
     }
+    if (left > (over ? 0 : 1) && batch->tasks == 0) {
+      ++batch->tasks;
+      schedule(shared, batch);
+    }
+    return !over && left != 0;
+  }
+
+  // What the call held goes with it, and the endpoint too when this was its last holder.
+  static void makeNext(Shared &shared, const std::weak_ptr<QELNKSocket> &holder) {
+    const uint64_t number = shared.takenFirst + shared.next;
+    const Call call = std::move(shared.taken[shared.next++]);
+    --shared.takenLeft;
+    if (number < shared.clearedUpTo) return;
+    if (auto endpoint = holder.lock()) call(std::move(endpoint));
   }
 
   const std::shared_ptr<Shared> shared_;

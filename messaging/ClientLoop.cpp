@@ -155,12 +155,17 @@ std::chrono::nanoseconds QELNKClient::Loop::longestWait() const {
 
 void QELNKClient::Loop::receive() {
   for (int count = 0; count < drainBound(socketType_) && !isEnding(); count++) {
-    const int error = client_.receiveFrames(frames_, ZMQ_DONTWAIT);
+    Error failure;
+    std::optional<qelnk::Value> response;
+    size_t bytes = 0;
+    const int error = client_.receiveMessage(ZMQ_DONTWAIT, response, failure, bytes);
     if (error == 0) {
       awaiting_ = nullptr;
-      handleFrames();
-      frames_.clear();  // rather than to keep the bytes until the next message comes
-      finishEmpty();    // before the next reply is matched
+      if (response)
+        handle(std::move(*response));
+      else
+        qelnk::logError("QELNKClient could not deserialize response with error {}", describe(failure));
+      finishEmpty();  // before the next reply is matched
     } else {
       if (error != EAGAIN || count == 0)
         qelnk::logError("QELNKClient recieved message with no data and error {}", describe(qelnk::zmqError(error)));
@@ -169,16 +174,10 @@ void QELNKClient::Loop::receive() {
   }
 }
 
-void QELNKClient::Loop::handleFrames() {
-  Error error;
-  auto response = client_.deserializeData(frames_, &error);
-  if (!response) {
-    qelnk::logError("QELNKClient could not deserialize response with error {}", describe(error));
-    return;
-  }
+void QELNKClient::Loop::handle(qelnk::Value response) {
   if (QLGetHandle().enabled(qelnk::LogLevel::debug))
-    qelnk::logDebug("QELNKClient got response {}", response->description());
-  const auto message = client_.messageForResponse(*response);
+    qelnk::logDebug("QELNKClient got response {}", response.description());
+  const auto message = client_.messageForResponse(response);
   if (message && message->client_ == &client_ && !message->isFinished()) {
     message->response_ = std::move(response);
     finish(message);

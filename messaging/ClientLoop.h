@@ -41,7 +41,7 @@ class QELNKClient::Loop {
   bool sleep();
   std::chrono::nanoseconds longestWait() const;
   void receive();
-  void handleFrames();
+  void handle(qelnk::Value response);
   void send();
   bool send(QELNKMessage &message);
   bool sendFrames(QELNKMessage &message, const QELNKFrames &frames, qelnk::Error &error);
@@ -61,8 +61,7 @@ class QELNKClient::Loop {
   const std::string endpoint_;
   qelnk::SocketPoll poll_;
   qelnk::MessageList messages_;
-  std::vector<State::Order> taken_;  // these two are members to keep their memory
-  QELNKFrames frames_;
+  std::vector<State::Order> taken_;       // a member to keep its memory
   const QELNKMessage *failed_ = nullptr;  // the message whose sending failed last, and when it is tried again
   Steady::time_point retryAt_{};
   Steady::time_point unanswerableSentAt_{};  // when a message without a response was sent last

@@ -33,9 +33,9 @@ struct QELNKClient::State {
     ResponseBlock block;
 
     static size_t cost() { return 0; }
-    void operator()(const std::shared_ptr<QELNKSocket> &client) const {
+    void operator()(std::shared_ptr<QELNKSocket> client) const {
       qelnk::runGuarded("QELNKClient response block",
-                        [&] { block(std::static_pointer_cast<QELNKClient>(client), message); });
+                        [&] { block(std::static_pointer_cast<QELNKClient>(std::move(client)), message); });
     }
   };
 

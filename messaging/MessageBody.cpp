@@ -65,19 +65,23 @@ std::optional<Data> QELNKSocket::serializeMessage(const Value &message, int32_t 
 }
 
 std::optional<Value> QELNKSocket::deserializeData(const Data &frame, int32_t type, Error *error) {
+  return deserialize(frame.span(), type, error);
+}
+
+std::optional<Value> QELNKSocket::deserialize(std::span<const uint8_t> frame, int32_t type, Error *error) {
   switch (type) {
     case QELNKMessageBodyJSON:
-      return qelnk::jsonObject(frame.span(), error);
+      return qelnk::jsonObject(frame, error);
     case QELNKMessageBodyMessagePack:
-      return qelnk::mp_dict(frame.span(), error);
+      return qelnk::mp_dict(frame, error);
     case QELNKMessageBodyXML: {
-      auto document = qelnk::XMLDocument::parse(frame.span(), error);
+      auto document = qelnk::XMLDocument::parse(frame, error);
       return document ? std::optional<Value>(std::move(*document)) : std::nullopt;
     }
     case QELNKMessageBodyString:
-      return textOf(frame.text());
+      return textOf({reinterpret_cast<const char *>(frame.data()), frame.size()});
     case QELNKMessageBodyData:
-      return Value(frame);
+      return Value(Data(frame));
     default:
       return std::nullopt;
   }

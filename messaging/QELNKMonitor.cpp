@@ -165,7 +165,7 @@ bool QELNKMonitor::readEvents() {
     int error = pollSocket(state_->poll, longestWait) < 0 ? zmq_errno() : 0;
     if (isAskedToClose()) break;
     for (int count = 0; error == 0 && count < drainBound && !isCancelled(); ++count) {
-      error = receiveFrames(frames, ZMQ_DONTWAIT, true);
+      error = receiveFrames(rawSocket(), frames, ZMQ_DONTWAIT, true);
       if (error != 0) break;
       const uint16_t event = eventOf(frames);
       if (event != QELNKMonitorEventMonitorStopped || (state_->mask & event)) add(event);

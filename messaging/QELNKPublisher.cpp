@@ -33,11 +33,7 @@ void QELNKPublisher::bindToPort(int32_t port) {
 
 bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
   Error failure;
-  const auto frames = serializeMessage(message, &failure);
-  if (frames) {
-    const std::lock_guard lock(sending_);
-    if (sendData(*frames, &failure)) return true;
-  }
+  if (sendMessage(message, failure, &sending_)) return true;
   qelnk::logError("QELNKPublisher could not publish message with error {}", qelnk::describe(failure));
   if (error) *error = std::move(failure);
   return false;

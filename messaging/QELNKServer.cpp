@@ -31,7 +31,6 @@ struct QELNKServer::State {
   int32_t wantedPort = 0;
   std::promise<Error> bound;  // an unset error for success
   qelnk::SocketPoll poll;
-  QELNKFrames frames;
 };
 
 std::shared_ptr<QELNKServer> QELNKServer::create(std::shared_ptr<QELNKContext> context) {
@@ -119,9 +118,10 @@ void QELNKServer::serve() {
 
 // Takes a request and answers it. Returns false when there was none, or it was left unanswered.
 bool QELNKServer::answer() {
-  if (receiveFrames(state_->frames, ZMQ_DONTWAIT) != 0) return false;
-  auto request = deserializeData(state_->frames, nullptr);
-  state_->frames.clear();  // rather than to keep the bytes until the next request comes
+  Error error;
+  std::optional<Value> request;
+  size_t bytes = 0;
+  if (receiveMessage(ZMQ_DONTWAIT, request, error, bytes) != 0) return false;
   if (request && handle(std::move(*request))) return true;
   if (const auto fallback = fallbackResponse(); fallback && reply(*fallback)) return true;
   state_->silent = true;
@@ -140,9 +140,7 @@ bool QELNKServer::handle(Value request) {
 
 bool QELNKServer::reply(const Value &response) {
   Error error;
-  const auto frames = serializeMessage(response, &error);
-  if (frames && frames->empty()) error = qelnk::zmqError(EINVAL);  // nothing would be sent, and nothing is no answer
-  const bool sent = frames && !error && sendData(*frames, &error);
+  const bool sent = sendMessage(response, error);
   if (!sent) qelnk::logError("QELNKServer could not send response with error {}", describe(error));
   return sent;
 }

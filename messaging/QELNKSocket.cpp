@@ -4,6 +4,7 @@
 #include <QELNetworkKit/ZMQException.h>
 #include <QELNetworkKit/ZMQSocket.h>
 
+#include "messaging/ErrorText.h"
 #include "messaging/IOThread.h"
 #include "messaging/SocketPoll.h"
 #include "platform/Guard.h"
@@ -212,33 +213,77 @@ int QELNKSocket::pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseco
   return poll.wait(loop->untilNextTimer(limit)) < 0 ? -1 : ready();
 }
 
-int QELNKSocket::receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty) {
-  return receiveFrames(rawSocket(), frames, flags, keepEmpty);
-}
+/// A frame as ZeroMQ hands it out.
+struct QELNKSocket::IncomingFrame {
+  IncomingFrame() { zmq_msg_init(&message); }
+  ~IncomingFrame() { zmq_msg_close(&message); }
+  IncomingFrame(const IncomingFrame &) = delete;
+  IncomingFrame &operator=(const IncomingFrame &) = delete;
+
+  /// 0, or ZeroMQ's error number.
+  int receive(void *socket, int32_t flags) { return zmq_msg_recv(&message, socket, flags) < 0 ? zmq_errno() : 0; }
+  bool hasMore() const { return zmq_msg_more(&message) != 0; }
+  std::span<const uint8_t> bytes() const {
+    return {static_cast<const uint8_t *>(zmq_msg_data(&message)), zmq_msg_size(&message)};
+  }
+
+  mutable zmq_msg_t message;
+};
 
 int QELNKSocket::receiveFrames(void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty) {
+  IncomingFrame first;
+  const int error = first.receive(rawSocket, flags);
+  return error == 0 ? collectFrames(first, rawSocket, frames, flags, keepEmpty) : error;
+}
+
+// The frames of a message whose first has been received.
+int QELNKSocket::collectFrames(IncomingFrame &frame, void *rawSocket, QELNKFrames &frames, int32_t flags,
+                               bool keepEmpty) {
   frames.clear();
-  zmq_msg_t message;
-  if (zmq_msg_init(&message) != 0) return zmq_errno();
-  int error = 0;
-  bool more = true;
-  while (more && error == 0) {
-    if (zmq_msg_recv(&message, rawSocket, flags) < 0) {
-      error = zmq_errno();
-    } else if (const size_t size = zmq_msg_size(&message); size > 0 || keepEmpty) {
-      // Empty frames are, as a rule, delimiters that peers put before the body.
-      frames.emplace_back(std::span(static_cast<const uint8_t *>(zmq_msg_data(&message)), size));
-      dataReceived_.fetch_add(size, std::memory_order_relaxed);
-    }
-    more = zmq_msg_more(&message) != 0;
+  for (int error = 0; error == 0; error = frame.receive(rawSocket, flags)) {
+    // Empty frames are, as a rule, delimiters that peers put before the body.
+    const auto bytes = frame.bytes();
+    if (!bytes.empty() || keepEmpty) frames.emplace_back(bytes);
+    dataReceived_.fetch_add(bytes.size(), std::memory_order_relaxed);
+    if (!frame.hasMore()) return 0;
   }
-  zmq_msg_close(&message);
-  return error;
+  return zmq_errno();
+}
+
+int QELNKSocket::receiveMessage(int32_t flags, std::optional<qelnk::Value> &message, Error &error, size_t &bytes) {
+  IncomingFrame frame;
+  if (const int number = frame.receive(rawSocket(), flags); number != 0) return number;
+  bytes = frame.bytes().size();
+  if (const int32_t body = messageBody(); bytes != 0 && !frame.hasMore() && body != QELNKMessageBodyMultipart) {
+    dataReceived_.fetch_add(bytes, std::memory_order_relaxed);
+    message = deserialize(frame.bytes(), body, &error);
+    return 0;
+  }
+  QELNKFrames frames;
+  if (const int number = collectFrames(frame, rawSocket(), frames, flags, false); number != 0) return number;
+  bytes = 0;
+  for (const Data &each : frames) bytes += each.size();
+  message = deserializeData(frames, &error);
+  return 0;
+}
+
+bool QELNKSocket::sendMessage(const qelnk::Value &message, Error &error, std::recursive_mutex *mutex) {
+  const int32_t body = messageBody();
+  std::optional<QELNKFrames> frames;
+  std::optional<Data> frame;
+  if (body == QELNKMessageBodyMultipart)
+    frames = serializeMessage(message, &error);
+  else
+    frame = serializeMessage(message, body, &error);
+  if (frames && frames->empty()) error = qelnk::zmqError(EINVAL);  // nothing would be sent
+  if (!frame && (!frames || frames->empty())) return false;
+  const auto lock = mutex ? std::unique_lock(*mutex) : std::unique_lock<std::recursive_mutex>();
+  return frame ? sendData(*frame, 0, &error) : sendData(*frames, &error);
 }
 
 std::optional<QELNKFrames> QELNKSocket::receiveData(int32_t flags, Error *error) {
   QELNKFrames frames;
-  const int number = receiveFrames(frames, flags);
+  const int number = receiveFrames(rawSocket(), frames, flags);
   if (number == 0) return frames;
   errno = number;
   zmqError(error);

@@ -109,11 +109,9 @@ void QELNKSubscriber::informConnected() {
   });
 }
 
-void QELNKSubscriber::deliver(const qelnk::Value &message) {
-  const auto block = state_->messageBlock.current();
-  if (!block) return;
-  const auto self = std::static_pointer_cast<QELNKSubscriber>(shared_from_this());
-  qelnk::runGuarded("QELNKSubscriber message block", [&] { (*block)(self, message); });
+void QELNKSubscriber::deliver(const std::shared_ptr<QELNKSubscriber> &self, const qelnk::Value &message) {
+  if (const auto block = self->state_->messageBlock.current())
+    qelnk::runGuarded("QELNKSubscriber message block", [&] { (*block)(self, message); });
 }
 
 // Properties.

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -78,36 +79,42 @@ void QELNKSubscriber::Loop::receive() {
   constexpr int drainBound = 256;
   for (int count = 0; count < drainBound && !subscriber_.isCancelled() && receiveOne(); ++count) {
   }
+  deliver();
   silentSince_ = subscriber_.clock()->now();
   renewed_ = false;
 }
 
 // Returns false when there is nothing more.
 bool QELNKSubscriber::Loop::receiveOne() {
-  const int number = subscriber_.receiveFrames(frames_, ZMQ_DONTWAIT);
+  Error error;
+  std::optional<qelnk::Value> message;
+  size_t bytes = 0;
+  const int number = subscriber_.receiveMessage(ZMQ_DONTWAIT, message, error, bytes);
   if (number != 0) {
     if (number != EAGAIN)
       qelnk::logError("QELNKSubscriber recieved message with no data and error {}", describe(qelnk::zmqError(number)));
     return false;
   }
-  size_t bytes = 0;
-  for (const auto &frame : frames_) bytes += frame.size();
-  Error error;
-  auto message = subscriber_.deserializeData(frames_, &error);
-  frames_.clear();  // rather than to keep the bytes until the next message comes
   if (message)
-    deliver(std::move(*message), bytes);
+    add(std::move(*message), bytes);
   else
     qelnk::logError("QELNKSubscriber could not deserialize message with error {}", describe(error));
   return true;
 }
 
-void QELNKSubscriber::Loop::deliver(qelnk::Value message, size_t bytes) {
+void QELNKSubscriber::Loop::add(qelnk::Value message, size_t bytes) {
+  // How many are handed over at a time while there are more: one by one costs more, many come late.
+  constexpr size_t largestHandOver = 32;
   if (QLGetHandle().enabled(qelnk::LogLevel::debug))
     qelnk::logDebug("QELNKSubscriber got message {}", message.description());
+  received_.push_back({std::move(message), bytes});
+  if (received_.size() == largestHandOver) deliver();
+}
+
+void QELNKSubscriber::Loop::deliver() {
   const PendingLimit limit = subscriber_.pendingLimit();
-  const size_t dropped =
-      state_.deliveries.post(subscriber_.weak_from_this(), {std::move(message), bytes}, {limit.messages, limit.bytes});
+  const size_t dropped = state_.deliveries.post(subscriber_.weak_from_this(), received_, {limit.messages, limit.bytes});
+  received_.clear();
   if (dropped == 0) {
     dropping_ = dropping_ && state_.deliveries.waiting() > 1;
     return;

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// The work of a subscriber's io thread.
 class QELNKSubscriber::Loop {
@@ -23,7 +24,8 @@ class QELNKSubscriber::Loop {
   bool connect();
   void receive();
   bool receiveOne();
-  void deliver(qelnk::Value message, size_t bytes);
+  void add(qelnk::Value message, size_t bytes);
+  void deliver();
   void watchSilence();
   void end();
 
@@ -32,8 +34,8 @@ class QELNKSubscriber::Loop {
   const std::shared_ptr<qelnk::RunLoop> runLoop_;
   const std::string endpoint_;
   qelnk::SocketPoll poll_;
-  QELNKFrames frames_;                    // a member to keep its memory
-  std::chrono::nanoseconds silentSince_;  // on the subscriber's clock
-  bool renewed_ = false;                  // the connection, in this silence
-  bool dropping_ = false;                 // the host has been told that it loses messages
+  std::vector<State::Delivery> received_;  // and not yet handed over
+  std::chrono::nanoseconds silentSince_;   // on the subscriber's clock
+  bool renewed_ = false;                   // the connection, in this silence
+  bool dropping_ = false;                  // the host has been told that it loses messages
 };

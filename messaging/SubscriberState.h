@@ -20,8 +20,8 @@ struct QELNKSubscriber::State {
     size_t bytes;
 
     size_t cost() const { return bytes; }
-    void operator()(const std::shared_ptr<QELNKSocket> &subscriber) const {
-      static_cast<QELNKSubscriber &>(*subscriber).deliver(message);
+    void operator()(std::shared_ptr<QELNKSocket> subscriber) const {
+      deliver(std::static_pointer_cast<QELNKSubscriber>(std::move(subscriber)), message);
     }
   };
 

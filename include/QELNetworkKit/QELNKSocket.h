@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -153,8 +154,13 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// ENOTSOCK once the context asks the thread to close the socket.
   int pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseconds limit);
   /// receiveData() into frames that are used again, with the empty ones where asked for; 0, or ZeroMQ's error number.
-  int receiveFrames(QELNKFrames &frames, int32_t flags, bool keepEmpty = false);
-  int receiveFrames(void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);
+  int receiveFrames(void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty = false);
+  /// Receives a message and decodes it in this endpoint's encoding; `bytes` is the size of its frames. Returns 0, with
+  /// none for what cannot be decoded, or ZeroMQ's error number.
+  int receiveMessage(int32_t flags, std::optional<qelnk::Value> &message, qelnk::Error &error, size_t &bytes);
+  /// Encodes a message in this endpoint's encoding and sends it, with `lock` held where there is one. False, with the
+  /// error, also for a message without frames.
+  bool sendMessage(const qelnk::Value &message, qelnk::Error &error, std::recursive_mutex *lock = nullptr);
   /// Gives the socket of a monitor to the context, which keeps it until ZeroMQ has no more use for it: its own thread
   /// would wait for ever to hand an event to one that has closed. On the thread that owns it.
   void leaveSocketToContext();
@@ -165,6 +171,9 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   };
   static bool isUsable(const std::shared_ptr<QELNKContext> &context);
   std::shared_ptr<IOThread> thread() const;
+  static std::optional<qelnk::Value> deserialize(std::span<const uint8_t> frame, int32_t type, qelnk::Error *error);
+  struct IncomingFrame;
+  int collectFrames(IncomingFrame &first, void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);
   void replaceSocket(std::shared_ptr<ZMQSocket> socket);
 
   std::shared_ptr<QELNKContext> context_;

@@ -95,7 +95,7 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   struct State;
   class Loop;
   void informConnected();
-  void deliver(const qelnk::Value &message);
+  static void deliver(const std::shared_ptr<QELNKSubscriber> &self, const qelnk::Value &message);
 
   std::unique_ptr<State> state_;
 };
