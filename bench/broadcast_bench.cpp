@@ -515,18 +515,28 @@ void spread(int count) {
 
 }  // namespace
 
-int main() {
+/// Measures all, or what the arguments name.
+int main(int count, char **words) {
+  const auto wants = [&](std::string_view what) {
+    return count < 2 || std::find(words + 1, words + count, what) != words + count;
+  };
   QLGetHandle().setLevel(qelnk::LogLevel::off);  // that a slow callback loses messages is told on the error level
   prctl(PR_SET_TIMERSLACK, 1UL);                 // for paced senders
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   descriptors.rlim_cur = descriptors.rlim_max;  // two hundred subscribers exceed the usual thousand
   setrlimit(RLIMIT_NOFILE, &descriptors);
-  for (const char *peer : {"qelnk", "raw"})
-    for (const int count : audiences) inFreshProcess([=] { idle(peer, count); });
-  for (const int count : audiences) spread(count);
-  for (const bool pinned : {false, true}) throughput(pinned);
-  for (const bool pinned : {false, true}) paced(pinned);
-  slowCallback("64-bytes", 64);
-  slowCallback("4-kib", 4096);
+  if (wants("idle"))
+    for (const char *peer : {"qelnk", "raw"})
+      for (const int subscribers : audiences) inFreshProcess([=] { idle(peer, subscribers); });
+  if (wants("spread"))
+    for (const int subscribers : audiences) spread(subscribers);
+  if (wants("rate"))
+    for (const bool pinned : {false, true}) throughput(pinned);
+  if (wants("paced"))
+    for (const bool pinned : {false, true}) paced(pinned);
+  if (wants("slow")) {
+    slowCallback("64-bytes", 64);
+    slowCallback("4-kib", 4096);
+  }
 }

@@ -19,9 +19,9 @@ namespace qelnk {
 /// Brings an endpoint's calls to a queue, in order. Those that are posted while the queue is busy share one task, which
 /// costs less than one each; a call that turns the queue's loop lets the next ones run meanwhile.
 ///
-/// `Call` is called with the endpoint, and says by its cost() how much of a limit it takes. An endpoint that has gone
-/// gets no further call. Threads: any.
-template <class Call>
+/// `Call` is called with the endpoint and with a Call::Lease, which the calls that are made in a row share; its cost()
+/// is what it takes of a limit. An endpoint that nobody holds any more gets no further call. Threads: any.
+template <class Endpoint, class Call>
 class CallPoster {
  public:
   /// What may wait: so many calls, and so much of their cost. The newest call always may.
@@ -107,6 +107,7 @@ class CallPoster {
     std::vector<Call> taken;
     size_t next = 0;
     uint64_t takenFirst = 0;  // the number of taken[0]
+    long holds = 0;           // how many tasks, one inside the other, hold the endpoint
     std::atomic<size_t> takenLeft{0};
     std::atomic<uint64_t> clearedUpTo{0};
 
@@ -137,9 +138,42 @@ class CallPoster {
       queue->async([shared, batch = std::move(batch)] { run(shared, batch); });
   }
 
+  // Holds the endpoint while its calls are being made. Once nobody else does it lets go.
+  class Hold {
+   public:
+    Hold(Shared &shared, const std::weak_ptr<QELNKSocket> &endpoint)
+        : endpoint_(std::static_pointer_cast<Endpoint>(endpoint.lock())), holds_(shared.holds) {
+      holds_ += endpoint_ != nullptr;
+    }
+    ~Hold() { letGo(); }
+    Hold(const Hold &) = delete;
+    Hold &operator=(const Hold &) = delete;
+
+    const std::shared_ptr<Endpoint> &endpoint() {
+      if (endpoint_ && endpoint_.use_count() <= holds_) letGo();
+      return endpoint_;
+    }
+
+   private:
+    void letGo() {
+      holds_ -= endpoint_ != nullptr;
+      endpoint_.reset();
+    }
+    std::shared_ptr<Endpoint> endpoint_;
+    long &holds_;
+  };
+
   static void run(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch) {
     --batch->tasks;
-    for (size_t made = 0; refill(shared, batch, made >= callsOfATask); ++made) makeNext(*shared, batch->endpoint);
+    Hold hold(*shared, batch->endpoint);
+    typename Call::Lease lease;
+    for (size_t made = 0; refill(shared, batch, made >= callsOfATask); ++made) {
+      const bool isCleared = shared->takenFirst + shared->next < shared->clearedUpTo;
+      const Call call = std::move(shared->taken[shared->next++]);  // what it held goes with it
+      shared->takenLeft.store(shared->taken.size() - shared->next, std::memory_order_relaxed);
+      if (isCleared) continue;
+      if (const auto &endpoint = hold.endpoint()) call(endpoint, lease);
+    }
   }
 
   // Sees to it that there is a call to make now, and, while there are more, that a task waits in the queue for them.
@@ -159,15 +193,6 @@ class CallPoster {
       schedule(shared, batch);
     }
     return !over && left != 0;
-  }
-
-  // What the call held goes with it, and the endpoint too when this was its last holder.
-  static void makeNext(Shared &shared, const std::weak_ptr<QELNKSocket> &holder) {
-    const uint64_t number = shared.takenFirst + shared.next;
-    const Call call = std::move(shared.taken[shared.next++]);
-    --shared.takenLeft;
-    if (number < shared.clearedUpTo) return;
-    if (auto endpoint = holder.lock()) call(std::move(endpoint));
   }
 
   const std::shared_ptr<Shared> shared_;

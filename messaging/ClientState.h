@@ -32,10 +32,10 @@ struct QELNKClient::State {
     std::shared_ptr<QELNKMessage> message;
     ResponseBlock block;
 
+    struct Lease {};
     static size_t cost() { return 0; }
-    void operator()(std::shared_ptr<QELNKSocket> client) const {
-      qelnk::runGuarded("QELNKClient response block",
-                        [&] { block(std::static_pointer_cast<QELNKClient>(std::move(client)), message); });
+    void operator()(const std::shared_ptr<QELNKClient> &client, Lease &) const {
+      qelnk::runGuarded("QELNKClient response block", [&] { block(client, message); });
     }
   };
 
@@ -56,6 +56,6 @@ struct QELNKClient::State {
   std::atomic<bool> asleep{false};
   std::atomic<bool> syncRequests{false}, executing{false};
   std::atomic<size_t> pending{0};
-  qelnk::CallPoster<Response> responses;
+  qelnk::CallPoster<QELNKClient, Response> responses;
   Loop *loop = nullptr;  // the io thread's, while it runs
 };

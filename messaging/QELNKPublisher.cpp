@@ -4,6 +4,7 @@
 
 #include "messaging/ErrorText.h"
 
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -18,8 +19,17 @@ QELNKPublisher::QELNKPublisher(std::shared_ptr<QELNKContext> context) : QELNKSoc
 int32_t QELNKPublisher::socketType() const { return ZMQ_PUB; }
 
 void QELNKPublisher::bindToPort(int32_t port) {
-  const std::lock_guard lock(sending_);
-  if (rawSocket()) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
+  bool refused;
+  {
+    const std::lock_guard lock(sending_);
+    refused = binding_ || rawSocket();
+    if (!refused) binding_ = true;
+  }
+  if (refused) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
+  const std::shared_ptr<void> bound(nullptr, [this](void *) {
+    const std::lock_guard lock(sending_);
+    binding_ = false;
+  });
   try {
     const std::string endpoint = endPointForHost("*", port);
     const auto socket = openSocket(endpoint, ZMQSocket::longestLinger);
@@ -33,7 +43,13 @@ void QELNKPublisher::bindToPort(int32_t port) {
 
 bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
   Error failure;
-  if (sendMessage(message, failure, &sending_)) return true;
+  if (const auto encoded = encodeMessage(message, failure)) {
+    const std::lock_guard lock(sending_);
+    if (binding_)
+      failure = qelnk::zmqError(ENOTSOCK);
+    else if (sendEncoded(*encoded, failure))
+      return true;
+  }
   qelnk::logError("QELNKPublisher could not publish message with error {}", qelnk::describe(failure));
   if (error) *error = std::move(failure);
   return false;
@@ -41,5 +57,6 @@ bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
 
 void QELNKPublisher::disconnect() {
   const std::lock_guard lock(sending_);
+  if (binding_) return;
   QELNKSocket::disconnect();
 }

@@ -140,7 +140,8 @@ bool QELNKServer::handle(Value request) {
 
 bool QELNKServer::reply(const Value &response) {
   Error error;
-  const bool sent = sendMessage(response, error);
+  const auto encoded = encodeMessage(response, error);
+  const bool sent = encoded && sendEncoded(*encoded, error);
   if (!sent) qelnk::logError("QELNKServer could not send response with error {}", describe(error));
   return sent;
 }

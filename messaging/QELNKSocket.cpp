@@ -267,18 +267,20 @@ int QELNKSocket::receiveMessage(int32_t flags, std::optional<qelnk::Value> &mess
   return 0;
 }
 
-bool QELNKSocket::sendMessage(const qelnk::Value &message, Error &error, std::recursive_mutex *mutex) {
-  const int32_t body = messageBody();
-  std::optional<QELNKFrames> frames;
-  std::optional<Data> frame;
-  if (body == QELNKMessageBodyMultipart)
-    frames = serializeMessage(message, &error);
-  else
-    frame = serializeMessage(message, body, &error);
-  if (frames && frames->empty()) error = qelnk::zmqError(EINVAL);  // nothing would be sent
-  if (!frame && (!frames || frames->empty())) return false;
-  const auto lock = mutex ? std::unique_lock(*mutex) : std::unique_lock<std::recursive_mutex>();
-  return frame ? sendData(*frame, 0, &error) : sendData(*frames, &error);
+std::optional<QELNKSocket::Encoded> QELNKSocket::encodeMessage(const qelnk::Value &message, Error &error) const {
+  if (const int32_t body = messageBody(); body != QELNKMessageBodyMultipart) {
+    auto frame = serializeMessage(message, body, &error);
+    return frame ? std::optional<Encoded>(std::move(*frame)) : std::nullopt;
+  }
+  auto frames = serializeMessage(message, &error);
+  if (frames && !frames->empty()) return std::move(*frames);
+  if (frames) error = qelnk::zmqError(EINVAL);  // nothing would be sent
+  return std::nullopt;
+}
+
+bool QELNKSocket::sendEncoded(const Encoded &message, Error &error) {
+  if (const Data *frame = std::get_if<Data>(&message)) return sendData(*frame, 0, &error);
+  return sendData(std::get<QELNKFrames>(message), &error);
 }
 
 std::optional<QELNKFrames> QELNKSocket::receiveData(int32_t flags, Error *error) {

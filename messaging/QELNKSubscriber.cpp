@@ -109,11 +109,6 @@ void QELNKSubscriber::informConnected() {
   });
 }
 
-void QELNKSubscriber::deliver(const std::shared_ptr<QELNKSubscriber> &self, const qelnk::Value &message) {
-  if (const auto block = self->state_->messageBlock.current())
-    qelnk::runGuarded("QELNKSubscriber message block", [&] { (*block)(self, message); });
-}
-
 // Properties.
 
 QELNKSubscriber::ConnectedBlock QELNKSubscriber::connectedBlock() const { return state_->connectedBlock.get(); }

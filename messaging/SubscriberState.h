@@ -5,6 +5,7 @@
 
 #include "messaging/CallPoster.h"
 #include "messaging/HeldBlock.h"
+#include "platform/Guard.h"
 
 #include <atomic>
 #include <memory>
@@ -19,9 +20,11 @@ struct QELNKSubscriber::State {
     qelnk::Value message;
     size_t bytes;
 
+    using Lease = qelnk::HeldBlock<MessageBlock>::Lease;
     size_t cost() const { return bytes; }
-    void operator()(std::shared_ptr<QELNKSocket> subscriber) const {
-      deliver(std::static_pointer_cast<QELNKSubscriber>(std::move(subscriber)), message);
+    void operator()(const std::shared_ptr<QELNKSubscriber> &subscriber, Lease &lease) const {
+      if (const MessageBlock *block = subscriber->state_->messageBlock.current(lease))
+        qelnk::runGuarded("QELNKSubscriber message block", [&] { (*block)(subscriber, message); });
     }
   };
 
@@ -40,5 +43,5 @@ struct QELNKSubscriber::State {
   std::atomic<bool> stopping{false};    // the connection is to end, or has ended
   std::atomic<bool> abandoned{false};   // nobody waits for the io thread's last line
   std::atomic<uint64_t> dropped{0};
-  qelnk::CallPoster<Delivery> deliveries;
+  qelnk::CallPoster<QELNKSubscriber, Delivery> deliveries;
 };

@@ -50,6 +50,7 @@ class QELNK_EXPORT QELNKPublisher : public QELNKSocket {
   friend class QELNKSocket;
 
  private:
-  std::recursive_mutex sending_;  // one thread at a time uses the socket; the socket block may come back
+  std::mutex sending_;    // one thread at a time uses the socket
+  bool binding_ = false;  // nobody does: it is being made, and handed to the host's socket block
   std::atomic<int32_t> port_{0};
 };

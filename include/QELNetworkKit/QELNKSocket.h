@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
 class ZMQSocket;
@@ -158,9 +159,11 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Receives a message and decodes it in this endpoint's encoding; `bytes` is the size of its frames. Returns 0, with
   /// none for what cannot be decoded, or ZeroMQ's error number.
   int receiveMessage(int32_t flags, std::optional<qelnk::Value> &message, qelnk::Error &error, size_t &bytes);
-  /// Encodes a message in this endpoint's encoding and sends it, with `lock` held where there is one. False, with the
-  /// error, also for a message without frames.
-  bool sendMessage(const qelnk::Value &message, qelnk::Error &error, std::recursive_mutex *lock = nullptr);
+  /// A message in this endpoint's encoding: one frame, which is the rule, or several.
+  using Encoded = std::variant<qelnk::Data, QELNKFrames>;
+  /// None, with the error, for what cannot be encoded, and for a message without frames. Any thread.
+  std::optional<Encoded> encodeMessage(const qelnk::Value &message, qelnk::Error &error) const;
+  bool sendEncoded(const Encoded &message, qelnk::Error &error);
   /// Gives the socket of a monitor to the context, which keeps it until ZeroMQ has no more use for it: its own thread
   /// would wait for ever to hand an event to one that has closed. On the thread that owns it.
   void leaveSocketToContext();

@@ -95,7 +95,6 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   struct State;
   class Loop;
   void informConnected();
-  static void deliver(const std::shared_ptr<QELNKSubscriber> &self, const qelnk::Value &message);
 
   std::unique_ptr<State> state_;
 };
