@@ -43,12 +43,16 @@ void QELNKPublisher::bindToPort(int32_t port) {
 
 bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
   Error failure;
-  if (const auto encoded = encodeMessage(message, failure)) {
+  const auto send = [&](auto &&sendIt) {
     const std::lock_guard lock(sending_);
-    if (binding_)
-      failure = qelnk::zmqError(ENOTSOCK);
-    else if (sendEncoded(*encoded, failure))
-      return true;
+    if (!binding_) return sendIt();
+    failure = qelnk::zmqError(ENOTSOCK);
+    return false;
+  };
+  if (messageBody() == QELNKMessageBodyData) {  // as it is
+    if (send([&] { return sendFrame(message.bytes(), 0, &failure); })) return true;
+  } else if (const auto encoded = encodeMessage(message, failure)) {
+    if (send([&] { return sendEncoded(*encoded, failure); })) return true;
   }
   qelnk::logError("QELNKPublisher could not publish message with error {}", qelnk::describe(failure));
   if (error) *error = std::move(failure);

@@ -178,6 +178,10 @@ void QELNKSocket::zmqError(Error *error) {
 // Sending and receiving.
 
 bool QELNKSocket::sendData(const Data &frame, int32_t flags, Error *error) {
+  return sendFrame(frame.span(), flags, error);
+}
+
+bool QELNKSocket::sendFrame(std::span<const uint8_t> frame, int32_t flags, Error *error) {
   zmq_msg_t message;
   if (zmq_msg_init_size(&message, frame.size()) != 0) {
     zmqError(error);
@@ -186,7 +190,7 @@ bool QELNKSocket::sendData(const Data &frame, int32_t flags, Error *error) {
   if (!frame.empty()) std::memcpy(zmq_msg_data(&message), frame.data(), frame.size());
   const bool sent = zmq_msg_send(&message, rawSocket(), flags) >= 0;
   if (sent)
-    dataSent_.fetch_add(frame.size(), std::memory_order_relaxed);
+    dataSent_.add(frame.size());
   else
     zmqError(error);
   if (zmq_msg_close(&message) != 0) zmqError(error);
@@ -244,7 +248,7 @@ int QELNKSocket::collectFrames(IncomingFrame &frame, void *rawSocket, QELNKFrame
     // Empty frames are, as a rule, delimiters that peers put before the body.
     const auto bytes = frame.bytes();
     if (!bytes.empty() || keepEmpty) frames.emplace_back(bytes);
-    dataReceived_.fetch_add(bytes.size(), std::memory_order_relaxed);
+    dataReceived_.add(bytes.size());
     if (!frame.hasMore()) return 0;
   }
   return zmq_errno();
@@ -255,7 +259,7 @@ int QELNKSocket::receiveMessage(int32_t flags, std::optional<qelnk::Value> &mess
   if (const int number = frame.receive(rawSocket(), flags); number != 0) return number;
   bytes = frame.bytes().size();
   if (const int32_t body = messageBody(); bytes != 0 && !frame.hasMore() && body != QELNKMessageBodyMultipart) {
-    dataReceived_.fetch_add(bytes, std::memory_order_relaxed);
+    dataReceived_.add(bytes);
     message = deserialize(frame.bytes(), body, &error);
     return 0;
   }
@@ -308,7 +312,7 @@ void QELNKSocket::logData() {
   const double now = clock_->wallTime();
   std::unique_lock lock(mutex_);
   const double seconds = now - std::exchange(dataMark_, now).value_or(now);
-  const uint64_t sent = dataSent_.exchange(0), received = dataReceived_.exchange(0);
+  const uint64_t sent = dataSent_.takeSinceMark(), received = dataReceived_.takeSinceMark();
   lock.unlock();
   if (seconds > 0)
     qelnk::logDefault("QELNKSocket sent {}KB/s and received {}KB/s", kibibytesPerSecond(sent, seconds),

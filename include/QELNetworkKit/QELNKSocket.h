@@ -103,8 +103,8 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
 
   /// Logs the traffic since the last call, in KiB a second. The first call starts the meter.
   void logData();
-  uint64_t dataSent() const { return dataSent_.load(std::memory_order_relaxed); }
-  uint64_t dataReceived() const { return dataReceived_.load(std::memory_order_relaxed); }
+  uint64_t dataSent() const { return dataSent_.sinceMark(); }
+  uint64_t dataReceived() const { return dataReceived_.sinceMark(); }
 
   /// The ZeroMQ socket, or null before the endpoint has connected or bound and after it has ended.
   std::shared_ptr<ZMQSocket> socket() const;
@@ -164,6 +164,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// None, with the error, for what cannot be encoded, and for a message without frames. Any thread.
   std::optional<Encoded> encodeMessage(const qelnk::Value &message, qelnk::Error &error) const;
   bool sendEncoded(const Encoded &message, qelnk::Error &error);
+  bool sendFrame(std::span<const uint8_t> frame, int32_t flags, qelnk::Error *error);
   /// Gives the socket of a monitor to the context, which keeps it until ZeroMQ has no more use for it: its own thread
   /// would wait for ever to hand an event to one that has closed. On the thread that owns it.
   void leaveSocketToContext();
@@ -189,5 +190,16 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   std::optional<double> dataMark_;
   std::atomic<ZMQSocket *> owned_{nullptr};  // socket_, for the thread that owns it
   std::atomic<int32_t> messageBody_{QELNKMessageBodyJSON};
-  std::atomic<uint64_t> dataSent_{0}, dataReceived_{0};
+
+  /// Bytes of frames. One thread at a time adds, any other looks.
+  struct Meter {
+    void add(uint64_t bytes) { total.store(total.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed); }
+    uint64_t sinceMark() const { return total.load(std::memory_order_relaxed) - mark.load(std::memory_order_relaxed); }
+    uint64_t takeSinceMark() {
+      const uint64_t now = total.load(std::memory_order_relaxed);
+      return now - mark.exchange(now, std::memory_order_relaxed);
+    }
+    std::atomic<uint64_t> total{0}, mark{0};
+  };
+  Meter dataSent_, dataReceived_;
 };
