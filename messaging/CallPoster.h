@@ -54,10 +54,10 @@ class CallPoster {
     }
     batch->end = shared_->first + shared_->calls.size();
     // One task makes all the calls. A second one finds what is left should a call turn the queue's loop.
-    if (batch->tasks >= 2) return dropped;
-    ++batch->tasks;
+    const int needed = std::min(calls.size() > 1 ? 2 : 1, 2 - batch->tasks);
+    if (needed > 0) batch->tasks += needed;
     lock.unlock();
-    schedule(shared_, std::move(batch));
+    for (int i = 0; i < needed; ++i) schedule(shared_, batch);
     return dropped;
   }
 
@@ -168,6 +168,7 @@ class CallPoster {
     Hold hold(*shared, batch->endpoint);
     typename Call::Lease lease;
     for (size_t made = 0; refill(shared, batch, made >= callsOfATask); ++made) {
+      if (shared->next == shared->taken.size()) continue;  // a queue that does not queue has made them meanwhile
       const bool isCleared = shared->takenFirst + shared->next < shared->clearedUpTo;
       const Call call = std::move(shared->taken[shared->next++]);  // what it held goes with it
       shared->takenLeft.store(shared->taken.size() - shared->next, std::memory_order_relaxed);
@@ -181,18 +182,23 @@ class CallPoster {
   // that is to come behind them.
   static bool refill(const std::shared_ptr<Shared> &shared, const std::shared_ptr<Batch> &batch, bool enough) {
     size_t left = shared->taken.size() - shared->next;  // the one to make now, and those behind it
-    bool over = false;
-    if (left == 0) {
-      const std::lock_guard lock(shared->mutex);
-      left = shared->first < batch->end ? size_t(batch->end - shared->first) : 0;
-      over = enough && !batch->sealed;
-      shared->take(over ? 0 : std::min(left, callsTaken));
-    }
+    if (left == 0) left = take(*shared, *batch, enough);
+    const bool over = left != 0 && shared->taken.empty();
     if (left > (over ? 0 : 1) && batch->tasks == 0) {
       ++batch->tasks;
       schedule(shared, batch);
     }
-    return !over && left != 0;
+    // Something may have been posted in between, before the task that was scheduled here.
+    if (over) take(*shared, *batch, enough);
+    return !shared->taken.empty();
+  }
+
+  // Takes some calls, unless it is enough for this task's turn. Returns how many there were.
+  static size_t take(Shared &shared, const Batch &batch, bool enough) {
+    const std::lock_guard lock(shared.mutex);
+    const size_t left = shared.first < batch.end ? size_t(batch.end - shared.first) : 0;
+    shared.take(enough && !batch.sealed ? 0 : std::min(left, callsTaken));
+    return left;
   }
 
   const std::shared_ptr<Shared> shared_;

@@ -26,6 +26,7 @@ class HeldBlock {
   /// The same, faster, with what the last call left in the lease.
   const Block *current(Lease &lease) const {
     if (lease.version != version_.load(std::memory_order_acquire)) {
+      const auto old = std::move(lease.block);  // goes after the lock
       const std::lock_guard lock(mutex_);
       lease = {block_, version_};
     }

@@ -29,6 +29,7 @@ void QELNKPublisher::bindToPort(int32_t port) {
   const std::shared_ptr<void> bound(nullptr, [this](void *) {
     const std::lock_guard lock(sending_);
     binding_ = false;
+    if (std::exchange(closeWhenBound_, false)) closeSocket();
   });
   try {
     const std::string endpoint = endPointForHost("*", port);
@@ -61,6 +62,6 @@ bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
 
 void QELNKPublisher::disconnect() {
   const std::lock_guard lock(sending_);
-  if (binding_) return;
-  QELNKSocket::disconnect();
+  closeWhenBound_ = binding_;
+  if (!binding_) QELNKSocket::disconnect();
 }

@@ -87,6 +87,7 @@ std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
 
 void QELNKSocket::setSocket(std::shared_ptr<ZMQSocket> socket) {
   if (hasThread()) return qelnk::logError("QELNKSocket keeps the socket of its io thread");
+  const auto lock = lockSocket();
   replaceSocket(std::move(socket));
 }
 
@@ -160,6 +161,7 @@ void QELNKSocket::setLinger(int64_t milliseconds) {
       if (const auto self = weak.lock()) self->setLinger(milliseconds);
     });
   } else if (const auto socket = this->socket()) {
+    const auto lock = lockSocket();
     try {
       socket->setData(Data(std::span(reinterpret_cast<const uint8_t *>(&milliseconds), sizeof(milliseconds))),
                       ZMQ_LINGER);

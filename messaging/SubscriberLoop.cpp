@@ -145,6 +145,7 @@ void QELNKSubscriber::Loop::end() {
     *written = true;
     loop->perform([] {});
   });
+  state_.deliveries.seal();
   subscriber_.context()->responseQueue()->async(
       [wakeUp = std::move(wakeUp)] { qelnk::logDefault("QELNKSubscriber io thread exiting"); });
   const auto patience = subscriber_.clock()->now() + 5s;

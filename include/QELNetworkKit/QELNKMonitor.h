@@ -47,7 +47,8 @@ class QELNK_EXPORT QELNKMonitor : public QELNKSocket {
   void connectToSocket(const std::shared_ptr<QELNKSocket> &socket, uint32_t events);
   /// Waits for the next event and returns its number; 0 when there is no socket, when it was disconnected meanwhile,
   /// once the watched socket has ended, or after a failure, which is told on the log. Several threads may wait; each
-  /// event is for one of them. Who waits holds a reference to the monitor.
+  /// event is for one of them. Who waits holds a reference to the monitor. A socket that the host has set is read by
+  /// the calling thread, which then has to be the only one.
   uint16_t events();
   /// Stops watching; whoever waits in events() gets 0 at once.
   void disconnect() override;

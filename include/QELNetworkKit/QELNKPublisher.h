@@ -47,10 +47,12 @@ class QELNK_EXPORT QELNKPublisher : public QELNKSocket {
 
  protected:
   explicit QELNKPublisher(std::shared_ptr<QELNKContext> context);
+  std::unique_lock<std::mutex> lockSocket() override { return std::unique_lock(sending_); }
   friend class QELNKSocket;
 
  private:
-  std::mutex sending_;    // one thread at a time uses the socket
+  std::mutex sending_;  // one thread at a time uses the socket
+  bool closeWhenBound_ = false;
   bool binding_ = false;  // nobody does: it is being made, and handed to the host's socket block
   std::atomic<int32_t> port_{0};
 };

@@ -136,6 +136,8 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Whether the thread is to end. On the io thread.
   bool isCancelled() const;
 
+  /// What has to be held while another thread than the socket's own uses it; nothing here, where there is none.
+  virtual std::unique_lock<std::mutex> lockSocket() { return {}; }
   /// Makes the ZeroMQ socket for an endpoint, to which it is yet to connect or bind. What it has not
   /// sent when it closes has `linger` to leave. On the thread that is to own it. Throws ZMQException.
   std::shared_ptr<ZMQSocket> openSocket(const std::string &endpoint, std::chrono::milliseconds linger = {});
@@ -194,10 +196,13 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Bytes of frames. One thread at a time adds, any other looks.
   struct Meter {
     void add(uint64_t bytes) { total.store(total.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed); }
-    uint64_t sinceMark() const { return total.load(std::memory_order_relaxed) - mark.load(std::memory_order_relaxed); }
+    uint64_t sinceMark() const {
+      const uint64_t from = mark.load(std::memory_order_acquire);  // first: it never exceeds a later total
+      return total.load(std::memory_order_relaxed) - from;
+    }
     uint64_t takeSinceMark() {
       const uint64_t now = total.load(std::memory_order_relaxed);
-      return now - mark.exchange(now, std::memory_order_relaxed);
+      return now - mark.exchange(now, std::memory_order_acq_rel);
     }
     std::atomic<uint64_t> total{0}, mark{0};
   };

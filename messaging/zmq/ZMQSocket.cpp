@@ -4,6 +4,7 @@
 #include "messaging/zmq/SocketRegistry.h"
 #include "platform/LogFormat.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -166,9 +167,11 @@ bool ZMQSocket::bindToEndpoint(const std::string &endpoint) {
   setEndpoint(endpoint);
   const auto port = portOf(endpoint);
   const auto patience = port ? recentPorts().waitUntil(*port) : Steady::time_point();
+  std::chrono::milliseconds pause(1);
   while (!isPossible(port) || zmq_bind(socket(), endpoint.c_str()) != 0) {
     if (zmq_errno() != EADDRINUSE || Steady::now() >= patience) fail("zmq_bind");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(pause);
+    pause = std::min(2 * pause, std::chrono::milliseconds(50));  // a monitor sees each attempt
   }
   char text[256] = "";
   size_t size = sizeof(text);

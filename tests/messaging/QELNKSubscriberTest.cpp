@@ -230,6 +230,36 @@ TEST(QELNKSubscriber, DisconnectWaitsForItsLastLine) {
   EXPECT_FALSE(log.contains("was disconnected on the thread"));
 }
 
+// However many messages wait for a slow callback: they are called back before disconnect() returns, and none after.
+TEST(QELNKSubscriber, DisconnectWaitsForWhatHasBeenReceived) {
+  PublishingPeer peer;
+  const auto subscriber = QELNKSubscriber::create(background());
+  subscriber->setMessageBody(QELNKMessageBodyString);
+  std::promise<void> blocked, unblock;
+  std::atomic<size_t> count{0};
+  std::atomic<bool> nested{false};
+  subscriber->setMessageBlock([&](auto &, auto &) {
+    if (++count == 1) {
+      blocked.set_value();
+      unblock.get_future().wait();
+    } else if (!nested.exchange(true)) {
+      RunLoop::current()->runOnce(0ns);
+    }
+  });
+  subscriber->connectToHost("127.0.0.1", peer.port(), nullptr);
+  ASSERT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
+  for (int i = 0; i < 2000; ++i) peer.publish({"x"});
+  blocked.get_future().wait();
+  ASSERT_TRUE(eventually([&] { return subscriber->pendingMessages() == 1999; }));
+  std::thread other([&] {
+    subscriber->disconnect();
+    EXPECT_EQ(count, 2000u);
+  });
+  EXPECT_TRUE(eventually([&] { return subscriber->socket() == nullptr; }));  // by then the last line is on its way
+  unblock.set_value();
+  other.join();
+}
+
 // Who breaks the contract is told, is not made to wait, and is called no more either.
 TEST(QELNKSubscriber, DisconnectedOnItsResponseQueueDoesNotWait) {
   CapturedLog log;
