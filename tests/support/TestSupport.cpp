@@ -47,8 +47,8 @@ static size_t entries(const char *folder) {
 }
 
 size_t threadCount() {
-  // A sanitizer starts a thread of its own with a process's first one: it belongs to every count. A thread that has been
-  // joined may still be listed for a moment: it belongs to none.
+  // A sanitizer starts a thread of its own with a process's first one: it belongs to every count. A thread that has
+  // been joined may still be listed for a moment: it belongs to none.
   static const bool first = [] {
     const size_t before = entries("/proc/self/task");
     std::thread([] {}).join();
