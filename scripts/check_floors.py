@@ -11,7 +11,8 @@ FLOORS = {"platform": 0, "encoding": 1, "messaging": 2, "legacy": 2, "netutil": 
 PUBLIC = {
     "platform": "Export Clock RunLoop Queue Log UserSettings Process Version",
     "encoding": "Value Error PQODictionary XMLDocument JSON MPMessagePack cmp",
-    "messaging": "ZMQException ZMQContext ZMQSocket QELNKContext QELNKSocket QELNKMessage QELNKClient",
+    "messaging": "ZMQException ZMQContext ZMQSocket QELNKContext QELNKSocket QELNKMessage QELNKClient QELNKServer "
+                 "QELNKPublisher QELNKSubscriber QELNKMonitor",
     "daemon": "QELNKOrlinPort QELNKOrlinWorkflow QELNKKORVALConstants QELNKKORVALClient QELNKOrlinDaemon"
     " QELNKKORVALDaemonClient QELNKOrlinDaemonSpawner",
     "tools": "QELNetworkKit",
