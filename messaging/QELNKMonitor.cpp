@@ -70,6 +70,7 @@ int32_t QELNKMonitor::socketType() const { return ZMQ_PAIR; }
 // Connecting.
 
 void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, uint32_t events) {
+  const auto self = weak_from_this().lock();  // the socket block may drop the last reference before this is over
   if (onMessageThread()) return logError("QELNKMonitor cannot connect on its own io thread");
   const std::lock_guard lock(state_->connecting);
   disconnect();

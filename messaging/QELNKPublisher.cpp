@@ -19,6 +19,7 @@ QELNKPublisher::QELNKPublisher(std::shared_ptr<QELNKContext> context) : QELNKSoc
 int32_t QELNKPublisher::socketType() const { return ZMQ_PUB; }
 
 void QELNKPublisher::bindToPort(int32_t port) {
+  const auto self = weak_from_this().lock();  // the socket block may drop the last reference before this is over
   bool refused;
   {
     const std::lock_guard lock(sending_);
