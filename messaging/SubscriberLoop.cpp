@@ -77,11 +77,11 @@ bool QELNKSubscriber::Loop::connect() {
 void QELNKSubscriber::Loop::receive() {
   // How many messages are received before the run loop has its turn.
   constexpr int drainBound = 256;
+  silentSince_ = subscriber_.clock()->now();  // before anybody hears of it
+  renewed_ = false;
   for (int count = 0; count < drainBound && !subscriber_.isCancelled() && receiveOne(); ++count) {
   }
   deliver();
-  silentSince_ = subscriber_.clock()->now();
-  renewed_ = false;
 }
 
 // Returns false when there is nothing more.
