@@ -174,7 +174,7 @@ TEST(QELNKMonitor, ReleasesWhoWaits) {
     events.get();
     EXPECT_EQ(monitor->events(), 0);
   }
-  EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+  EXPECT_TRUE(eventually([&] { return threadCount() <= before; }));
 }
 
 // ZeroMQ's own thread waits for a monitor that does not read, and for one that has gone without a word. Neither may be:

@@ -334,7 +334,7 @@ TEST(QELNKSubscriber, MayBeDroppedAnywhere) {
         [future = drained.get_future().share()] { return future.wait_for(0s) == std::future_status::ready; }));
     EXPECT_LE(called, then + (place == messageCallback ? 1 : 0));
   }
-  EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+  EXPECT_TRUE(eventually([&] { return threadCount() <= before; }));
 }
 
 // What a slow callback leaves waiting is bounded: the oldest go, are counted, and the newest always arrives.
