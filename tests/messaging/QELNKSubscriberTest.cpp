@@ -189,9 +189,9 @@ TEST(QELNKSubscriber, ConnectsAgainAfterAFailure) {
   const auto subscriber = QELNKSubscriber::create(QELNKContext::contextWithBackgroundQueue());
   Heard heard(subscriber);
   subscriber->connectToHost("no such host", 1, heard.onConnected());
-  EXPECT_TRUE(eventually([&] { return log.contains("QELNKSubscriber io thread exiting"); }));
+  EXPECT_TRUE(eventually([&] { return log.contains("QELNKSubscriber could not connect"); }));
   EXPECT_TRUE(log.contains("QELNKSubscriber connect threw exception"));
-  EXPECT_TRUE(log.contains("QELNKSubscriber could not connect"));
+  EXPECT_TRUE(eventually([&] { return log.contains("QELNKSubscriber io thread exiting"); }));
   for (int i = 0; i < 2; ++i) {
     // Also on the queue that the last thread's last line is written on.
     std::promise<void> done;
@@ -224,7 +224,7 @@ TEST(QELNKSubscriber, DisconnectWaitsForItsLastLine) {
       ASSERT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
     }
     subscriber->disconnect();
-    EXPECT_EQ(log.count("QELNKSubscriber io thread exiting"), size_t(i) + 1);
+    EXPECT_GE(log.count("QELNKSubscriber io thread exiting"), size_t(i) + 1);  // an earlier test's may come late
     EXPECT_FALSE(subscriber->messageBlock());
     EXPECT_EQ(subscriber->socket(), nullptr);
   }
