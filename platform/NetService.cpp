@@ -1,0 +1,235 @@
+#include <QELNetworkKit/NetService.h>
+#include <QELNetworkKit/RunLoop.h>
+#include <avahi-common/error.h>
+
+#include <functional>
+#include <mutex>
+#include <utility>
+
+#include "platform/DiscoveryDaemon.h"
+#include "platform/Guard.h"
+#include "platform/LogFormat.h"
+#include "platform/ServicePublication.h"
+#include "platform/ServiceResolution.h"
+
+namespace qelnk {
+
+namespace {
+
+std::string withoutTrailingDot(std::string name) {
+  if (name.ends_with('.')) name.pop_back();
+  return name;
+}
+
+/// One publish() or resolveWithTimeout(). What comes of it is for this thread, as long as the service holds the
+/// session.
+struct Session {
+  const std::shared_ptr<RunLoop> loop = RunLoop::current();
+  bool told = false;  // what is told once
+};
+
+struct PublishSession : Session {
+  std::unique_ptr<Active<ServicePublication>> publication;
+};
+
+struct ResolveSession : Session {
+  std::unique_ptr<Active<ServiceResolution>> resolution;
+  std::shared_ptr<LoopSource> timeout;
+  std::error_code obstacle;
+  bool toldTXTRecord = false;
+};
+
+}  // namespace
+
+/// What a service is made of, shared with what is on its way to its observer.
+struct NetService::State : std::enable_shared_from_this<NetService::State> {
+  using Lock = std::lock_guard<std::mutex>;
+
+  State(std::string domain, std::string type, std::string name, uint16_t port)
+      : domain(std::move(domain)), type(std::move(type)), name(std::move(name)), port(port) {}
+
+  template <class T>
+  T get(T State::*member) const {
+    const Lock lock(mutex);
+    return this->*member;
+  }
+
+  /// Makes a function for other threads that calls `handle` on the session's loop.
+  template <class Kind, class Handle>
+  auto onLoop(const std::shared_ptr<Kind> &session, Handle handle) {
+    return [state = weak_from_this(), weak = std::weak_ptr(session), loop = session->loop, handle](auto... arguments) {
+      loop->perform([=] {
+        const auto self = state.lock();
+        const auto mine = weak.lock();
+        if (self && mine) std::invoke(handle, *self, *mine, arguments...);
+      });
+    };
+  }
+
+  /// Under the mutex.
+  bool isCurrent(const Session &session) const { return &session == publishing.get() || &session == resolving.get(); }
+
+  /// Calls the observer unless the session was ended, as its last call may have done.
+  template <class Operation, class... Arguments>
+  void tell(const Session &session, Operation operation, const Arguments &...arguments) {
+    std::shared_ptr<NetServiceDelegate> observer;
+    {
+      const Lock lock(mutex);
+      if (isCurrent(session)) observer = delegate.lock();
+    }
+    if (const auto service = observer ? owner.lock() : nullptr)
+      runGuarded("NetServiceDelegate", [&] { std::invoke(operation, *observer, service, arguments...); });
+  }
+
+  void publish();
+  void published(PublishSession &session, const std::string &announced);
+  void notPublished(PublishSession &session, std::error_code error);
+  void stopPublishing();
+
+  void resolve(std::chrono::nanoseconds timeout);
+  void found(ResolveSession &session, const ServiceResolution::Found &what);
+  void hindered(ResolveSession &session, std::error_code why);
+  void timedOut(ResolveSession &session);
+  void stopResolving();
+
+  const std::string domain, type;
+  std::weak_ptr<NetService> owner;
+  mutable std::mutex mutex;
+  std::string name, hostName, txt;
+  uint16_t port;
+  std::vector<std::string> addresses;
+  std::weak_ptr<NetServiceDelegate> delegate;
+  std::shared_ptr<PublishSession> publishing;
+  std::shared_ptr<ResolveSession> resolving;
+};
+
+// --- Publishing ---
+
+void NetService::State::publish() {
+  const auto session = std::make_shared<PublishSession>();
+  const Lock lock(mutex);
+  if (publishing) return;
+  session->publication = std::make_unique<Active<ServicePublication>>(
+      ServicePublication::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain), port,
+                                  txt},
+      ServicePublication::Listener{onLoop(session, &State::published), onLoop(session, &State::notPublished)});
+  publishing = session;
+}
+
+void NetService::State::published(PublishSession &session, const std::string &announced) {
+  {
+    const Lock lock(mutex);
+    if (!isCurrent(session)) return;
+    name = announced;
+  }
+  tell(session, &NetServiceDelegate::netServiceDidPublish);
+}
+
+void NetService::State::notPublished(PublishSession &session, std::error_code error) {
+  if (std::exchange(session.told, true)) return;
+  logError("NetService {} could not be published yet: {}", get(&State::name), error.message());
+  tell(session, &NetServiceDelegate::netServiceDidNotPublish, error);
+}
+
+void NetService::State::stopPublishing() {
+  std::shared_ptr<PublishSession> ended;
+  const Lock lock(mutex);
+  ended.swap(publishing);
+}
+
+// --- Resolving ---
+
+void NetService::State::resolve(std::chrono::nanoseconds timeout) {
+  stopResolving();
+  const auto session = std::make_shared<ResolveSession>();
+  if (timeout > timeout.zero())
+    session->timeout = session->loop->performAfter(timeout, onLoop(session, &State::timedOut));
+  const Lock lock(mutex);
+  session->resolution = std::make_unique<Active<ServiceResolution>>(
+      ServiceResolution::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain)},
+      ServiceResolution::Listener{onLoop(session, &State::found), onLoop(session, &State::hindered)});
+  resolving = session;
+}
+
+void NetService::State::found(ResolveSession &session, const ServiceResolution::Found &what) {
+  if (!session.resolution) return;  // too late
+  const bool isFirst = !std::exchange(session.told, true);
+  bool isNewRecord = !std::exchange(session.toldTXTRecord, true);
+  {
+    const Lock lock(mutex);
+    if (!isCurrent(session)) return;
+    isNewRecord |= txt != what.txt;
+    hostName = what.hostName;
+    port = what.port;
+    addresses = what.addresses;
+    txt = what.txt;
+  }
+  if (isFirst && session.timeout) session.timeout->cancel();
+  if (isFirst) tell(session, &NetServiceDelegate::netServiceDidResolveAddress);
+  if (isNewRecord) tell(session, &NetServiceDelegate::netServiceDidUpdateTXTRecordData, what.txt);
+}
+
+void NetService::State::hindered(ResolveSession &session, std::error_code why) { session.obstacle = why; }
+
+void NetService::State::timedOut(ResolveSession &session) {
+  if (session.told) return;
+  session.resolution = nullptr;
+  const std::error_code reason = session.obstacle ? session.obstacle : discoveryError(AVAHI_ERR_TIMEOUT);
+  logError("NetService {} could not be resolved: {}", get(&State::name), reason.message());
+  tell(session, &NetServiceDelegate::netServiceDidNotResolve, reason);
+  const Lock lock(mutex);
+  if (isCurrent(session)) resolving = nullptr;  // the caller holds it
+}
+
+void NetService::State::stopResolving() {
+  std::shared_ptr<ResolveSession> ended;
+  {
+    const Lock lock(mutex);
+    ended.swap(resolving);
+  }
+  if (ended && ended->timeout) ended->timeout->cancel();
+}
+
+// --- The public side ---
+
+NetService::NetService() = default;
+
+std::shared_ptr<NetService> NetService::create(std::string domain, std::string type, std::string name, uint16_t port) {
+  std::shared_ptr<NetService> service(new NetService);
+  service->state_ = std::make_shared<State>(std::move(domain), std::move(type), std::move(name), port);
+  service->state_->owner = service;
+  return service;
+}
+
+NetService::~NetService() { stop(); }
+
+const std::string &NetService::domain() const { return state_->domain; }
+const std::string &NetService::type() const { return state_->type; }
+std::string NetService::name() const { return state_->get(&State::name); }
+uint16_t NetService::port() const { return state_->get(&State::port); }
+std::string NetService::hostName() const { return state_->get(&State::hostName); }
+std::vector<std::string> NetService::addresses() const { return state_->get(&State::addresses); }
+std::string NetService::txtRecordData() const { return state_->get(&State::txt); }
+
+void NetService::setDelegate(std::weak_ptr<NetServiceDelegate> delegate) {
+  const std::lock_guard lock(state_->mutex);
+  state_->delegate.swap(delegate);
+}
+
+void NetService::setTXTRecordData(std::string data) {
+  const std::lock_guard lock(state_->mutex);
+  state_->txt = data;
+  if (state_->publishing)
+    state_->publishing->publication->tell(
+        [data](ServicePublication &publication) { publication.setTXTRecordData(data); });
+}
+
+void NetService::publish() { state_->publish(); }
+void NetService::resolveWithTimeout(std::chrono::nanoseconds timeout) { state_->resolve(timeout); }
+
+void NetService::stop() {
+  state_->stopPublishing();
+  state_->stopResolving();
+}
+
+}  // namespace qelnk
