@@ -91,10 +91,13 @@ class DiscoveryDaemon::Connection {
 
  private:
   void connect() {
-    int error = AVAHI_ERR_NO_MEMORY;
-    if (openPoll())
-      client_ = avahi_client_new(avahi_simple_poll_get(poll_), AVAHI_CLIENT_NO_FAIL, stateChanged, this, &error);
-    if (client_) return follow();
+    auto error = openPoll();
+    if (!error) {
+      int number = 0;
+      client_ = avahi_client_new(avahi_simple_poll_get(poll_), AVAHI_CLIENT_NO_FAIL, stateChanged, this, &number);
+      if (client_) return follow();
+      error = discoveryError(number);
+    }
     interrupted_ = false;
     loseDaemon(error);
     connectLater();
@@ -106,17 +109,17 @@ class DiscoveryDaemon::Connection {
   }
 
   /// Makes the poll, which the loop's work wakes too. Out of descriptors it cannot be made.
-  bool openPoll() try {
-    if (poll_) return true;
+  std::error_code openPoll() try {
+    if (poll_) return {};
     const int wake = loop->wakeDescriptor();
     poll_ = avahi_simple_poll_new();
-    if (!poll_) return false;
+    if (!poll_) return {errno, std::system_category()};
     const AvahiPoll *api = avahi_simple_poll_get(poll_);
     api->watch_new(
         api, wake, AVAHI_WATCH_IN, [](AvahiWatch *, int, AvahiWatchEvent, void *) {}, nullptr);
-    return true;
-  } catch (const std::system_error &) {
-    return false;
+    return {};
+  } catch (const std::system_error &error) {
+    return error.code();
   }
 
   void waitInPoll() {
@@ -143,9 +146,9 @@ class DiscoveryDaemon::Connection {
       case AVAHI_CLIENT_S_RUNNING:
         return beginActivities();
       case AVAHI_CLIENT_CONNECTING:
-        return loseDaemon(AVAHI_ERR_NO_DAEMON);
+        return loseDaemon(discoveryError(AVAHI_ERR_NO_DAEMON));
       case AVAHI_CLIENT_FAILURE: {
-        const int error = avahi_client_errno(client_);
+        const auto error = discoveryError(avahi_client_errno(client_));
         avahi_client_free(std::exchange(client_, nullptr));
         loseDaemon(error);
         return connectLater();
@@ -167,9 +170,9 @@ class DiscoveryDaemon::Connection {
     for (const auto &activity : activities_) activity->end();
   }
 
-  void loseDaemon(int error) {
+  void loseDaemon(std::error_code error) {
     if (missing_) return;
-    missing_ = discoveryError(error);
+    missing_ = error;
     logError("Service discovery waits for its daemon: {}", missing_->message());
     for (const auto &activity : activities_) activity->unavailable(*missing_);
   }
