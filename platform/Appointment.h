@@ -2,27 +2,71 @@
 
 #include <QELNetworkKit/RunLoop.h>
 
-#include <future>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <utility>
 
 #include "platform/Guard.h"
 
 namespace qelnk {
 
+/// Where a thread waits for others. Meanwhile it keeps the appointments that others have with it, so that threads that
+/// wait for each other all go on.
+///
+/// Threads: any, but for wait(), which is the point's own thread's.
+class MeetingPoint {
+ public:
+  using Time = std::chrono::nanoseconds;
+
+  /// The calling thread's: its loop's, or one of its own.
+  static std::shared_ptr<MeetingPoint> here();
+
+  /// Has `appointment` kept while this point's thread waits here; it may be kept in the thread's run loop before.
+  void announce(std::shared_ptr<class Appointment> appointment);
+  void strike(const class Appointment *appointment);
+  /// Gives up what is announced.
+  void close();
+
+  /// Waits until `over`, which is asked under the lock, at most `limit` (none: for ever). Returns whether it is over.
+  bool wait(std::optional<Time> limit, const std::function<bool()> &over);
+  /// Makes a change that somebody may wait for here.
+  void tell(const std::function<void()> &change);
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable news_;
+  std::deque<std::shared_ptr<class Appointment>> announced_;
+};
+
 /// A task that another thread waits for. One that is destroyed without having been kept ends the wait too.
 class Appointment {
  public:
-  explicit Appointment(Task task) : task_(std::move(task)) {}
+  /// What the one who waits holds.
+  struct Outcome {
+    const std::shared_ptr<MeetingPoint> waiter = MeetingPoint::here();
+    std::optional<bool> ran;  // told to the waiter
+
+    bool wait() {
+      waiter->wait(std::nullopt, [this] { return ran.has_value(); });
+      return *ran;
+    }
+  };
+
+  Appointment(Task task, std::shared_ptr<Outcome> outcome) : task_(std::move(task)), outcome_(std::move(outcome)) {}
   ~Appointment() {
-    if (!ended_) end(false);
+    if (!begun_) end(false);
   }
   Appointment(const Appointment &) = delete;
   Appointment &operator=(const Appointment &) = delete;
 
-  /// For the one who waits: whether the task has run.
-  std::future<bool> kept() { return kept_.get_future(); }
-
+  /// Runs the task, unless that has been begun before. On the thread that it is with.
   void keep() {
+    if (std::exchange(begun_, true)) return;
     runGuarded("RunLoop task", task_);
     end(true);
   }
@@ -30,13 +74,12 @@ class Appointment {
  private:
   void end(bool ran) {
     task_ = nullptr;  // before the waiter goes on: it may refer to what is his
-    ended_ = true;
-    kept_.set_value(ran);
+    outcome_->waiter->tell([&] { outcome_->ran = ran; });
   }
 
   Task task_;
-  bool ended_ = false;
-  std::promise<bool> kept_;
+  bool begun_ = false;
+  const std::shared_ptr<Outcome> outcome_;
 };
 
 }  // namespace qelnk

@@ -49,6 +49,13 @@ void RunLoopThread::end() {
   boundState = nullptr;
 }
 
+std::shared_ptr<MeetingPoint> RunLoopThread::meetingPoint() {
+  if (!threadIsOver && onMainThread()) RunLoop::current();
+  return boundState && binding.loop ? binding.loop->state_->meetings : std::make_shared<MeetingPoint>();
+}
+
+std::shared_ptr<MeetingPoint> MeetingPoint::here() { return RunLoopThread::meetingPoint(); }
+
 void RunLoopThread::wake(const RunLoop &loop) { loop.state_->wake(); }
 
 std::shared_ptr<RunLoop> RunLoop::main() {

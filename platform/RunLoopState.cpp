@@ -138,10 +138,16 @@ bool RunLoop::State::performAndWait(Task task) {
     runTask(task);
     return true;
   }
-  auto appointment = std::make_shared<Appointment>(std::move(task));
-  auto kept = appointment->kept();
-  perform([appointment = std::move(appointment)] { appointment->keep(); });
-  return kept.get();
+  const auto outcome = std::make_shared<Appointment::Outcome>();
+  auto appointment = std::make_shared<Appointment>(std::move(task), outcome);
+  meetings->announce(appointment);
+  const bool queued = perform([appointment, meetings = meetings] {
+    meetings->strike(appointment.get());
+    appointment->keep();
+  });
+  if (!queued) meetings->strike(appointment.get());  // announced after the loop gave up what was
+  appointment = nullptr;
+  return outcome->wait();
 }
 
 void RunLoop::State::end() {
@@ -150,11 +156,14 @@ void RunLoop::State::end() {
   std::vector<std::shared_ptr<const WatchSet::Handler>> handlers;
   const std::vector<Task> ready = std::exchange(ready_, {});
   nextReady_ = 0;
-  const std::lock_guard lock(mutex_);
-  ended_ = true;
-  incoming.swap(incoming_);
-  actions = timers_.cancelAll();
-  handlers = watches_.removeAll();
+  {
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    incoming.swap(incoming_);
+    actions = timers_.cancelAll();
+    handlers = watches_.removeAll();
+  }
+  meetings->close();
 }
 
 bool RunLoop::State::refill() {

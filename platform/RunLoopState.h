@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "platform/Appointment.h"
 #include "platform/TimerSet.h"
 #include "platform/WatchSet.h"
 
@@ -49,6 +50,7 @@ struct RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
 
   std::weak_ptr<RunLoop> self;
   std::shared_ptr<Clock> clock = Clock::system();
+  const std::shared_ptr<MeetingPoint> meetings = std::make_shared<MeetingPoint>();
 
  private:
   /// What brings news to the loop's thread or to the host, to be done with the mutex given back, and in any case.

@@ -20,6 +20,9 @@ struct RunLoopThread {
   /// Ends the calling thread's loop before the thread itself ends.
   static void end();
 
+  /// See MeetingPoint::here().
+  static std::shared_ptr<class MeetingPoint> meetingPoint();
+
   /// Ends the wait under way on `loop`, or the next one. Any thread.
   static void wake(const RunLoop &loop);
 };

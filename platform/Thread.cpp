@@ -5,7 +5,9 @@
 
 #include <initializer_list>
 #include <mutex>
+#include <vector>
 
+#include "platform/Appointment.h"
 #include "platform/Guard.h"
 #include "platform/RunLoopThread.h"
 
@@ -47,6 +49,16 @@ std::thread startThread(const std::string &name, std::function<void()> body) {
 struct Thread::Shared {
   std::atomic<bool> finished = false;
   std::mutex joining;
+  std::mutex waiting;
+  std::vector<std::shared_ptr<MeetingPoint>> waiters;
+
+  void finish() {
+    std::unique_lock lock(waiting);
+    finished = true;
+    const auto told = std::move(waiters);
+    lock.unlock();
+    for (const auto &waiter : told) waiter->tell([] {});
+  }
 };
 
 Thread::Thread(const std::string &name, Body body)
@@ -58,7 +70,7 @@ Thread::Thread(const std::string &name, Body body)
         runGuarded(name, [&] { body(token); });
         body = nullptr;
         RunLoopThread::end();
-        shared->finished = true;
+        shared->finish();
       });
 }
 
@@ -78,6 +90,17 @@ void Thread::cancel() {
 bool Thread::isCurrent() const { return runningThread == shared_.get(); }
 
 bool Thread::isFinished() const { return shared_->finished; }
+
+bool Thread::endsWithin(std::chrono::nanoseconds limit) {
+  if (isCurrent()) return false;
+  const auto here = MeetingPoint::here();
+  {
+    const std::lock_guard lock(shared_->waiting);
+    if (shared_->finished) return true;
+    shared_->waiters.push_back(here);
+  }
+  return here->wait(limit, [this] { return shared_->finished.load(); });
+}
 
 void Thread::join() {
   if (isCurrent()) return;

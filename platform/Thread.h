@@ -3,6 +3,7 @@
 #include <QELNetworkKit/RunLoop.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <stop_token>
@@ -32,6 +33,9 @@ class Thread {
   bool isCancelled() const { return stop_.stop_requested(); }
   bool isCurrent() const;
   bool isFinished() const;
+  /// Waits for its end, at most `limit`, and returns whether it has come. The calling thread keeps its appointments
+  /// meanwhile (see RunLoop::performAndWait()), so that threads may wait for each other. False on the thread itself.
+  bool endsWithin(std::chrono::nanoseconds limit);
   /// Waits for its end; at once on the thread itself.
   void join();
   const std::shared_ptr<RunLoop> &runLoop() const { return runLoop_; }

@@ -2,6 +2,7 @@
 
 /// Everything the library offers. cmp.h and Version.h can be included from C as well.
 
+#include <QELNetworkKit/ByteStream.h>
 #include <QELNetworkKit/Clock.h>
 #include <QELNetworkKit/Error.h>
 #include <QELNetworkKit/Export.h>
@@ -16,6 +17,12 @@
 #include <QELNetworkKit/QELNKKORVALClient.h>
 #include <QELNetworkKit/QELNKKORVALConstants.h>
 #include <QELNetworkKit/QELNKKORVALDaemonClient.h>
+#include <QELNetworkKit/QELNKLegacyClient.h>
+#include <QELNetworkKit/QELNKLegacySerializer.h>
+#include <QELNetworkKit/QELNKLegacyServer.h>
+#include <QELNetworkKit/QELNKLegacyService.h>
+#include <QELNetworkKit/QELNKLegacyStream.h>
+#include <QELNetworkKit/QELNKLegacyStreamThread.h>
 #include <QELNetworkKit/QELNKMessage.h>
 #include <QELNetworkKit/QELNKMonitor.h>
 #include <QELNetworkKit/QELNKOrlinDaemon.h>
@@ -26,6 +33,7 @@
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/QELNKSocket.h>
 #include <QELNetworkKit/QELNKSubscriber.h>
+#include <QELNetworkKit/QELProjectTimecode.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/UserSettings.h>

@@ -52,7 +52,9 @@ class QELNK_EXPORT RunLoop {
   bool perform(Task task);
 
   /// Runs `task` on the loop's thread and returns once it has run: inline when this is that thread already. Returns
-  /// false when the thread ended before the task's turn; it never waits for a thread that is gone.
+  /// false when the thread ended before the task's turn; it never waits for a thread that is gone. While it waits it
+  /// runs what other threads give to the calling thread's loop by performAndWait(), so that threads which wait for each
+  /// other all go on.
   bool performAndWait(Task task);
 
   /// Runs `task` on the loop's thread after `delay` on the loop's clock, then every `interval` when that is positive;

@@ -204,9 +204,9 @@ TEST(QELNKServer, MayBeDroppedOrDisconnectedInItsHandler) {
 }
 
 TEST(QELNKServer, OutlivesPeersThatVanishBeforeTheirReply) {
-  const auto server = makeServer();
   std::promise<void> handling, gone;
   std::atomic<int> count{0};
+  const auto server = makeServer();  // goes before what its handler uses
   ASSERT_TRUE(server->bindToPort(0, [&](const Server &self, const Message &message) {
     if (count++ == 0) {
       handling.set_value();
@@ -227,9 +227,9 @@ TEST(QELNKServer, OutlivesPeersThatVanishBeforeTheirReply) {
 
 TEST(QELNKServer, LetsItsContextEnd) {
   const auto context = QELNKContext::contextWithBackgroundQueue();
+  std::promise<void> handling;
   const auto idle = QELNKServer::create(context), busy = QELNKServer::create(context);
   ASSERT_TRUE(idle->bindToPort(0, echo));
-  std::promise<void> handling, ended;
   ASSERT_TRUE(busy->bindToPort(0, [&](auto &, auto &message) {
     handling.set_value();
     EXPECT_TRUE(eventually([&] { return idle->socket() == nullptr; }));

@@ -172,6 +172,22 @@ TEST(RunLoop, PerformAndWaitRunsThereOrInline) {
   EXPECT_EQ(where, std::this_thread::get_id());
 }
 
+TEST(RunLoop, ThreadsThatWaitForEachOtherGoOn) {
+  const LoopThread a, b;
+  std::atomic<int> ran = 0;
+  for (int round = 0; round < 300; ++round) {
+    // Each of the three waits for the next one, to and fro, and something is queued besides.
+    const auto here = RunLoop::current();
+    const auto call = [&](const auto &from, const auto &to, auto &&then) {
+      from->perform([&, then] { EXPECT_TRUE(to->performAndWait([&, then] { ++ran, then(); })); });
+    };
+    call(a, b, [&] { EXPECT_TRUE(here->performAndWait([&] { ++ran; })); });
+    call(b, a, [&] { EXPECT_TRUE(here->performAndWait([&] { ++ran; })); });
+    EXPECT_TRUE(a->performAndWait([&] { EXPECT_TRUE(b->performAndWait([&] { ++ran; })); }));
+    EXPECT_TRUE(eventually([&] { return ran == (round + 1) * 5; }));
+  }
+}
+
 TEST(RunLoop, PerformAndWaitNeverWaitsForAThreadThatEnds) {
   for (int round = 0; round < 200; ++round) {
     std::shared_ptr<RunLoop> loop;

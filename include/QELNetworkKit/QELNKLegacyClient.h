@@ -1,0 +1,174 @@
+#pragma once
+
+#include <QELNetworkKit/NetService.h>
+#include <QELNetworkKit/QELNKLegacyStream.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+class QELNKLegacyClient;
+
+/// What a legacy client tells its owner. An operation that is not overridden calls the stream's operation of the same
+/// meaning, which may be overridden instead.
+///
+/// Threads: as for QELNKLegacyStreamDelegate: strings, blocks, heartbeats and TXT records are queued to the main
+/// thread, for the others the thread that has them to tell waits; without the option "delegateOnMainThread" all are
+/// called on that thread, which is the stream's or the one that called connect().
+class QELNK_EXPORT QELNKLegacyClientDelegate : public QELNKLegacyStreamDelegate {
+ public:
+  using Client = std::shared_ptr<QELNKLegacyClient>;
+
+  /// The connection is ready; after a reconnect once more when the first string or heartbeat has arrived.
+  virtual void networkClientIsReady(const Client &client);
+  virtual void networkClient(const Client &client, const std::string &receivedString);
+  virtual void networkClient(const Client &client, const qelnk::Data &receivedBinaryData,
+                             const std::string &contentType);
+  virtual void networkClient(const Client &client, const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                             const std::optional<std::string> &withExtendedInformation);
+  /// The connection has ended.
+  virtual void networkClientWasTerminated(const Client &client, bool willReconnect);
+  /// An attempt to connect has failed, with one of QELNKLegacyClient::ConnectError.
+  virtual void networkClient(const Client &client, int64_t connectError, bool willRetry) = 0;
+  /// Heartbeats are missing, or (false) have come back.
+  virtual void networkClientHeartbeatNotification(const Client &client, bool lostHeartbeat) = 0;
+  /// The service's TXT record has changed, see serviceTXTRecordData().
+  virtual void networkClientServiceUpdatedTXTRecordData(const Client &client) = 0;
+
+  using QELNKLegacyStreamDelegate::networkStream;
+  void networkStream(const std::shared_ptr<QELNKLegacyStream> &stream, const std::string &receivedString) override;
+  void networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
+                     const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                     const std::optional<std::string> &withExtendedInformation) override;
+  void networkStreamIsReady(const std::shared_ptr<QELNKLegacyStream> &stream) override;
+  void networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) override;
+};
+
+/// The connecting side of a legacy connection: connects to a host or a service, gives up after a time, tries again,
+/// connects again when the connection was lost, and watches the other side's heartbeats.
+///
+///     auto client = QELNKLegacyClient::create("studio-a", "studio-a.local", 4711, observer,
+///                                             QELNKLegacyClient::defaultConnectOptions());
+///     client->connect();
+///
+/// Options beside the stream's:
+///
+///     "connectTimeout"              seconds, none if not positive
+///     "autoConnectDelay"            seconds from a connection's end to the next attempt
+///     "autoRetryInterval"           seconds from a failed attempt to the next
+///     "maxRetryAttempts"            integer
+///     "attemptReconnect"            boolean
+///     "heartbeatProblemTimeout"     seconds, negative: -2.0 warns when the last heartbeat lies two seconds back
+///     "heartbeatDisconnectTimeout"  seconds, negative: then the connection is ended. Unless both are negative
+///                                   heartbeats are not watched.
+///
+/// Threads: every operation may be called from any thread. The connect timer and the waits for a retry or reconnect run
+/// on the run loop of the thread that began them: the one that called connect(), which has to turn its loop, or the
+/// stream's. The age of heartbeats is reckoned by the wall clock of the stream thread's run loop.
+class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::NetServiceDelegate {
+ public:
+  enum ConnectError : int64_t { alreadyConnected = 1, noStreams = 2, timedOut = 3, refused = 4 };
+
+  /// Connects as soon as the service is resolved, which is begun here and given up after 5 s.
+  static std::shared_ptr<QELNKLegacyClient> create(std::shared_ptr<qelnk::NetService> netService,
+                                                   std::weak_ptr<QELNKLegacyClientDelegate> delegate,
+                                                   const qelnk::Value &options);
+  /// Does not connect yet.
+  static std::shared_ptr<QELNKLegacyClient> create(std::string name, std::string host, uint64_t port,
+                                                   std::weak_ptr<QELNKLegacyClientDelegate> delegate,
+                                                   const qelnk::Value &options);
+  ~QELNKLegacyClient() override;
+
+  static qelnk::Value defaultPlayoutOptions();
+  static qelnk::Value defaultConnectOptions();
+  static qelnk::Value defaultIngestOptions();
+  void setOptions(const qelnk::Value &options) override;
+
+  void connect();
+  void connectToHost(const std::string &host);
+  void reconnect();
+  void retryConnect();
+  bool willRetryConnect() const;
+  void connectFailedWithError(int64_t error);
+  void cancelTimeoutTimer();
+  /// Ends the connection, or the attempt, for good: nothing connects this client any more.
+  void cancelConnectAttempt();
+  /// Ends the connection; nothing is tried again until connect().
+  void disconnect() override;
+  /// The same, and lets go of the service and of where to connect to.
+  void cleanUp();
+
+  bool isConnected() const;
+  void setConnected(bool connected);
+  std::shared_ptr<qelnk::NetService> netService() const;
+  void setNetService(std::shared_ptr<qelnk::NetService> netService);
+  std::string name() const;
+  void setName(std::string name);
+  std::string host() const;
+  void setHost(std::string host);
+  uint64_t port() const;
+  void setPort(uint64_t port);
+  /// Seconds. A negative value sets 10.
+  double connectTimeout() const;
+  void setConnectTimeout(double seconds);
+  bool attemptReconnect() const;
+  void setAttemptReconnect(bool flag);
+  double autoReconnectDelay() const;
+  void setAutoReconnectDelay(double seconds);
+  /// Seconds. A negative value sets 1.
+  double autoRetryInterval() const;
+  void setAutoRetryInterval(double seconds);
+  int64_t maxRetryAttempts() const;
+  void setMaxRetryAttempts(int64_t count);
+  /// Retries since the connection was last ready.
+  int64_t retryAttempts() const;
+  double heartbeatDisconnectTimeout() const;
+  void setHeartbeatDisconnectTimeout(double seconds);
+  double heartbeatProblemTimeout() const;
+  void setHeartbeatProblemTimeout(double seconds);
+  qelnk::Data serviceTXTRecordData() const;
+  qelnk::TXTRecordDictionary serviceTXTRecordDictionary() const;
+  std::shared_ptr<QELNKLegacyClientDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QELNKLegacyClientDelegate> delegate);
+
+  void netServiceDidResolveAddress(const std::shared_ptr<qelnk::NetService> &service) override;
+  void netServiceDidNotResolve(const std::shared_ptr<qelnk::NetService> &service, std::error_code error) override;
+  void netServiceDidUpdateTXTRecordData(const std::shared_ptr<qelnk::NetService> &service,
+                                        const std::string &data) override;
+
+  std::string description() const override;
+
+ protected:
+  QELNKLegacyClient();
+  void dealloc() override;
+  void _connect();
+  void _connectToHost(const std::string &host);
+  void _disconnect() override;
+  /// Makes the streams of a connection; empty when they cannot be made.
+  virtual qelnk::StreamPair streamsToHost(const std::string &host, uint64_t port);
+  void startHeartbeatMonitor();
+  void cancelHeartbeatMonitor();
+  void heartbeatMonitorTask();
+
+  void informDelegateOfReceivedString(const std::string &string) override;
+  void informDelegateOfReceivedBinaryData(const qelnk::Data &data, const std::string &contentType) override;
+  void informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
+                                           const std::optional<std::string> &extendedInformation) override;
+  void informDelegateStreamIsReady() override;
+  void informDelegateStreamWasTerminated() override;
+  void informDelegateConnectionRefused() override;
+  void handleAddressNotAvailableForStream(const std::shared_ptr<qelnk::ByteStream> &stream) override;
+
+ private:
+  struct ClientState;
+  void timeoutReached();
+  void connectAfter(double seconds);
+  void delayedConnect();
+  void takeNetService(std::shared_ptr<qelnk::NetService> netService);
+  void informReconnected();
+  template <class Call>
+  void informClient(bool queued, uint64_t bytes, Call call);
+
+  const std::unique_ptr<ClientState> clientState_;
+};

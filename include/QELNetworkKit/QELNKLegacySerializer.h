@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QELNetworkKit/QELNKLegacyStream.h>
+#include <QELNetworkKit/Value.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// Writes to a legacy stream on a thread of its own, so that the caller never waits for the stream's lock.
+///
+/// Threads: every operation may be called from any thread.
+class QELNK_EXPORT QELNKLegacySerializer {
+ public:
+  /// Throws std::system_error when the system has no thread left.
+  explicit QELNKLegacySerializer(std::shared_ptr<QELNKLegacyStream> stream);
+  ~QELNKLegacySerializer();
+  QELNKLegacySerializer(const QELNKLegacySerializer &) = delete;
+  QELNKLegacySerializer &operator=(const QELNKLegacySerializer &) = delete;
+
+  /// Has the stream write, in the order of the calls, and returns at once. After cancel() nothing happens.
+  void writeString(const std::string &string);
+  void writeData(const qelnk::Data &data);
+  /// Ends the thread and waits for its end. What is still to be written is dropped.
+  void cancel();
+
+  const std::shared_ptr<QELNKLegacyStream> &stream() const { return stream_; }
+
+ private:
+  struct StreamThread;
+  const std::shared_ptr<QELNKLegacyStream> stream_;
+  std::mutex mutex_;
+  std::unique_ptr<StreamThread> streamThread_;
+};

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <QELNetworkKit/Error.h>
+#include <QELNetworkKit/QELNKLegacyStream.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class QELNKLegacyServer;
+
+/// The domain of the errors of QELNKLegacyServer::start().
+QELNK_EXPORT extern const char *const QELNKTCPServerErrorDomain;
+
+/// What a legacy server tells its owner, of the connection concerned.
+///
+/// Threads: those of QELNKLegacyStreamDelegate, by the server's stream options.
+class QELNK_EXPORT QELNKLegacyServerDelegate {
+ public:
+  using Server = std::shared_ptr<QELNKLegacyServer>;
+  using Stream = std::shared_ptr<QELNKLegacyStream>;
+
+  virtual ~QELNKLegacyServerDelegate() = default;
+  virtual void networkService(const Server &server, const Stream &networkStream, const std::string &receivedString) = 0;
+  virtual void networkService(const Server &server, const Stream &networkStream,
+                              const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                              const std::optional<std::string> &withExtendedInformation) = 0;
+  /// The connection has shaken hands.
+  virtual void networkServiceNetworkStreamIsReady(const Server &server, const Stream &networkStream) = 0;
+  virtual void networkServiceNetworkStreamWasTerminated(const Server &server, const Stream &networkStream) = 0;
+};
+
+/// The listening side of the legacy protocol: takes connections on one port over IPv4 and IPv6, and writes to all of
+/// them. Binary blocks that clients send are not passed on.
+///
+///     auto server = QELNKLegacyServer::create("Studio A", 0, QELNKLegacyStream::defaultPlayoutOptions());
+///     server->setDelegate(observer);
+///     qelnk::Error error;
+///     if (!server->start(&error)) report(error.description);
+///
+/// Threads: every operation may be called from any thread. Connections are accepted on the run loop of the thread that
+/// called start(), which has to turn it.
+class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
+                                       public std::enable_shared_from_this<QELNKLegacyServer> {
+ public:
+  /// Codes of the errors of start().
+  enum StartError : int64_t { ipv4NotBound = 1, ipv6NotBound = 2, noSocket = 3 };
+
+  /// Port 0 lets the system choose one. The options are those of QELNKLegacyStream, for every connection.
+  static std::shared_ptr<QELNKLegacyServer> create(std::string name, uint16_t port, const qelnk::Value &streamOptions);
+  static std::shared_ptr<QELNKLegacyServer> serverWithName(std::string name, uint16_t port,
+                                                           const qelnk::Value &streamOptions) {
+    return create(std::move(name), port, streamOptions);
+  }
+  ~QELNKLegacyServer() override;
+  QELNKLegacyServer(const QELNKLegacyServer &) = delete;
+  QELNKLegacyServer &operator=(const QELNKLegacyServer &) = delete;
+
+  /// Listens. On failure `error` tells why: QELNKTCPServerErrorDomain and a StartError, the system's reason in its
+  /// text.
+  virtual bool start(qelnk::Error *error = nullptr);
+  /// Ends all connections, listens no more and forgets the name.
+  virtual void stop();
+
+  // Writing to every connection that is ready.
+
+  void writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator);
+  void writeData(const qelnk::Data &data);
+  void writeString(const std::string &string);
+  /// Fenced: each connection that still has an earlier fenced block to write leaves this one out.
+  void writeBinaryData(const qelnk::Data &data, const std::string &contentType, bool fenced);
+  void sendHeartbeatAtTimecode(const QELProjectTimecode &timecode,
+                               const std::optional<std::string> &extendedInformation = std::nullopt);
+  /// The string that a heartbeat is sent as.
+  static std::string timecodeStringForTimecode(const QELProjectTimecode &timecode,
+                                               const std::optional<std::string> &extendedInformation);
+  /// The string's bytes, its terminating zero byte included.
+  static const char *bytesFromString(const std::string &string, size_t &length);
+
+  /// As given; once listening, the one that it listens on.
+  uint16_t port() const;
+  std::string name() const;
+  /// The IPv4 address to listen on, in host byte order; 0 for all. For the next start().
+  uint32_t bindingIPAddress() const;
+  void setBindingIPAddress(uint32_t address);
+  qelnk::Value streamOptions() const;
+  void setStreamOptions(const qelnk::Value &options);
+  /// The connections, in the order in which they came.
+  std::vector<std::shared_ptr<QELNKLegacyStream>> streams() const;
+  std::shared_ptr<QELNKLegacyServerDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QELNKLegacyServerDelegate> delegate);
+
+  void networkStream(const std::shared_ptr<QELNKLegacyStream> &stream, const std::string &receivedString) override;
+  void networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
+                     const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                     const std::optional<std::string> &withExtendedInformation) override;
+  void networkStreamIsReady(const std::shared_ptr<QELNKLegacyStream> &stream) override;
+  void networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) override;
+
+ protected:
+  QELNKLegacyServer(std::string name, uint16_t port, const qelnk::Value &streamOptions);
+  template <class Server>
+  static std::shared_ptr<Server> own(Server *server) {
+    return std::shared_ptr<Server>(server, [](QELNKLegacyServer *ended) {
+      ended->stop();
+      delete ended;
+    });
+  }
+  /// Gives the sockets up and returns false.
+  bool returnWithErrorCode(int64_t code, const std::error_code &reason, qelnk::Error *error);
+
+ private:
+  struct State;
+  int64_t listen(uint16_t port, std::error_code &reason);
+  void accept(const qelnk::StreamPair &streams, const std::string &address);
+  template <class Write>
+  void writeToAll(Write write);
+
+  const std::unique_ptr<State> state_;
+};

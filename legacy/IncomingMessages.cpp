@@ -1,0 +1,157 @@
+#include "legacy/IncomingMessages.h"
+
+#include <simdjson.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace qelnk {
+
+namespace {
+
+// A block's length is the peer's word: so much memory is set aside for it at once, the rest as it comes.
+constexpr uint64_t reservedAtOnce = uint64_t(1) << 20;
+constexpr size_t keptWhenEmpty = 16384;
+// A heartbeat's text that is shorter has no information behind its timecode.
+constexpr size_t shortestWithInformation = 13;
+
+bool isContinuation(char c) { return (uint8_t(c) & 0xC0) == 0x80; }
+
+size_t countOfCharacters(std::string_view text) {
+  return size_t(std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
+}
+
+/// The text from the character with this index on; empty when it is shorter.
+std::string_view fromCharacter(std::string_view text, size_t index) {
+  size_t at = 0;
+  for (; index > 0 && at < text.size(); --index)
+    do ++at;
+    while (at < text.size() && isContinuation(text[at]));
+  return text.substr(at);
+}
+
+/// Takes `prefix` off; whether it was there.
+bool take(std::string_view &text, std::string_view prefix) {
+  if (!text.starts_with(prefix)) return false;
+  text.remove_prefix(prefix.size());
+  return true;
+}
+
+IncomingMessages::Message messageOf(std::string string) {
+  using Kind = IncomingMessages::Kind;
+  IncomingMessages::Message message{Kind::string, std::move(string), {}, {}, {}, {}};
+  std::string_view rest = message.string;
+  if (rest == "handshake") {
+    message.kind = Kind::handshake;
+  } else if (take(rest, "host ")) {
+    message.kind = Kind::host;
+  } else if (rest.starts_with("ipv4")) {
+    message.kind = Kind::ipv4;
+    rest = fromCharacter(rest, 5);
+  } else if (take(rest, "appID ")) {
+    message.kind = Kind::appID;
+  } else if (take(rest, "heartbeat ")) {
+    message.kind = Kind::heartbeat;
+    const size_t first = countOfCharacters(rest) >= shortestWithInformation ? rest.find(' ') : std::string_view::npos;
+    const size_t second = first == std::string_view::npos ? first : rest.find(' ', first + 1);
+    if (second != std::string_view::npos) {
+      message.information = rest.substr(second + 1);
+      rest = rest.substr(0, second);
+    }
+  } else if (take(rest, "!bin! ")) {
+    message.kind = Kind::binaryHeader;
+  }
+  message.text = rest;
+  return message;
+}
+
+}  // namespace
+
+void IncomingMessages::append(std::span<const uint8_t> chunk) {
+  unsearched_ = chunk.size();
+  if (pending_ > block_.size()) {
+    const auto part = chunk.first(size_t(std::min<uint64_t>(chunk.size(), pending_ - block_.size())));
+    block_.append(part);
+    chunk = chunk.subspan(part.size());
+  }
+  if (begin_ > 0) incoming_.erase(incoming_.begin(), incoming_.begin() + ptrdiff_t(begin_));
+  begin_ = 0;
+  incoming_.insert(incoming_.end(), chunk.begin(), chunk.end());
+}
+
+std::optional<IncomingMessages::Message> IncomingMessages::next() {
+  if (pending_ > 0) return completeBlock();
+  while (auto message = completeString())
+    if (!message->string.empty()) return message;
+  return std::nullopt;
+}
+
+std::optional<IncomingMessages::Message> IncomingMessages::completeBlock() {
+  if (block_.size() < pending_) return std::nullopt;
+  Message message{Kind::binary, {}, {}, {}, std::exchange(block_, {}), std::exchange(contentType_, {})};
+  pending_ = 0;
+  unsearched_ = std::min(incoming_.size() - begin_, chunkSize);
+  return message;
+}
+
+std::optional<IncomingMessages::Message> IncomingMessages::completeString() {
+  const uint8_t *const start = incoming_.data() + begin_, *const end = incoming_.data() + incoming_.size();
+  const void *const found = unsearched_ ? std::memchr(end - unsearched_, 0, unsearched_) : nullptr;
+  // The string ends at the first zero of all that is buffered, what is consumed at the one that was found.
+  const size_t length = found ? strnlen(reinterpret_cast<const char *>(start), size_t(end - start)) : size_t(end - start);
+  if (limits_.string && length > limits_.string) {
+    clear();
+    return Message{Kind::stringTooLong, "-", {}, {}, {}, {}};
+  }
+  if (!found) {
+    unsearched_ = 0;
+    return std::nullopt;
+  }
+  std::string string(reinterpret_cast<const char *>(start), length);
+  unsearched_ = size_t(end - static_cast<const uint8_t *>(found)) - 1;
+  consume(size_t(end - start) - unsearched_);
+  if (!simdjson::validate_utf8(string)) return Message{Kind::invalidText, std::move(string), {}, {}, {}, {}};
+  Message message = messageOf(std::move(string));
+  if (message.kind == Kind::binaryHeader) receiveHeader(message);
+  return message;
+}
+
+/// Prepares for the block that a header announces. One without a space behind the length announces none.
+void IncomingMessages::receiveHeader(Message &message) {
+  const size_t space = message.text.find(' ');
+  if (space == std::string::npos) return;
+  pending_ = uint64_t(Value(message.text).integerValue());
+  if (limits_.binary && pending_ > limits_.binary) {
+    clear();
+    message.kind = Kind::binaryTooLong;
+    return;
+  }
+  contentType_ = message.text.substr(space + 1);
+  unsearched_ = 0;  // until the block is complete; behind a block of no bytes too
+  if (pending_ == 0) return;
+  const size_t here = size_t(std::min<uint64_t>(incoming_.size() - begin_, pending_));
+  block_.reserve(size_t(std::min(pending_, reservedAtOnce)));
+  block_.append({incoming_.data() + begin_, here});
+  consume(here);
+}
+
+void IncomingMessages::consume(size_t count) {
+  begin_ += count;
+  if (begin_ < incoming_.size()) return;
+  begin_ = 0;
+  if (incoming_.capacity() > keptWhenEmpty)
+    incoming_ = {};
+  else
+    incoming_.clear();
+}
+
+void IncomingMessages::clear() {
+  incoming_ = {};
+  begin_ = unsearched_ = 0;
+  pending_ = 0;
+  block_.clear();
+  contentType_.clear();
+}
+
+}  // namespace qelnk

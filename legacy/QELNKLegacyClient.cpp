@@ -1,0 +1,572 @@
+#include <QELNetworkKit/QELNKLegacyClient.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "legacy/LegacyStreamState.h"
+#include "platform/LogFormat.h"
+
+using qelnk::ByteStream;
+using qelnk::Data;
+using qelnk::LoopSource;
+using qelnk::NetService;
+using qelnk::RunLoop;
+using qelnk::Value;
+using qelnk::logDefault;
+using qelnk::logError;
+
+namespace {
+
+constexpr std::chrono::seconds resolveTimeout{5};
+constexpr std::chrono::seconds heartbeatCheckInterval{1};
+// The last check lies so many seconds ahead when the clock was set back.
+constexpr double clockSetBack = 2;
+constexpr double longestDelay = 1e9;
+
+std::chrono::nanoseconds nanoseconds(double seconds) {
+  const double bounded = std::isfinite(seconds) ? std::clamp(seconds, 0.0, longestDelay) : longestDelay;
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(bounded));
+}
+
+double wallTime() { return RunLoop::current()->clock()->wallTime(); }
+
+bool logsHeartbeatMonitor() { return QELNKLegacyStream::loggingMask() & QELNKLegacyStream::logHeartbeatMonitor; }
+
+}  // namespace
+
+// --- The delegate's fallbacks ---
+
+void QELNKLegacyClientDelegate::networkClientIsReady(const Client &client) { networkStreamIsReady(client); }
+void QELNKLegacyClientDelegate::networkClient(const Client &client, const std::string &receivedString) {
+  networkStream(client, receivedString);
+}
+void QELNKLegacyClientDelegate::networkClient(const Client &client, const Data &receivedBinaryData,
+                                              const std::string &contentType) {
+  networkStream(client, receivedBinaryData, contentType);
+}
+void QELNKLegacyClientDelegate::networkClient(const Client &client,
+                                              const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                                              const std::optional<std::string> &withExtendedInformation) {
+  networkStream(client, receivedHeartbeatAtTimecode, withExtendedInformation);
+}
+void QELNKLegacyClientDelegate::networkClientWasTerminated(const Client &client, bool) {
+  networkStreamWasTerminated(client);
+}
+void QELNKLegacyClientDelegate::networkStream(const std::shared_ptr<QELNKLegacyStream> &, const std::string &) {}
+void QELNKLegacyClientDelegate::networkStream(const std::shared_ptr<QELNKLegacyStream> &, const QELProjectTimecode &,
+                                              const std::optional<std::string> &) {}
+void QELNKLegacyClientDelegate::networkStreamIsReady(const std::shared_ptr<QELNKLegacyStream> &) {}
+void QELNKLegacyClientDelegate::networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &) {}
+
+// --- State ---
+
+struct QELNKLegacyClient::ClientState {
+  /// Guards all below. Re-entrant; the stream's own lock may be taken under it. No delegate is called under it.
+  mutable std::recursive_mutex mutex;
+
+  std::shared_ptr<LoopSource> timeoutTimer, heartbeatTimer, delayedConnect;
+  // Of the one that counts: a timer that has begun to fire may have been cancelled meanwhile.
+  uint64_t timeoutNumber = 0, heartbeatNumber = 0, connectNumber = 0;
+
+  bool isReconnecting = false, isCancelled = false, attemptIPv4Fallback = false;
+  double lastHeartbeat = 0;
+  std::optional<double> lastHeartbeatCheck;
+  bool heartbeatNotifiedProblem = false;
+  bool attemptReconnect = false, connected = false;
+  std::shared_ptr<NetService> netService;
+  std::string name, host;
+  uint64_t port = 0;
+  double connectTimeout = 0, autoReconnectDelay = 0, autoRetryInterval = 0;
+  int64_t maxRetryAttempts = 0, retryAttempts = 0;
+  double heartbeatDisconnectTimeout = 0, heartbeatProblemTimeout = 0;
+  Data serviceTXTRecordData;
+  qelnk::TXTRecordDictionary serviceTXTRecordDictionary;
+
+  template <class Field>
+  Field get(const Field &field) const {
+    const std::lock_guard lock(mutex);
+    return field;
+  }
+  template <class Field>
+  void set(Field &field, Field value) {
+    const std::lock_guard lock(mutex);
+    std::swap(field, value);
+  }
+  /// Ends a timer; what it holds goes with the result.
+  std::shared_ptr<LoopSource> stop(std::shared_ptr<LoopSource> &timer, uint64_t &number) {
+    const std::lock_guard lock(mutex);
+    ++number;
+    if (timer) timer->cancel();
+    return std::exchange(timer, nullptr);
+  }
+  /// Starts a timer on the calling thread's loop in place of the one there was. It calls `work` of `client` unless
+  /// another has taken its place.
+  void start(std::shared_ptr<LoopSource> &timer, uint64_t &number, double seconds, std::chrono::nanoseconds interval,
+             const std::weak_ptr<QELNKLegacyStream> &client, void (QELNKLegacyClient::*work)()) {
+    const std::lock_guard lock(mutex);
+    stop(timer, number);
+    timer = RunLoop::current()->performAfter(
+        nanoseconds(seconds),
+        [this, client, work, &number, mine = number] {
+          const auto self = std::static_pointer_cast<QELNKLegacyClient>(client.lock());
+          if (self && get(number) == mine) (*self.*work)();
+        },
+        interval);
+  }
+};
+
+QELNKLegacyClient::QELNKLegacyClient() : clientState_(std::make_unique<ClientState>()) {}
+QELNKLegacyClient::~QELNKLegacyClient() = default;
+
+std::shared_ptr<QELNKLegacyClient> QELNKLegacyClient::create(std::shared_ptr<NetService> netService,
+                                                             std::weak_ptr<QELNKLegacyClientDelegate> delegate,
+                                                             const Value &options) {
+  auto client = own(new QELNKLegacyClient);
+  client->setOptions(options);
+  client->setDelegate(std::move(delegate));
+  client->clientState_->attemptIPv4Fallback = true;
+  client->takeNetService(std::move(netService));
+  return client;
+}
+
+std::shared_ptr<QELNKLegacyClient> QELNKLegacyClient::create(std::string name, std::string host, uint64_t port,
+                                                             std::weak_ptr<QELNKLegacyClientDelegate> delegate,
+                                                             const Value &options) {
+  auto client = own(new QELNKLegacyClient);
+  client->setOptions(options);
+  client->setDelegate(std::move(delegate));
+  client->setName(std::move(name));
+  client->setHost(std::move(host));
+  client->setPort(port);
+  return client;
+}
+
+void QELNKLegacyClient::dealloc() {
+  cleanUp();
+  QELNKLegacyStream::dealloc();
+}
+
+void QELNKLegacyClient::cleanUp() {
+  disconnect();
+  const auto service = std::exchange(clientState_->netService, nullptr);
+  if (service) {
+    service->setDelegate({});
+    service->stop();
+  }
+  const std::lock_guard lock(clientState_->mutex);
+  clientState_->host.clear();
+  clientState_->name.clear();
+  clientState_->serviceTXTRecordData.clear();
+  clientState_->serviceTXTRecordDictionary.clear();
+}
+
+// --- Options ---
+
+Value QELNKLegacyClient::defaultPlayoutOptions() {
+  Value options = QELNKLegacyStream::defaultPlayoutOptions();
+  options.set("connectTimeout", 10.0);
+  options.set("autoConnectDelay", 1.0);
+  options.set("autoRetryInterval", 1.0);
+  options.set("maxRetryAttempts", 0);
+  options.set("attemptReconnect", false);
+  options.set("heartbeatDisconnectTimeout", -3.0);
+  options.set("heartbeatProblemTimeout", -2.0);
+  return options;
+}
+
+Value QELNKLegacyClient::defaultConnectOptions() {
+  Value options = defaultPlayoutOptions();
+  options.set("maxRetryAttempts", 100000);
+  options.set("attemptReconnect", true);
+  options.set("appID", connectAppID());
+  return options;
+}
+
+Value QELNKLegacyClient::defaultIngestOptions() {
+  Value options = QELNKLegacyStream::defaultIngestOptions();
+  options.set("connectTimeout", 10.0);
+  options.set("autoConnectDelay", 1.0);
+  options.set("autoRetryInterval", 1.0);
+  options.set("maxRetryAttempts", 1000000);
+  options.set("attemptReconnect", true);
+  options.set("heartbeatDisconnectTimeout", 0.0);
+  options.set("heartbeatProblemTimeout", 0.0);
+  return options;
+}
+
+void QELNKLegacyClient::setOptions(const Value &options) {
+  QELNKLegacyStream::setOptions(options);
+  const std::lock_guard lock(clientState_->mutex);
+  const auto seconds = [&](std::string_view key, double &field) {
+    if (const Value *value = options.find(key); value && value->isNumber()) field = value->doubleValue();
+  };
+  seconds("connectTimeout", clientState_->connectTimeout);
+  seconds("autoConnectDelay", clientState_->autoReconnectDelay);
+  seconds("autoRetryInterval", clientState_->autoRetryInterval);
+  if (const Value *count = options.find("maxRetryAttempts"); count && count->isInteger())
+    clientState_->maxRetryAttempts = count->integerValue();
+  if (const Value *flag = options.find("attemptReconnect"); flag && flag->isBool())
+    clientState_->attemptReconnect = flag->boolValue();
+  seconds("heartbeatDisconnectTimeout", clientState_->heartbeatDisconnectTimeout);
+  seconds("heartbeatProblemTimeout", clientState_->heartbeatProblemTimeout);
+}
+
+// --- Connecting ---
+
+void QELNKLegacyClient::connect() {
+  setConnected(true);
+  _connect();
+}
+
+void QELNKLegacyClient::connectToHost(const std::string &host) {
+  setConnected(true);
+  _connectToHost(host);
+}
+
+void QELNKLegacyClient::_connect() { _connectToHost(host()); }
+
+void QELNKLegacyClient::_connectToHost(const std::string &host) {
+  const auto connectError = [&]() -> std::optional<ConnectError> {
+    const std::lock_guard lock(clientState_->mutex);
+    if (inputStream() || outputStream()) {
+      logDefault("{} attempted to reconnect while already connected", description());
+      clientState_->maxRetryAttempts = 0;
+      return alreadyConnected;
+    }
+    logDefault("{} connecting to {}:{}...", description(), host, clientState_->port);
+    clientState_->stop(clientState_->delayedConnect, clientState_->connectNumber);  // this is it
+    if (clientState_->connectTimeout > 0)
+      clientState_->start(clientState_->timeoutTimer, clientState_->timeoutNumber, clientState_->connectTimeout, {},
+                          weak_from_this(), &QELNKLegacyClient::timeoutReached);
+    const auto streams = streamsToHost(host, clientState_->port);
+    if (!streams) return noStreams;
+    setInputStream(streams.input, streams.output);
+    return std::nullopt;
+  };
+  if (clientState_->get(clientState_->isCancelled))
+    logDefault("{} wants to connect, but cancelled", description());
+  else if (const auto error = connectError())
+    connectFailedWithError(*error);
+}
+
+qelnk::StreamPair QELNKLegacyClient::streamsToHost(const std::string &host, uint64_t port) {
+  return qelnk::streamsToHost(host, port);
+}
+
+void QELNKLegacyClient::connectFailedWithError(int64_t error) {
+  const auto self = shared_from_this();
+  logDefault("{} connection failed with error: {}, will retry: {:d}", description(), error, willRetryConnect());
+  _disconnect();
+  informClient(false, 0, [error, willRetry = willRetryConnect()](const auto &client, const auto &delegate) {
+    delegate->networkClient(client, error, willRetry);
+  });
+  retryConnect();
+}
+
+bool QELNKLegacyClient::willRetryConnect() const {
+  const std::lock_guard lock(clientState_->mutex);
+  return clientState_->retryAttempts < clientState_->maxRetryAttempts && clientState_->connected;
+}
+
+void QELNKLegacyClient::retryConnect() {
+  const std::lock_guard lock(clientState_->mutex);
+  if (!willRetryConnect()) return logDefault("{} want to retry connection, but too many attempts", description());
+  ++clientState_->retryAttempts;
+  connectAfter(clientState_->autoRetryInterval);
+}
+
+void QELNKLegacyClient::reconnect() {
+  const std::lock_guard lock(clientState_->mutex);
+  if (!clientState_->attemptReconnect || !clientState_->connected) return;
+  clientState_->isReconnecting = true;
+  connectAfter(clientState_->autoReconnectDelay);
+}
+
+/// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a time.
+void QELNKLegacyClient::connectAfter(double seconds) {
+  clientState_->start(clientState_->delayedConnect, clientState_->connectNumber, seconds, {}, weak_from_this(),
+                      &QELNKLegacyClient::delayedConnect);
+}
+
+void QELNKLegacyClient::delayedConnect() {
+  if (isConnected() && !inputStream()) _connect();
+}
+
+void QELNKLegacyClient::timeoutReached() {
+  cancelTimeoutTimer();
+  connectFailedWithError(timedOut);
+}
+
+void QELNKLegacyClient::cancelTimeoutTimer() {
+  clientState_->stop(clientState_->timeoutTimer, clientState_->timeoutNumber);
+}
+
+void QELNKLegacyClient::cancelConnectAttempt() {
+  clientState_->set(clientState_->isCancelled, true);
+  _disconnect();
+}
+
+void QELNKLegacyClient::disconnect() {
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    clientState_->connected = false;
+    clientState_->isReconnecting = false;
+    clientState_->stop(clientState_->delayedConnect, clientState_->connectNumber);
+  }
+  QELNKLegacyStream::disconnect();
+}
+
+void QELNKLegacyClient::_disconnect() {
+  cancelTimeoutTimer();
+  cancelHeartbeatMonitor();
+  QELNKLegacyStream::_disconnect();
+}
+
+// --- What the stream has to tell ---
+
+template <class Call>
+void QELNKLegacyClient::informClient(bool queued, uint64_t bytes, Call call) {
+  State::inform(*this, queued, bytes, [call = std::move(call)](const auto &stream, const auto &delegate) {
+    if (const auto own = std::dynamic_pointer_cast<QELNKLegacyClientDelegate>(delegate))
+      call(std::static_pointer_cast<QELNKLegacyClient>(stream), own);
+  });
+}
+
+void QELNKLegacyClient::informDelegateStreamIsReady() {
+  cancelTimeoutTimer();
+  startHeartbeatMonitor();
+  informClient(false, 0, [](const auto &client, const auto &delegate) { delegate->networkClientIsReady(client); });
+  clientState_->set(clientState_->retryAttempts, int64_t(0));
+}
+
+void QELNKLegacyClient::informDelegateStreamWasTerminated() {
+  _disconnect();
+  if (!clientState_->get(clientState_->isReconnecting))
+    informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, const auto &delegate) {
+      delegate->networkClientWasTerminated(client, willReconnect);
+    });
+  reconnect();
+}
+
+/// The first sign of life after a reconnect.
+void QELNKLegacyClient::informReconnected() {
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    if (!std::exchange(clientState_->isReconnecting, false)) return;
+  }
+  informClient(false, 0, [](const auto &client, const auto &delegate) { delegate->networkClientIsReady(client); });
+}
+
+void QELNKLegacyClient::informDelegateOfReceivedString(const std::string &string) {
+  informReconnected();
+  informClient(true, string.size(),
+               [string](const auto &client, const auto &delegate) { delegate->networkClient(client, string); });
+}
+
+void QELNKLegacyClient::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
+  informClient(true, data.size(), [data, contentType](const auto &client, const auto &delegate) {
+    delegate->networkClient(client, data, contentType);
+  });
+}
+
+void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
+                                                            const std::optional<std::string> &extendedInformation) {
+  informReconnected();
+  bool cameBack = false;
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    clientState_->lastHeartbeat = wallTime();
+    cameBack = std::exchange(clientState_->heartbeatNotifiedProblem, false);
+  }
+  if (cameBack) {
+    logDefault("Connection Reestablished");
+    informClient(false, 0, [](const auto &client, const auto &delegate) {
+      delegate->networkClientHeartbeatNotification(client, false);
+    });
+  }
+  informClient(true, 0, [timecode, extendedInformation](const auto &client, const auto &delegate) {
+    delegate->networkClient(client, timecode, extendedInformation);
+  });
+}
+
+void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailedWithError(refused); }
+
+void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr<ByteStream> &stream) {
+  std::shared_ptr<NetService> service;
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    if (std::exchange(clientState_->attemptIPv4Fallback, false)) service = clientState_->netService;
+  }
+  if (service) {
+    logDefault("Address not available, attempting IPv4 fallback");
+    for (const std::string &bytes : service->addresses()) {
+      sockaddr_in address{};
+      if (bytes.size() != sizeof address) continue;
+      std::memcpy(&address, bytes.data(), sizeof address);
+      _disconnect();
+      return _connectToHost(stringFromIPv4Address(address.sin_addr.s_addr));
+    }
+  }
+  QELNKLegacyStream::handleAddressNotAvailableForStream(stream);
+}
+
+// --- Heartbeats ---
+
+void QELNKLegacyClient::startHeartbeatMonitor() {
+  cancelHeartbeatMonitor();
+  const std::lock_guard lock(clientState_->mutex);
+  if (!(clientState_->heartbeatDisconnectTimeout < 0 && clientState_->heartbeatProblemTimeout < 0)) return;
+  if (logsHeartbeatMonitor()) logDefault("Starting heartbeat monitor");
+  clientState_->lastHeartbeat = wallTime();
+  clientState_->heartbeatNotifiedProblem = false;
+  clientState_->start(clientState_->heartbeatTimer, clientState_->heartbeatNumber,
+                      std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval,
+                      weak_from_this(), &QELNKLegacyClient::heartbeatMonitorTask);
+}
+
+void QELNKLegacyClient::cancelHeartbeatMonitor() {
+  if (logsHeartbeatMonitor()) logDefault("Cancelling heartbeat monitor");
+  const std::lock_guard lock(clientState_->mutex);
+  clientState_->stop(clientState_->heartbeatTimer, clientState_->heartbeatNumber);
+  clientState_->lastHeartbeatCheck.reset();
+}
+
+void QELNKLegacyClient::heartbeatMonitorTask() {
+  if (logsHeartbeatMonitor()) logDefault("Heartbeat monitor");
+  const auto input = inputStream();
+  if (input && input->hasBytesAvailable()) return;  // the heartbeat may be among them
+  const double now = wallTime();
+  bool isLost = false, isOver = false;
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    const auto previous = std::exchange(clientState_->lastHeartbeatCheck, now);
+    if (previous && logsHeartbeatMonitor()) logDefault("Heartbeat last check at {}", *previous);
+    if (previous && *previous - now > clockSetBack) return;
+    const double age = clientState_->lastHeartbeat - now;  // negative, as the limits are
+    if (clientState_->heartbeatProblemTimeout > age) {
+      isLost = !std::exchange(clientState_->heartbeatNotifiedProblem, true);
+      isOver = clientState_->heartbeatDisconnectTimeout > age;
+    }
+  }
+  if (isLost) {
+    logDefault("Connection Possibly Lost");
+    informClient(false, 0, [](const auto &client, const auto &delegate) {
+      delegate->networkClientHeartbeatNotification(client, true);
+    });
+  }
+  if (isOver && input) stream(input, qelnk::StreamEvent::end);
+}
+
+// --- The service ---
+
+void QELNKLegacyClient::setNetService(std::shared_ptr<NetService> netService) {
+  if (!netService) logDefault("NetService is nil!");
+  takeNetService(std::move(netService));
+}
+
+void QELNKLegacyClient::takeNetService(std::shared_ptr<NetService> netService) {
+  const auto before = clientState_->get(clientState_->netService);
+  if (before && before != netService) {
+    before->setDelegate({});
+    before->stop();
+  }
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    clientState_->netService = netService;
+    clientState_->name = netService ? netService->name() : "";
+  }
+  if (!netService) return;
+  netService->setDelegate(std::static_pointer_cast<QELNKLegacyClient>(shared_from_this()));
+  if (!netService->addresses().empty()) return netServiceDidResolveAddress(netService);
+  logDefault("Trying to resolve net service {}", netService->name());
+  netService->resolveWithTimeout(resolveTimeout);
+}
+
+void QELNKLegacyClient::netServiceDidResolveAddress(const std::shared_ptr<NetService> &service) {
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    if (service != clientState_->netService) return;
+    logDefault("Resolved net service {}", service->name());
+    if (isReady() && service->hostName() == clientState_->host && service->port() == clientState_->port) return;
+    clientState_->host = service->hostName();
+    clientState_->port = service->port();
+  }
+  connect();
+}
+
+void QELNKLegacyClient::netServiceDidNotResolve(const std::shared_ptr<NetService> &, std::error_code error) {
+  logDefault("Could not resolve: {}", error.message());
+}
+
+void QELNKLegacyClient::netServiceDidUpdateTXTRecordData(const std::shared_ptr<NetService> &service,
+                                                         const std::string &data) {
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    if (service != clientState_->netService) return;
+    clientState_->serviceTXTRecordData = Data(data);
+    clientState_->serviceTXTRecordDictionary = NetService::dictionaryFromTXTRecordData(data);
+  }
+  informClient(true, data.size(), [](const auto &client, const auto &delegate) {
+    delegate->networkClientServiceUpdatedTXTRecordData(client);
+  });
+}
+
+// --- Properties ---
+
+bool QELNKLegacyClient::isConnected() const { return clientState_->get(clientState_->connected); }
+void QELNKLegacyClient::setConnected(bool connected) { clientState_->set(clientState_->connected, connected); }
+std::shared_ptr<NetService> QELNKLegacyClient::netService() const {
+  return clientState_->get(clientState_->netService);
+}
+std::string QELNKLegacyClient::name() const { return clientState_->get(clientState_->name); }
+void QELNKLegacyClient::setName(std::string name) { clientState_->set(clientState_->name, std::move(name)); }
+std::string QELNKLegacyClient::host() const { return clientState_->get(clientState_->host); }
+void QELNKLegacyClient::setHost(std::string host) { clientState_->set(clientState_->host, std::move(host)); }
+uint64_t QELNKLegacyClient::port() const { return clientState_->get(clientState_->port); }
+void QELNKLegacyClient::setPort(uint64_t port) { clientState_->set(clientState_->port, port); }
+double QELNKLegacyClient::connectTimeout() const { return clientState_->get(clientState_->connectTimeout); }
+void QELNKLegacyClient::setConnectTimeout(double seconds) {
+  clientState_->set(clientState_->connectTimeout, seconds < 0 ? 10.0 : seconds);
+}
+bool QELNKLegacyClient::attemptReconnect() const { return clientState_->get(clientState_->attemptReconnect); }
+void QELNKLegacyClient::setAttemptReconnect(bool flag) { clientState_->set(clientState_->attemptReconnect, flag); }
+double QELNKLegacyClient::autoReconnectDelay() const { return clientState_->get(clientState_->autoReconnectDelay); }
+void QELNKLegacyClient::setAutoReconnectDelay(double seconds) {
+  clientState_->set(clientState_->autoReconnectDelay, seconds);
+}
+double QELNKLegacyClient::autoRetryInterval() const { return clientState_->get(clientState_->autoRetryInterval); }
+void QELNKLegacyClient::setAutoRetryInterval(double seconds) {
+  clientState_->set(clientState_->autoRetryInterval, seconds < 0 ? 1.0 : seconds);
+}
+int64_t QELNKLegacyClient::maxRetryAttempts() const { return clientState_->get(clientState_->maxRetryAttempts); }
+void QELNKLegacyClient::setMaxRetryAttempts(int64_t count) { clientState_->set(clientState_->maxRetryAttempts, count); }
+int64_t QELNKLegacyClient::retryAttempts() const { return clientState_->get(clientState_->retryAttempts); }
+double QELNKLegacyClient::heartbeatDisconnectTimeout() const {
+  return clientState_->get(clientState_->heartbeatDisconnectTimeout);
+}
+void QELNKLegacyClient::setHeartbeatDisconnectTimeout(double seconds) {
+  clientState_->set(clientState_->heartbeatDisconnectTimeout, seconds);
+}
+double QELNKLegacyClient::heartbeatProblemTimeout() const {
+  return clientState_->get(clientState_->heartbeatProblemTimeout);
+}
+void QELNKLegacyClient::setHeartbeatProblemTimeout(double seconds) {
+  clientState_->set(clientState_->heartbeatProblemTimeout, seconds);
+}
+Data QELNKLegacyClient::serviceTXTRecordData() const { return clientState_->get(clientState_->serviceTXTRecordData); }
+qelnk::TXTRecordDictionary QELNKLegacyClient::serviceTXTRecordDictionary() const {
+  return clientState_->get(clientState_->serviceTXTRecordDictionary);
+}
+std::shared_ptr<QELNKLegacyClientDelegate> QELNKLegacyClient::delegate() const {
+  return std::dynamic_pointer_cast<QELNKLegacyClientDelegate>(QELNKLegacyStream::delegate());
+}
+void QELNKLegacyClient::setDelegate(std::weak_ptr<QELNKLegacyClientDelegate> delegate) {
+  QELNKLegacyStream::setDelegate(std::move(delegate));
+}
+
+std::string QELNKLegacyClient::description() const { return fmt::format("QELNKLegacyClient {}", name()); }

@@ -1,0 +1,47 @@
+#include <QELNetworkKit/QELNKLegacySerializer.h>
+
+#include <chrono>
+
+#include "platform/Thread.h"
+
+using qelnk::Data;
+using qelnk::RunLoop;
+
+struct QELNKLegacySerializer::StreamThread {
+  explicit StreamThread(const QELNKLegacyStream &stream)
+      : thread("Stream Thread for Stream " + stream.description(), [](const std::stop_token &token) {
+          const auto loop = RunLoop::current();
+          while (!token.stop_requested()) loop->run();
+        }) {}
+  qelnk::Thread thread;
+};
+
+QELNKLegacySerializer::QELNKLegacySerializer(std::shared_ptr<QELNKLegacyStream> stream)
+    : stream_(std::move(stream)), streamThread_(std::make_unique<StreamThread>(*stream_)) {}
+
+QELNKLegacySerializer::~QELNKLegacySerializer() { cancel(); }
+
+void QELNKLegacySerializer::writeString(const std::string &string) {
+  const std::lock_guard lock(mutex_);
+  if (streamThread_)
+    streamThread_->thread.runLoop()->perform([stream = stream_, string] { stream->writeString(string); });
+}
+
+void QELNKLegacySerializer::writeData(const Data &data) {
+  const std::lock_guard lock(mutex_);
+  if (streamThread_)
+    streamThread_->thread.runLoop()->perform([stream = stream_, data] { stream->writeData(data); });
+}
+
+void QELNKLegacySerializer::cancel() {
+  RunLoop::current()->cancelPerforms(stream_.get());
+  std::unique_ptr<StreamThread> ending;
+  {
+    const std::lock_guard lock(mutex_);
+    ending.swap(streamThread_);
+  }
+  if (!ending) return;
+  ending->thread.cancel();
+  while (!ending->thread.isCurrent() && !ending->thread.endsWithin(std::chrono::seconds(1))) {
+  }
+}

@@ -1,0 +1,247 @@
+#include <QELNetworkKit/QELNKLegacyServer.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <mutex>
+#include <utility>
+
+#include "platform/Guard.h"
+#include "platform/ListeningSocket.h"
+#include "platform/LogFormat.h"
+
+using qelnk::Data;
+using qelnk::Error;
+using qelnk::ListeningSocket;
+using qelnk::Value;
+using qelnk::logDefault;
+using qelnk::logError;
+
+const char *const QELNKTCPServerErrorDomain = "QELNKTCPServerErrorDomain";
+
+namespace {
+
+/// The platform's number for an accepted connection, as log lines have it.
+constexpr int acceptEvent = 2;
+constexpr int portsTried = 10;
+
+using Streams = std::vector<std::shared_ptr<QELNKLegacyStream>>;
+
+}  // namespace
+
+struct QELNKLegacyServer::State {
+  /// The server's lock, re-entrant: taken for each write to all, so that all connections get the same order.
+  mutable std::recursive_mutex mutex;
+  std::unique_ptr<ListeningSocket> ipv4Socket, ipv6Socket;
+  std::optional<Streams> terminatedStreams;  // there while a write to all runs
+  uint16_t port = 0;
+  uint32_t bindingIPAddress = 0;
+  std::weak_ptr<QELNKLegacyServerDelegate> delegate;
+  Streams streams;
+  std::string name;
+  Value streamOptions;
+
+  template <class Field>
+  Field locked(const Field &field) const {
+    const std::lock_guard lock(mutex);
+    return field;
+  }
+};
+
+QELNKLegacyServer::QELNKLegacyServer(std::string name, uint16_t port, const Value &streamOptions)
+    : state_(std::make_unique<State>()) {
+  state_->name = std::move(name);
+  state_->port = port;
+  state_->streamOptions = streamOptions;
+}
+
+QELNKLegacyServer::~QELNKLegacyServer() = default;
+
+std::shared_ptr<QELNKLegacyServer> QELNKLegacyServer::create(std::string name, uint16_t port,
+                                                             const Value &streamOptions) {
+  return own(new QELNKLegacyServer(std::move(name), port, streamOptions));
+}
+
+// --- Listening ---
+
+/// Makes both sockets listen on `port`. Returns 0, or the code of what failed, for `reason`.
+int64_t QELNKLegacyServer::listen(uint16_t port, std::error_code &reason) {
+  using Family = ListeningSocket::Family;
+  state_->ipv4Socket = ListeningSocket::create(Family::ipv4, reason);
+  state_->ipv6Socket = state_->ipv4Socket ? ListeningSocket::create(Family::ipv6, reason) : nullptr;
+  if (!state_->ipv6Socket) return noSocket;
+  state_->ipv4Socket->setReuseAddress();
+  state_->ipv6Socket->setReuseAddress();
+  if (state_->bindingIPAddress != 0) logDefault("*** Binding custom IP Address.");
+  if ((reason = state_->ipv4Socket->bind(port, state_->bindingIPAddress))) return ipv4NotBound;
+  if (port == 0) port = state_->ipv4Socket->port();
+  if ((reason = state_->ipv6Socket->bind(port))) return ipv6NotBound;
+  state_->port = port;
+  return 0;
+}
+
+bool QELNKLegacyServer::start(Error *error) {
+  const std::lock_guard lock(state_->mutex);
+  if (state_->ipv4Socket) {
+    logError("QELNKLegacyServer listens already, on port {}", state_->port);
+    return true;
+  }
+  std::error_code reason;
+  const uint16_t port = state_->port;
+  int64_t code = listen(port, reason);
+  // What the system chose for IPv4 may be taken for IPv6: it chooses again.
+  for (int attempt = 1; code == ipv6NotBound && port == 0 && attempt < portsTried; ++attempt)
+    code = listen(port, reason);
+  if (code != 0) return returnWithErrorCode(code, reason, error);
+  for (auto *socket : {&state_->ipv4Socket, &state_->ipv6Socket}) {
+    reason = (*socket)->accept(qelnk::RunLoop::current(), [weak = weak_from_this()](int connection, auto &address) {
+      const auto streams = qelnk::streamsWithSocket(connection);  // closed with the last of them
+      if (const auto self = weak.lock()) self->accept(streams, address);
+    });
+    if (reason) return returnWithErrorCode(noSocket, reason, error);
+  }
+  return true;
+}
+
+bool QELNKLegacyServer::returnWithErrorCode(int64_t code, const std::error_code &reason, Error *error) {
+  if (error) *error = {QELNKTCPServerErrorDomain, code, reason.message(), {}};
+  const std::lock_guard lock(state_->mutex);
+  state_->ipv4Socket.reset();
+  state_->ipv6Socket.reset();
+  return false;
+}
+
+void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::string &address) {
+  logDefault("TCPServerAcceptCallBack type: {}", acceptEvent);
+  if (!streams) return;
+  logDefault("Got streams");
+  // Under the lock throughout: the connection may end, and is to be taken off the list, before it is on it.
+  const std::lock_guard lock(state_->mutex);
+  if (!state_->ipv4Socket) return;  // stopped meanwhile
+  const auto stream = QELNKLegacyStream::create(state_->streamOptions);
+  const Value *own = state_->streamOptions.find("multiThreaded");
+  if (own && own->isBool() && !stream->thread()) return;  // there was none to be had, and the log has it
+  stream->setDelegate(std::static_pointer_cast<QELNKLegacyStreamDelegate>(shared_from_this()));
+  stream->setPeerAddressFromData(Data(address));
+  state_->streams.push_back(stream);
+  stream->setInputStream(streams.input, streams.output);
+}
+
+void QELNKLegacyServer::stop() {
+  Streams streams;  // these go after the lock: that waits for their threads
+  std::unique_ptr<ListeningSocket> ipv4Socket, ipv6Socket;
+  const std::lock_guard lock(state_->mutex);
+  streams.swap(state_->streams);
+  state_->terminatedStreams.reset();
+  state_->name.clear();
+  ipv4Socket.swap(state_->ipv4Socket);
+  ipv6Socket.swap(state_->ipv6Socket);
+}
+
+// --- Writing ---
+
+template <class Write>
+void QELNKLegacyServer::writeToAll(Write write) {
+  Streams terminated;  // goes after the lock
+  const std::lock_guard lock(state_->mutex);
+  state_->terminatedStreams.emplace();
+  for (const auto &stream : state_->streams) write(*stream);
+  if (state_->terminatedStreams) terminated.swap(*state_->terminatedStreams);
+  state_->terminatedStreams.reset();
+  for (const auto &stream : terminated) std::erase(state_->streams, stream);
+}
+
+void QELNKLegacyServer::writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator) {
+  writeToAll([&](QELNKLegacyStream &stream) { stream.writeBytes(bytes, length, appendingZeroTerminator, false); });
+}
+
+void QELNKLegacyServer::writeData(const Data &data) {
+  writeToAll([&](QELNKLegacyStream &stream) { stream.writeData(data); });
+}
+
+void QELNKLegacyServer::writeString(const std::string &string) {
+  if (!QELNKLegacyStream::isWritable(string)) return;
+  size_t length = 0;
+  const char *const bytes = bytesFromString(string, length);
+  writeBytes(bytes, length, false);
+}
+
+const char *QELNKLegacyServer::bytesFromString(const std::string &string, size_t &length) {
+  length = string.size() + 1;
+  return string.c_str();
+}
+
+void QELNKLegacyServer::writeBinaryData(const Data &data, const std::string &contentType, bool fenced) {
+  writeToAll([&](QELNKLegacyStream &stream) { stream.writeBinaryData(data, contentType, fenced); });
+}
+
+std::string QELNKLegacyServer::timecodeStringForTimecode(const QELProjectTimecode &timecode,
+                                                         const std::optional<std::string> &extendedInformation) {
+  return extendedInformation ? fmt::format("heartbeat {} {}", timecode.XMLRepresentation(), *extendedInformation)
+                             : fmt::format("heartbeat {}", timecode.XMLRepresentation());
+}
+
+void QELNKLegacyServer::sendHeartbeatAtTimecode(const QELProjectTimecode &timecode,
+                                                const std::optional<std::string> &extendedInformation) {
+  writeString(timecodeStringForTimecode(timecode, extendedInformation));
+}
+
+// --- What the connections tell ---
+
+void QELNKLegacyServer::networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
+                                      const std::string &receivedString) {
+  if (const auto observer = delegate()) observer->networkService(shared_from_this(), stream, receivedString);
+}
+
+void QELNKLegacyServer::networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
+                                      const QELProjectTimecode &receivedHeartbeatAtTimecode,
+                                      const std::optional<std::string> &withExtendedInformation) {
+  if (const auto observer = delegate())
+    observer->networkService(shared_from_this(), stream, receivedHeartbeatAtTimecode, withExtendedInformation);
+}
+
+void QELNKLegacyServer::networkStreamIsReady(const std::shared_ptr<QELNKLegacyStream> &stream) {
+  if (const auto observer = delegate()) observer->networkServiceNetworkStreamIsReady(shared_from_this(), stream);
+}
+
+void QELNKLegacyServer::networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) {
+  const auto observer = delegate();
+  if (observer)
+    qelnk::runGuarded("QELNKLegacyServer delegate",
+                      [&] { observer->networkServiceNetworkStreamWasTerminated(shared_from_this(), stream); });
+  const std::lock_guard lock(state_->mutex);
+  if (state_->terminatedStreams)
+    state_->terminatedStreams->push_back(stream);
+  else
+    std::erase(state_->streams, stream);
+}
+
+// --- Properties ---
+
+uint16_t QELNKLegacyServer::port() const { return state_->locked(state_->port); }
+std::string QELNKLegacyServer::name() const { return state_->locked(state_->name); }
+uint32_t QELNKLegacyServer::bindingIPAddress() const { return state_->locked(state_->bindingIPAddress); }
+
+void QELNKLegacyServer::setBindingIPAddress(uint32_t address) {
+  const std::lock_guard lock(state_->mutex);
+  state_->bindingIPAddress = address;
+}
+
+Value QELNKLegacyServer::streamOptions() const { return state_->locked(state_->streamOptions); }
+
+void QELNKLegacyServer::setStreamOptions(const Value &options) {
+  const std::lock_guard lock(state_->mutex);
+  state_->streamOptions = options;
+}
+
+std::vector<std::shared_ptr<QELNKLegacyStream>> QELNKLegacyServer::streams() const {
+  return state_->locked(state_->streams);
+}
+
+std::shared_ptr<QELNKLegacyServerDelegate> QELNKLegacyServer::delegate() const {
+  return state_->locked(state_->delegate).lock();
+}
+
+void QELNKLegacyServer::setDelegate(std::weak_ptr<QELNKLegacyServerDelegate> delegate) {
+  const std::lock_guard lock(state_->mutex);
+  state_->delegate.swap(delegate);
+}

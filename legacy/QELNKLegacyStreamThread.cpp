@@ -1,0 +1,73 @@
+#include <QELNetworkKit/QELNKLegacyStreamThread.h>
+
+#include <chrono>
+
+#include "platform/LogFormat.h"
+#include "platform/Thread.h"
+
+using qelnk::ByteStream;
+using qelnk::RunLoop;
+
+namespace {
+
+constexpr std::chrono::milliseconds shutdownReport{100};
+
+}  // namespace
+
+struct QELNKLegacyStreamThread::State {
+  qelnk::Thread thread{"qelnk-stream", [](const std::stop_token &token) {
+                         const auto loop = RunLoop::current();
+                         while (!token.stop_requested()) loop->run();
+                       }};
+};
+
+QELNKLegacyStreamThread::QELNKLegacyStreamThread(bool cancellable)
+    : cancellable_(cancellable), state_(std::make_unique<State>()) {}
+
+QELNKLegacyStreamThread::~QELNKLegacyStreamThread() = default;
+
+const std::shared_ptr<QELNKLegacyStreamThread> &QELNKLegacyStreamThread::singleThreaded() {
+  // Never destroyed: connections may outlive every other static object.
+  static const auto &shared = *new auto(std::make_shared<QELNKLegacyStreamThread>(false));
+  return shared;
+}
+
+std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStreamThread::multiThreaded() {
+  return std::make_shared<QELNKLegacyStreamThread>(true);
+}
+
+void QELNKLegacyStreamThread::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
+  if (!stream) return;
+  // Without holding the stream: one that its owner has let go meanwhile is not opened.
+  runLoop()->perform([weak = std::weak_ptr(stream), loop = std::weak_ptr(runLoop())] {
+    const auto scheduled = weak.lock();
+    if (!scheduled) return;
+    scheduled->schedule(loop.lock());
+    scheduled->open();
+  });
+}
+
+void QELNKLegacyStreamThread::closeStream(const std::shared_ptr<ByteStream> &stream) {
+  if (!stream) return;
+  const auto close = [&] {
+    stream->unschedule();
+    stream->setEventTarget(nullptr);
+    stream->close();
+  };
+  if (!runLoop()->performAndWait(close)) close();  // the thread has ended, so nobody else uses it
+}
+
+bool QELNKLegacyStreamThread::performSelectorOnTarget(qelnk::Task task, bool waitUntilDone) {
+  return waitUntilDone ? runLoop()->performAndWait(std::move(task)) : runLoop()->perform(std::move(task));
+}
+
+void QELNKLegacyStreamThread::cancel() {
+  if (!cancellable_) return;
+  state_->thread.cancel();
+  if (isCurrent()) return;
+  while (!state_->thread.endsWithin(shutdownReport)) qelnk::logDefault("Shutdown communication");
+}
+
+const std::shared_ptr<RunLoop> &QELNKLegacyStreamThread::runLoop() const { return state_->thread.runLoop(); }
+
+bool QELNKLegacyStreamThread::isCurrent() const { return state_->thread.isCurrent(); }
