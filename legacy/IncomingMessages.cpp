@@ -38,32 +38,36 @@ bool take(std::string_view &text, std::string_view prefix) {
   return true;
 }
 
-IncomingMessages::Message messageOf(std::string string) {
+/// Says what the string of a message is.
+void classify(IncomingMessages::Message &message) {
   using Kind = IncomingMessages::Kind;
-  IncomingMessages::Message message{Kind::string, std::move(string), {}, {}, {}, {}};
-  std::string_view rest = message.string;
-  if (rest == "handshake") {
+  const std::string_view string = message.string;
+  std::string_view rest = string;
+  message.kind = Kind::string;
+  message.informationBegin = std::string::npos;
+  if (!isText(string)) message.kind = Kind::invalidText;
+  // Nearly all strings are told from those of the protocol by their first character.
+  else if (string.front() == 'h' && rest == "handshake")
     message.kind = Kind::handshake;
-  } else if (take(rest, "host ")) {
+  else if (string.front() == 'h' && take(rest, "host "))
     message.kind = Kind::host;
-  } else if (rest.starts_with("ipv4")) {
+  else if (string.front() == 'i' && rest.starts_with("ipv4")) {
     message.kind = Kind::ipv4;
     rest = fromCharacter(rest, 5);
-  } else if (take(rest, "appID ")) {
+  } else if (string.front() == 'a' && take(rest, "appID "))
     message.kind = Kind::appID;
-  } else if (take(rest, "heartbeat ")) {
+  else if (string.front() == 'h' && take(rest, "heartbeat ")) {
     message.kind = Kind::heartbeat;
     const size_t first = countOfCharacters(rest) >= shortestWithInformation ? rest.find(' ') : std::string_view::npos;
     const size_t second = first == std::string_view::npos ? first : rest.find(' ', first + 1);
     if (second != std::string_view::npos) {
-      message.information = rest.substr(second + 1);
+      message.informationBegin = string.size() - rest.size() + second + 1;
       rest = rest.substr(0, second);
     }
-  } else if (take(rest, "!bin! ")) {
+  } else if (string.front() == '!' && take(rest, "!bin! "))
     message.kind = Kind::binaryHeader;
-  }
-  message.text = rest;
-  return message;
+  message.textBegin = size_t(rest.data() - string.data());
+  message.textEnd = message.textBegin + rest.size();
 }
 
 }  // namespace
@@ -80,54 +84,69 @@ void IncomingMessages::append(std::span<const uint8_t> chunk) {
   incoming_.insert(incoming_.end(), chunk.begin(), chunk.end());
 }
 
-std::optional<IncomingMessages::Message> IncomingMessages::next() {
-  if (pending_ > 0) return completeBlock();
-  while (auto message = completeString())
-    if (!message->string.empty()) return message;
-  return std::nullopt;
+bool isText(std::string_view bytes) {
+  uint64_t highBits = 0;
+  size_t at = 0;
+  for (uint64_t word; at + sizeof word <= bytes.size(); at += sizeof word) {
+    std::memcpy(&word, bytes.data() + at, sizeof word);
+    highBits |= word;
+  }
+  for (; at < bytes.size(); ++at) highBits |= uint8_t(bytes[at]);
+  return !(highBits & 0x8080808080808080) || simdjson::validate_utf8(bytes.data(), bytes.size());
 }
 
-std::optional<IncomingMessages::Message> IncomingMessages::completeBlock() {
-  if (block_.size() < pending_) return std::nullopt;
-  Message message{Kind::binary, {}, {}, {}, std::exchange(block_, {}), std::exchange(contentType_, {})};
+bool IncomingMessages::next(Message &message) { return pending_ > 0 ? checkIncomingBinaryData(message) : completeString(message); }
+
+bool IncomingMessages::checkIncomingBinaryData(Message &message) {
+  if (block_.size() < pending_) return false;
+  message.kind = Kind::binary;
+  message.data = std::exchange(block_, {});
+  message.string = std::exchange(contentType_, {});
   pending_ = 0;
   unsearched_ = std::min(incoming_.size() - begin_, chunkSize);
-  return message;
+  return true;
 }
 
-std::optional<IncomingMessages::Message> IncomingMessages::completeString() {
-  const uint8_t *const start = incoming_.data() + begin_, *const end = incoming_.data() + incoming_.size();
-  const void *const found = unsearched_ ? std::memchr(end - unsearched_, 0, unsearched_) : nullptr;
-  // The string ends at the first zero of all that is buffered, what is consumed at the one that was found.
-  const size_t length = found ? strnlen(reinterpret_cast<const char *>(start), size_t(end - start)) : size_t(end - start);
-  if (limits_.string && length > limits_.string) {
-    clear();
-    return Message{Kind::stringTooLong, "-", {}, {}, {}, {}};
+/// Empty strings are left out.
+bool IncomingMessages::completeString(Message &message) {
+  for (;;) {
+    const uint8_t *const start = incoming_.data() + begin_, *const end = incoming_.data() + incoming_.size();
+    const void *const found = unsearched_ ? std::memchr(end - unsearched_, 0, unsearched_) : nullptr;
+    const auto buffered = size_t(end - start);
+    // The string ends at the first zero of all that is buffered, what is consumed at the one that was found.
+    const size_t length = found ? strnlen(reinterpret_cast<const char *>(start), buffered) : buffered;
+    if (limits_.string && length > limits_.string) {
+      clear();
+      message.kind = Kind::stringTooLong;
+      message.string.clear();
+      return true;
+    }
+    if (!found) {
+      unsearched_ = 0;
+      return false;
+    }
+    unsearched_ = size_t(end - static_cast<const uint8_t *>(found)) - 1;
+    if (length > 0) message.string.assign(reinterpret_cast<const char *>(start), length);
+    consume(buffered - unsearched_);
+    if (length == 0) continue;
+    classify(message);
+    if (message.kind == Kind::binaryHeader) receiveHeader(message);
+    return true;
   }
-  if (!found) {
-    unsearched_ = 0;
-    return std::nullopt;
-  }
-  std::string string(reinterpret_cast<const char *>(start), length);
-  unsearched_ = size_t(end - static_cast<const uint8_t *>(found)) - 1;
-  consume(size_t(end - start) - unsearched_);
-  if (!simdjson::validate_utf8(string)) return Message{Kind::invalidText, std::move(string), {}, {}, {}, {}};
-  Message message = messageOf(std::move(string));
-  if (message.kind == Kind::binaryHeader) receiveHeader(message);
-  return message;
 }
 
 /// Prepares for the block that a header announces. One without a space behind the length announces none.
 void IncomingMessages::receiveHeader(Message &message) {
-  const size_t space = message.text.find(' ');
-  if (space == std::string::npos) return;
-  pending_ = uint64_t(Value(message.text).integerValue());
+  const std::string_view text = message.text();
+  const size_t space = text.find(' ');
+  if (space == std::string_view::npos) return;
+  pending_ = uint64_t(Value(text).integerValue());
   if (limits_.binary && pending_ > limits_.binary) {
     clear();
     message.kind = Kind::binaryTooLong;
     return;
   }
-  contentType_ = message.text.substr(space + 1);
+  contentType_ = text.substr(space + 1);
   unsearched_ = 0;  // until the block is complete; behind a block of no bytes too
   if (pending_ == 0) return;
   const size_t here = size_t(std::min<uint64_t>(incoming_.size() - begin_, pending_));

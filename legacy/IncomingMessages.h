@@ -11,6 +11,9 @@
 
 namespace qelnk {
 
+/// Whether these bytes are UTF-8.
+bool isText(std::string_view bytes);
+
 /// Takes what a peer sends apart into messages: strings that end in a zero byte, and binary blocks that a header string
 /// announces.
 ///
@@ -21,24 +24,28 @@ class IncomingMessages {
  public:
   enum class Kind {
     handshake,
-    host,          ///< text: the peer's name
-    ipv4,          ///< text: the peer's address, or empty
-    appID,         ///< text: the peer's application ID
-    heartbeat,     ///< text: the timecode; information: what follows it, if anything
-    binaryHeader,  ///< a block is to come, but for a header that cannot be read
-    string,        ///< text
-    binary,        ///< data and contentType
+    host,          ///< text(): the peer's name
+    ipv4,          ///< text(): the peer's address, or empty
+    appID,         ///< text(): the peer's application ID
+    heartbeat,     ///< text(): the timecode; information(): what follows it, if anything
+    binaryHeader,  ///< text(): what follows its mark; a block is to come, but for a header that cannot be read
+    string,        ///< text(): all of it
+    binary,        ///< data, and the content type as string
     invalidText,   ///< a string that is not UTF-8
     stringTooLong,
     binaryTooLong
   };
   struct Message {
-    Kind kind;
-    std::string string;  ///< the string itself, but for a binary block
-    std::string text;
-    std::optional<std::string> information;
+    Kind kind = Kind::string;
+    std::string string;
     Data data;
-    std::string contentType;
+    size_t textBegin = 0, textEnd = 0;               // within `string`
+    size_t informationBegin = std::string::npos;     // where there is some
+
+    std::string_view text() const { return std::string_view(string).substr(textBegin, textEnd - textBegin); }
+    std::optional<std::string> information() const {
+      return informationBegin == std::string::npos ? std::nullopt : std::optional(string.substr(informationBegin));
+    }
   };
   /// Longest string and binary block, in bytes; 0 for any.
   struct Limits {
@@ -50,8 +57,8 @@ class IncomingMessages {
   void setLimits(Limits limits) { limits_ = limits; }
   /// Hands over a chunk that was read.
   void append(std::span<const uint8_t> chunk);
-  /// The next complete message; none when more has to be read.
-  std::optional<Message> next();
+  /// Puts the next complete message into `message`, whose memory is used again; false when more has to be read.
+  bool next(Message &message);
   void clear();
 
   /// Bytes that are held, and the length of the binary block that is being received, 0 when none.
@@ -60,8 +67,8 @@ class IncomingMessages {
   const std::string &binaryContentType() const { return contentType_; }
 
  private:
-  std::optional<Message> completeBlock();
-  std::optional<Message> completeString();
+  bool checkIncomingBinaryData(Message &message);
+  bool completeString(Message &message);
   void receiveHeader(Message &message);
   void consume(size_t count);
 

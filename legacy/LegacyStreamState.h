@@ -6,6 +6,8 @@
 #include <array>
 #include <atomic>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "legacy/IncomingMessages.h"
 #include "legacy/OutgoingBytes.h"
@@ -13,12 +15,16 @@
 
 /// What a legacy stream is made of.
 struct QELNKLegacyStream::State {
+  std::weak_ptr<QELNKLegacyStream> held;
   std::atomic<uint64_t> status{0};
   std::atomic<bool> handledCloseError{false};
   std::atomic<bool> reading{false};
   std::atomic<bool> callDelegateOnMainThread{false};
 
-  /// The stream's lock, re-entrant: guards what is written and all that is small. No delegate is called under it.
+  /// Taken for each write to the connection, before the next: so that whoever queues does not wait for the system.
+  std::mutex flushMutex;
+
+  /// The stream's lock, re-entrant: guards what is queued and all that is small. No delegate is called under it.
   mutable std::recursive_mutex mutex;
   qelnk::OutgoingBytes outgoing;
   uint64_t dataFence = 0;
@@ -30,16 +36,19 @@ struct QELNKLegacyStream::State {
   qelnk::IncomingMessages::Limits limits;
   std::string appID;
   std::weak_ptr<QELNKLegacyStreamDelegate> delegate;
+  std::atomic<uint64_t> delegateVersion{1};
   std::any context;
   std::shared_ptr<qelnk::InputStream> input;
   std::shared_ptr<qelnk::OutputStream> output;
   std::shared_ptr<QELNKLegacyStreamThread> thread;
+  std::shared_ptr<QELNKLegacyStreamThread> connectionThread;  // the one that serves `input` and `output`
   std::array<uint8_t, 28> peerAddress{};
   std::optional<std::string> peerHostName, peerIPv4Address, peerAppID;
 
   /// What has been read; of its own, so that writing and reading do not wait for each other.
   std::mutex readMutex;
   qelnk::IncomingMessages incoming;
+  std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
 
   /// What waits for the main thread. While it is much, nothing is read.
   struct Deliveries {
@@ -48,8 +57,32 @@ struct QELNKLegacyStream::State {
     std::atomic<bool> readingPaused{false};
     bool areMany() const { return calls >= manyCalls || bytes >= manyBytes; }
     bool areFew() const { return calls <= manyCalls / 2 && bytes <= manyBytes / 2; }
+    void add(uint64_t size) {
+      ++calls;
+      bytes += size;
+    }
+    void remove(uint64_t size, const std::weak_ptr<QELNKLegacyStream> &stream) {
+      --calls;
+      bytes -= size;
+      resumeIfFew(stream);
+    }
+    void resumeIfFew(const std::weak_ptr<QELNKLegacyStream> &stream) {
+      if (readingPaused && areFew() && readingPaused.exchange(false)) resumeReading(stream);
+    }
   };
   const std::shared_ptr<Deliveries> deliveries = std::make_shared<Deliveries>();
+
+  bool stoppedReading = false;  // in the last read pass, because of what waits
+
+  std::shared_ptr<QELNKLegacyStreamThread> servingThread() const;
+  void dropConnection();
+  bool flush(bool inSpaceEvent);
+  bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
+
+  using Messages = std::vector<qelnk::IncomingMessages::Message>;
+  bool receiveSome(QELNKLegacyStream &stream, Messages &messages);
+  void receive(QELNKLegacyStream &stream, Messages::value_type &message);
+  std::pair<uint64_t, uint64_t> incomingState();
 
   template <class Field>
   Field locked(const Field &field) const {
@@ -57,33 +90,69 @@ struct QELNKLegacyStream::State {
     return field;
   }
 
-  /// Makes `call(stream, delegate)` where `stream`'s delegate is to be called. One that is queued to the main thread is
-  /// dropped once the stream is gone; `bytes` is what it keeps waiting.
-  template <class Call>
-  static void inform(QELNKLegacyStream &stream, bool queued, uint64_t bytes, Call call) {
-    if (!stream.callDelegateOnMainThread()) return make(stream.weak_from_this(), call);
-    const auto &deliveries = stream.state_->deliveries;
-    auto delivery = [weak = stream.weak_from_this(), call = std::move(call), deliveries, queued, bytes] {
-      make(weak, call);
-      if (!queued) return;
-      --deliveries->calls;
-      deliveries->bytes -= bytes;
-      if (deliveries->areFew() && deliveries->readingPaused.exchange(false))
-        if (const auto self = weak.lock()) self->state_->resumeReading(self);
-    };
-    if (queued) {
-      ++deliveries->calls;
-      deliveries->bytes += bytes;
+  /// A read pass under way on the calling thread. From one call of the delegate to the next it holds what the host
+  /// holds, the stream and the delegate; not what that has let go.
+  class ReadPass {
+   public:
+    explicit ReadPass(QELNKLegacyStream &stream) : source_(stream), outer_(std::exchange(current, this)) {}
+    ~ReadPass() { current = outer_; }
+    ReadPass(const ReadPass &) = delete;
+    ReadPass &operator=(const ReadPass &) = delete;
+
+    static ReadPass *of(const QELNKLegacyStream &stream) {
+      return current && &current->source_ == &stream ? current : nullptr;
     }
+    const std::shared_ptr<QELNKLegacyStream> &stream() {
+      if (stream_.use_count() < 2) {
+        stream_.reset();
+        stream_ = source_.weak_from_this().lock();
+      }
+      return stream_;
+    }
+    const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
+      const uint64_t version = source_.state_->delegateVersion;
+      if (version != version_ || delegate_.use_count() < 2) {
+        delegate_.reset();
+        delegate_ = source_.delegate();
+        version_ = version;
+      }
+      return delegate_;
+    }
+
+   private:
+    static thread_local ReadPass *current;
+    QELNKLegacyStream &source_;
+    std::shared_ptr<QELNKLegacyStream> stream_;
+    std::shared_ptr<QELNKLegacyStreamDelegate> delegate_;
+    uint64_t version_ = 0;
+    ReadPass *const outer_;
+  };
+
+  /// Makes `call(stream, delegate, arguments...)` where the delegate of `stream` is to be called. One that is queued to
+  /// the main thread is dropped once the host has let go of the stream; `bytes` is what it keeps waiting.
+  template <class Call, class... Arguments>
+  static void inform(QELNKLegacyStream &stream, bool queued, uint64_t bytes, Call call, const Arguments &...arguments) {
+    if (!stream.callDelegateOnMainThread()) {
+      if (auto *pass = ReadPass::of(stream)) return make(pass->stream(), pass->delegate(), call, arguments...);
+      const auto self = stream.weak_from_this().lock();
+      return make(self, stream.delegate(), call, arguments...);
+    }
+    auto delivery = [weak = stream.weak_from_this(), call = std::move(call), ... arguments = Arguments(arguments),
+                     deliveries = stream.state_->deliveries, queued, bytes] {
+      if (const auto self = weak.lock()) make(self, self->delegate(), call, arguments...);
+      if (queued) deliveries->remove(bytes, weak);
+    };
+    if (queued) stream.state_->deliveries->add(bytes);
     dispatchToMainThreadAsync(queued, std::move(delivery));
   }
-  void resumeReading(const std::shared_ptr<QELNKLegacyStream> &stream);
+  static void resumeReading(const std::weak_ptr<QELNKLegacyStream> &stream);
 
  private:
-  template <class Call>
-  static void make(const std::weak_ptr<QELNKLegacyStream> &weak, const Call &call) {
-    const auto stream = weak.lock();
-    const auto delegate = stream ? stream->delegate() : nullptr;
-    if (delegate) qelnk::runGuarded("QELNKLegacyStream delegate", [&] { call(stream, delegate); });
+  template <class Call, class... Arguments>
+  static void make(const std::shared_ptr<QELNKLegacyStream> &stream,
+                   const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate, const Call &call,
+                   const Arguments &...arguments) {
+    if (stream && delegate)
+      qelnk::runGuarded("QELNKLegacyStream delegate", [&] { call(stream, delegate, arguments...); });
   }
 };

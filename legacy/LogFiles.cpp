@@ -43,7 +43,8 @@ std::optional<std::string> QELNKLegacyStream::logFilenameForApp(const std::strin
                                                                 const std::string &extension) {
   if (!(loggingMask() & logFiles)) return std::nullopt;
   std::string component = appID;
-  std::replace(component.begin(), component.end(), ':', ' ');
+  std::replace_if(
+      component.begin(), component.end(), [](char c) { return c == ':' || c == '/'; }, ' ');
   const auto folder = std::filesystem::path(homeFolder()) / "Library" / "Logs" / "Kestrova" / component;
   std::error_code error;
   std::filesystem::create_directories(folder, error);

@@ -1,47 +1,61 @@
 #include "legacy/OutgoingBytes.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace qelnk {
 
 namespace {
 
 // Buffers from this size on are kept by reference; own segments grow up to it.
-constexpr size_t segmentSize = 65536;
+constexpr size_t smallestSegment = 256, segmentSize = 65536;
+// So much of several segments is put together; a longer segment is taken as it is.
+constexpr size_t gatheredAtMost = size_t(1) << 20;
 
 }  // namespace
 
 void OutgoingBytes::append(std::span<const uint8_t> bytes) {
   size_ += bytes.size();
   while (!bytes.empty()) {
-    if (segments_.empty() || !segments_.back().isOwn || segments_.back().bytes.size() >= segmentSize)
-      segments_.push_back({Data(), 0, true});
-    Data &last = segments_.back().bytes;
-    const auto part = bytes.first(std::min(bytes.size(), segmentSize - last.size()));
-    last.append(part);
+    if (segments_.empty() || segments_.back().roomLeft() == 0) addSegment();
+    Segment &last = segments_.back();
+    const auto part = bytes.first(std::min(bytes.size(), last.roomLeft()));
+    std::memcpy(last.room + last.filled, part.data(), part.size());
+    last.filled += part.size();
     bytes = bytes.subspan(part.size());
   }
 }
 
+/// Each is twice as large as the one before, so that little is set aside for little.
+void OutgoingBytes::addSegment() {
+  const size_t before = segments_.empty() ? 0 : segments_.back().bytes.size();
+  Segment segment{Data::uninitialized(std::clamp(before * 2, smallestSegment, segmentSize))};
+  segment.room = segment.bytes.mutableData();
+  segments_.push_back(std::move(segment));
+}
+
 void OutgoingBytes::append(const Data &bytes) {
   if (bytes.size() < segmentSize) return append(bytes.span());
-  segments_.push_back({bytes, 0, false});
+  segments_.push_back({bytes, nullptr, bytes.size()});
   size_ += bytes.size();
 }
 
-std::span<const uint8_t> OutgoingBytes::first(size_t limit) {
+OutgoingBytes::Piece OutgoingBytes::first(size_t limit) {
   if (limit == 0 || empty()) return {};
-  // So much is worth gathering; a longer front is taken as it is.
-  const size_t count = std::min({limit, size_, segmentSize});
-  if (const auto rest = segments_.front().rest(); rest.size() >= count) return rest.first(std::min(rest.size(), limit));
-  gathered_.clear();
+  const size_t count = std::min({limit, size_, gatheredAtMost});
+  const Segment &front = segments_.front();
+  if (const auto rest = front.rest(); rest.size() >= count) {
+    return {front.bytes, rest.first(std::min(rest.size(), limit))};
+  }
+  Data gathered;
   for (const Segment &segment : segments_) {
     const auto rest = segment.rest();
-    const auto part = rest.first(std::min(rest.size(), count - gathered_.size()));
-    gathered_.insert(gathered_.end(), part.begin(), part.end());
-    if (gathered_.size() == count) break;
+    gathered.append(rest.first(std::min(rest.size(), count - gathered.size())));
+    if (gathered.size() == count) break;
   }
-  return gathered_;
+  const auto bytes = gathered.span();
+  return {std::move(gathered), bytes};
 }
 
 void OutgoingBytes::removeFirst(size_t count) {
@@ -53,7 +67,6 @@ void OutgoingBytes::removeFirst(size_t count) {
     count -= part;
     if (front.rest().empty()) segments_.pop_front();
   }
-  if (size_ == 0) gathered_ = {};
 }
 
 void OutgoingBytes::clear() { *this = {}; }

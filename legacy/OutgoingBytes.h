@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <list>
 #include <span>
-#include <vector>
 
 namespace qelnk {
 
@@ -20,21 +19,26 @@ class OutgoingBytes {
 
   void append(std::span<const uint8_t> bytes);
   void append(const Data &bytes);
-  /// The first bytes, in one piece: `limit` of them or all, or 64 KiB at least. Valid until the next change.
-  std::span<const uint8_t> first(size_t limit);
+  /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. What is appended later does not move them.
+  struct Piece {
+    Data holder;
+    std::span<const uint8_t> bytes;
+  };
+  Piece first(size_t limit);
   void removeFirst(size_t count);
   void clear();
 
  private:
   struct Segment {
     Data bytes;
-    size_t taken = 0;
-    bool isOwn = false;  // more may be appended
-    std::span<const uint8_t> rest() const { return bytes.span().subspan(taken); }
+    uint8_t *room = nullptr;  // in `bytes`, where more may be put
+    size_t filled = 0, taken = 0;
+    size_t roomLeft() const { return room ? bytes.size() - filled : 0; }
+    std::span<const uint8_t> rest() const { return bytes.span().subspan(taken, filled - taken); }
   };
+  void addSegment();
   std::list<Segment> segments_;
   size_t size_ = 0;
-  std::vector<uint8_t> gathered_;  // of several segments, for first()
 };
 
 }  // namespace qelnk

@@ -107,7 +107,8 @@ struct QELNKLegacyClient::ClientState {
   /// Starts a timer on the calling thread's loop in place of the one there was. It calls `work` of `client` unless
   /// another has taken its place.
   void start(std::shared_ptr<LoopSource> &timer, uint64_t &number, double seconds, std::chrono::nanoseconds interval,
-             const std::weak_ptr<QELNKLegacyStream> &client, void (QELNKLegacyClient::*work)()) {
+             const std::weak_ptr<QELNKLegacyStream> &client, void (QELNKLegacyClient::*work)(),
+             const void *target = nullptr) {
     const std::lock_guard lock(mutex);
     stop(timer, number);
     timer = RunLoop::current()->performAfter(
@@ -116,7 +117,7 @@ struct QELNKLegacyClient::ClientState {
           const auto self = std::static_pointer_cast<QELNKLegacyClient>(client.lock());
           if (self && get(number) == mine) (*self.*work)();
         },
-        interval);
+        interval, target);
   }
 };
 
@@ -153,7 +154,11 @@ void QELNKLegacyClient::dealloc() {
 
 void QELNKLegacyClient::cleanUp() {
   disconnect();
-  const auto service = std::exchange(clientState_->netService, nullptr);
+  std::shared_ptr<NetService> service;
+  {
+    const std::lock_guard lock(clientState_->mutex);
+    service.swap(clientState_->netService);
+  }
   if (service) {
     service->setDelegate({});
     service->stop();
@@ -233,6 +238,11 @@ void QELNKLegacyClient::_connect() { _connectToHost(host()); }
 void QELNKLegacyClient::_connectToHost(const std::string &host) {
   const auto connectError = [&]() -> std::optional<ConnectError> {
     const std::lock_guard lock(clientState_->mutex);
+    if (clientState_->isCancelled) {
+      logDefault("{} wants to connect, but cancelled", description());
+      return std::nullopt;
+    }
+    if (!clientState_->connected) return std::nullopt;  // told to disconnect meanwhile
     if (inputStream() || outputStream()) {
       logDefault("{} attempted to reconnect while already connected", description());
       clientState_->maxRetryAttempts = 0;
@@ -242,16 +252,13 @@ void QELNKLegacyClient::_connectToHost(const std::string &host) {
     clientState_->stop(clientState_->delayedConnect, clientState_->connectNumber);  // this is it
     if (clientState_->connectTimeout > 0)
       clientState_->start(clientState_->timeoutTimer, clientState_->timeoutNumber, clientState_->connectTimeout, {},
-                          weak_from_this(), &QELNKLegacyClient::timeoutReached);
+                          held(), &QELNKLegacyClient::timeoutReached);
     const auto streams = streamsToHost(host, clientState_->port);
     if (!streams) return noStreams;
     setInputStream(streams.input, streams.output);
     return std::nullopt;
   };
-  if (clientState_->get(clientState_->isCancelled))
-    logDefault("{} wants to connect, but cancelled", description());
-  else if (const auto error = connectError())
-    connectFailedWithError(*error);
+  if (const auto error = connectError()) connectFailedWithError(*error);
 }
 
 qelnk::StreamPair QELNKLegacyClient::streamsToHost(const std::string &host, uint64_t port) {
@@ -259,10 +266,10 @@ qelnk::StreamPair QELNKLegacyClient::streamsToHost(const std::string &host, uint
 }
 
 void QELNKLegacyClient::connectFailedWithError(int64_t error) {
-  const auto self = shared_from_this();
+  const auto self = held();
   logDefault("{} connection failed with error: {}, will retry: {:d}", description(), error, willRetryConnect());
   _disconnect();
-  informClient(false, 0, [error, willRetry = willRetryConnect()](const auto &client, const auto &delegate) {
+  informClient(false, 0, [error, willRetry = willRetryConnect()](const auto &client, auto *delegate) {
     delegate->networkClient(client, error, willRetry);
   });
   retryConnect();
@@ -289,8 +296,8 @@ void QELNKLegacyClient::reconnect() {
 
 /// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a time.
 void QELNKLegacyClient::connectAfter(double seconds) {
-  clientState_->start(clientState_->delayedConnect, clientState_->connectNumber, seconds, {}, weak_from_this(),
-                      &QELNKLegacyClient::delayedConnect);
+  clientState_->start(clientState_->delayedConnect, clientState_->connectNumber, seconds, {}, held(),
+                      &QELNKLegacyClient::delayedConnect, static_cast<const QELNKLegacyStream *>(this));
 }
 
 void QELNKLegacyClient::delayedConnect() {
@@ -299,6 +306,7 @@ void QELNKLegacyClient::delayedConnect() {
 
 void QELNKLegacyClient::timeoutReached() {
   cancelTimeoutTimer();
+  if (isReady() || !inputStream()) return;  // while this was about to run
   connectFailedWithError(timedOut);
 }
 
@@ -329,25 +337,34 @@ void QELNKLegacyClient::_disconnect() {
 
 // --- What the stream has to tell ---
 
-template <class Call>
-void QELNKLegacyClient::informClient(bool queued, uint64_t bytes, Call call) {
-  State::inform(*this, queued, bytes, [call = std::move(call)](const auto &stream, const auto &delegate) {
-    if (const auto own = std::dynamic_pointer_cast<QELNKLegacyClientDelegate>(delegate))
-      call(std::static_pointer_cast<QELNKLegacyClient>(stream), own);
+template <class Call, class... Arguments>
+void QELNKLegacyClient::informClient(bool queued, uint64_t bytes, Call call, const Arguments &...arguments) {
+  State::inform(
+      *this, queued, bytes,
+      [call](const auto &stream, const auto &delegate, const auto &...told) {
+        if (auto *own = dynamic_cast<QELNKLegacyClientDelegate *>(delegate.get()))
+          call(std::static_pointer_cast<QELNKLegacyClient>(stream), own, told...);
+      },
+      arguments...);
+}
+
+void QELNKLegacyClient::informClientIsReady() {
+  informClient(false, 0, [](const auto &client, auto *delegate) {
+    if (client->isReady()) delegate->networkClientIsReady(client);  // it may have been disconnected meanwhile
   });
 }
 
 void QELNKLegacyClient::informDelegateStreamIsReady() {
   cancelTimeoutTimer();
   startHeartbeatMonitor();
-  informClient(false, 0, [](const auto &client, const auto &delegate) { delegate->networkClientIsReady(client); });
+  informClientIsReady();
   clientState_->set(clientState_->retryAttempts, int64_t(0));
 }
 
 void QELNKLegacyClient::informDelegateStreamWasTerminated() {
   _disconnect();
   if (!clientState_->get(clientState_->isReconnecting))
-    informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, const auto &delegate) {
+    informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, auto *delegate) {
       delegate->networkClientWasTerminated(client, willReconnect);
     });
   reconnect();
@@ -359,19 +376,23 @@ void QELNKLegacyClient::informReconnected() {
     const std::lock_guard lock(clientState_->mutex);
     if (!std::exchange(clientState_->isReconnecting, false)) return;
   }
-  informClient(false, 0, [](const auto &client, const auto &delegate) { delegate->networkClientIsReady(client); });
+  informClientIsReady();
 }
 
 void QELNKLegacyClient::informDelegateOfReceivedString(const std::string &string) {
   informReconnected();
-  informClient(true, string.size(),
-               [string](const auto &client, const auto &delegate) { delegate->networkClient(client, string); });
+  informClient(
+      true, string.size(),
+      [](const auto &client, auto *delegate, const auto &text) { delegate->networkClient(client, text); }, string);
 }
 
 void QELNKLegacyClient::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
-  informClient(true, data.size(), [data, contentType](const auto &client, const auto &delegate) {
-    delegate->networkClient(client, data, contentType);
-  });
+  informClient(
+      true, data.size(),
+      [](const auto &client, auto *delegate, const Data &block, const auto &type) {
+        delegate->networkClient(client, block, type);
+      },
+      data, contentType);
 }
 
 void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
@@ -385,13 +406,16 @@ void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTime
   }
   if (cameBack) {
     logDefault("Connection Reestablished");
-    informClient(false, 0, [](const auto &client, const auto &delegate) {
+    informClient(false, 0, [](const auto &client, auto *delegate) {
       delegate->networkClientHeartbeatNotification(client, false);
     });
   }
-  informClient(true, 0, [timecode, extendedInformation](const auto &client, const auto &delegate) {
-    delegate->networkClient(client, timecode, extendedInformation);
-  });
+  informClient(
+      true, extendedInformation ? extendedInformation->size() : 0,
+      [](const auto &client, auto *delegate, const auto &at, const auto &information) {
+        delegate->networkClient(client, at, information);
+      },
+      timecode, extendedInformation);
 }
 
 void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailedWithError(refused); }
@@ -426,7 +450,7 @@ void QELNKLegacyClient::startHeartbeatMonitor() {
   clientState_->heartbeatNotifiedProblem = false;
   clientState_->start(clientState_->heartbeatTimer, clientState_->heartbeatNumber,
                       std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval,
-                      weak_from_this(), &QELNKLegacyClient::heartbeatMonitorTask);
+                      held(), &QELNKLegacyClient::heartbeatMonitorTask);
 }
 
 void QELNKLegacyClient::cancelHeartbeatMonitor() {
@@ -439,7 +463,8 @@ void QELNKLegacyClient::cancelHeartbeatMonitor() {
 void QELNKLegacyClient::heartbeatMonitorTask() {
   if (logsHeartbeatMonitor()) logDefault("Heartbeat monitor");
   const auto input = inputStream();
-  if (input && input->hasBytesAvailable()) return;  // the heartbeat may be among them
+  if (!input) return cancelHeartbeatMonitor();  // disconnected while it was being started
+  if (input->hasBytesAvailable()) return;  // the heartbeat may be among them
   const double now = wallTime();
   bool isLost = false, isOver = false;
   {
@@ -455,11 +480,11 @@ void QELNKLegacyClient::heartbeatMonitorTask() {
   }
   if (isLost) {
     logDefault("Connection Possibly Lost");
-    informClient(false, 0, [](const auto &client, const auto &delegate) {
+    informClient(false, 0, [](const auto &client, auto *delegate) {
       delegate->networkClientHeartbeatNotification(client, true);
     });
   }
-  if (isOver && input) stream(input, qelnk::StreamEvent::end);
+  if (isOver) stream(input, qelnk::StreamEvent::end);
 }
 
 // --- The service ---
@@ -511,7 +536,7 @@ void QELNKLegacyClient::netServiceDidUpdateTXTRecordData(const std::shared_ptr<N
     clientState_->serviceTXTRecordData = Data(data);
     clientState_->serviceTXTRecordDictionary = NetService::dictionaryFromTXTRecordData(data);
   }
-  informClient(true, data.size(), [](const auto &client, const auto &delegate) {
+  informClient(true, data.size(), [](const auto &client, auto *delegate) {
     delegate->networkClientServiceUpdatedTXTRecordData(client);
   });
 }

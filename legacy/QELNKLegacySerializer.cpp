@@ -9,10 +9,11 @@ using qelnk::RunLoop;
 
 struct QELNKLegacySerializer::StreamThread {
   explicit StreamThread(const QELNKLegacyStream &stream)
-      : thread("Stream Thread for Stream " + stream.description(), [](const std::stop_token &token) {
-          const auto loop = RunLoop::current();
-          while (!token.stop_requested()) loop->run();
-        }) {}
+      : thread("Stream Thread for Stream " + stream.description(), streamThreadMain) {}
+  static void streamThreadMain(const std::stop_token &token) {
+    const auto loop = RunLoop::current();
+    while (!token.stop_requested()) loop->run();
+  }
   qelnk::Thread thread;
 };
 

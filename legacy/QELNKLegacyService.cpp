@@ -35,6 +35,7 @@ std::string QELNKLegacyService::localDomain() { return qelnk::localDomainName();
 
 bool QELNKLegacyService::start(qelnk::Error *error) {
   if (!QELNKLegacyServer::start(error)) return false;
+  if (error) *error = {};
   std::shared_ptr<NetService> service;
   {
     const std::lock_guard lock(serviceState_->mutex);
@@ -47,7 +48,6 @@ bool QELNKLegacyService::start(qelnk::Error *error) {
   service->setDelegate(std::static_pointer_cast<QELNKLegacyService>(shared_from_this()));
   logDefault("Publishing net service {} (port = {})", service->name(), port());
   service->publish();
-  if (error) *error = {};
   return true;
 }
 

@@ -1,13 +1,13 @@
 #include <QELNetworkKit/QELNKLegacyStream.h>
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <simdjson.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "legacy/LegacyStreamState.h"
 #include "platform/LogFormat.h"
@@ -30,6 +30,8 @@ bool logs(QELNKLegacyStream::Logging group) { return theLoggingMask.load(std::me
 
 // Of longer strings and writes the log has the beginning.
 constexpr size_t longestLogged = 256;
+// How many messages are taken out of what was read before they are told.
+constexpr size_t messagesAtOnce = 64;
 
 /// The first characters of a text, so many at most.
 std::string_view beginning(std::string_view text) {
@@ -51,6 +53,13 @@ void logOutgoingBytes(std::string_view bytes) {
     logDefault("Outgoing stream bytes (long): {} ...", bytes.substr(0, longestLogged));
   else
     logDefault("Outgoing stream bytes: {}", bytes.substr(0, bytes.find('\0')));
+}
+
+/// Lets go of a thread. Whoever does so last waits for its end, but for the thread itself, so that has to be the last.
+void release(std::shared_ptr<QELNKLegacyStreamThread> thread) {
+  if (!thread) return;
+  auto &there = *thread;
+  there.performSelectorOnTarget([thread = std::move(thread)] {}, false);
 }
 
 Value optionsWith(std::initializer_list<std::pair<Value, Value>> entries) { return Value::map(entries); }
@@ -99,7 +108,6 @@ void QELNKLegacyStream::setLoggingMask(uint64_t mask) { theLoggingMask = mask; }
 Value QELNKLegacyStream::options() const { return state_->locked(state_->options); }
 
 void QELNKLegacyStream::setOptions(const Value &options) {
-  std::shared_ptr<QELNKLegacyStreamThread> replaced;  // goes after the lock
   const auto number = [&](std::string_view key) {
     const Value *value = options.find(key);
     return value && value->isNumber() ? value : nullptr;
@@ -112,9 +120,10 @@ void QELNKLegacyStream::setOptions(const Value &options) {
   if (const auto *size = number("writeSize")) state_->maximumWriteSize = size->unsignedValue();
   if (const auto own = flag("multiThreaded")) {
     const bool hasIt = state_->thread && state_->thread->isCancellable() == *own;
-    if (!hasIt && !state_->input && !state_->output) try {
-        replaced = std::exchange(state_->thread, *own ? QELNKLegacyStreamThread::multiThreaded()
-                                                      : QELNKLegacyStreamThread::singleThreaded());
+    if (!hasIt) try {
+        auto thread =
+            *own ? QELNKLegacyStreamThread::multiThreaded() : QELNKLegacyStreamThread::singleThreaded();
+        release(std::exchange(state_->thread, std::move(thread)));
       } catch (const std::system_error &error) {
         logError("QELNKLegacyStream could not start a thread: {}", error.what());
       }
@@ -133,8 +142,21 @@ void QELNKLegacyStream::setOptions(const Value &options) {
 
 // --- Life ---
 
+thread_local QELNKLegacyStream::State::ReadPass *QELNKLegacyStream::State::ReadPass::current = nullptr;
+
 QELNKLegacyStream::QELNKLegacyStream() : state_(std::make_unique<State>()) {}
 QELNKLegacyStream::~QELNKLegacyStream() = default;
+
+std::shared_ptr<void> QELNKLegacyStream::hold(QELNKLegacyStream *stream) {
+  std::shared_ptr<void> held(static_cast<void *>(stream), [stream](void *) {
+    stream->dealloc();
+    delete stream;
+  });
+  stream->state_->held = std::shared_ptr<QELNKLegacyStream>(held, stream);
+  return held;
+}
+
+std::shared_ptr<QELNKLegacyStream> QELNKLegacyStream::held() const { return state_->held.lock(); }
 
 std::shared_ptr<QELNKLegacyStream> QELNKLegacyStream::create(const Value &options) {
   auto stream = own(new QELNKLegacyStream);
@@ -154,17 +176,18 @@ void QELNKLegacyStream::dealloc() {
   if (const auto thread = this->thread()) thread->cancel();
 }
 
+
 void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
                                        std::shared_ptr<OutputStream> outputStream) {
   std::shared_ptr<ByteStream> droppedInput, droppedOutput;  // go after the lock
   {
     const std::scoped_lock lock(state_->mutex, state_->readMutex);
-    state_->outgoing.clear();
-    state_->incoming.clear();
+    state_->dropConnection();
     state_->incoming.setLimits(state_->limits);
-    state_->missedSpaceEvent = false;
+    state_->handledCloseError = false;  // of this connection nothing has been handled
     droppedInput = std::exchange(state_->input, inputStream);
     droppedOutput = std::exchange(state_->output, outputStream);
+    release(std::exchange(state_->connectionThread, state_->thread));
   }
   scheduleStream(inputStream);
   scheduleStream(outputStream);
@@ -172,17 +195,17 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
 
 void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
   if (!stream) return;
-  stream->setEventTarget([self = weak_from_this(), from = std::weak_ptr(stream)](StreamEvent event) {
+  stream->setEventTarget([self = state_->held, from = std::weak_ptr(stream)](StreamEvent event) {
     const auto target = self.lock();
     const auto source = from.lock();
     if (target && source) target->stream(source, event);
   });
-  if (const auto thread = this->thread()) thread->scheduleStream(stream);
+  if (const auto thread = state_->servingThread()) thread->scheduleStream(stream);
 }
 
 std::nullptr_t QELNKLegacyStream::closeStream(const std::shared_ptr<ByteStream> &stream) {
   if (!stream) return nullptr;
-  if (const auto thread = this->thread()) {
+  if (const auto thread = state_->servingThread()) {
     thread->closeStream(stream);
   } else {  // it has never been scheduled
     stream->setEventTarget(nullptr);
@@ -197,17 +220,32 @@ void QELNKLegacyStream::_disconnect() {
   logDefault("Disconnect streams");
   std::shared_ptr<ByteStream> input, output;
   {
-    const std::lock_guard lock(state_->mutex);
+    const std::scoped_lock lock(state_->mutex, state_->readMutex);
     input = std::exchange(state_->input, nullptr);
     output = std::exchange(state_->output, nullptr);
+    state_->dropConnection();
   }
   closeStream(input);
   closeStream(output);
-  const std::scoped_lock lock(state_->mutex, state_->readMutex);
-  if (state_->input || state_->output) return;  // connected again meanwhile
-  state_->incoming.clear();
-  state_->outgoing.clear();
-  state_->status = 0;
+  const std::lock_guard lock(state_->mutex);
+  if (state_->input || state_->output) return;
+  state_->status = 0;  // what an event that was under way has set
+  release(std::exchange(state_->connectionThread, nullptr));
+}
+
+/// The thread of the connection, or of the next one.
+std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::State::servingThread() const {
+  const std::lock_guard lock(mutex);
+  return connectionThread ? connectionThread : thread;
+}
+
+/// Under both locks.
+void QELNKLegacyStream::State::dropConnection() {
+  ++connections;
+  incoming.clear();
+  outgoing.clear();
+  status = 0;
+  missedSpaceEvent = flushScheduled = false;
 }
 
 // --- Writing ---
@@ -225,17 +263,19 @@ bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shar
     state_->outgoing.append(span);
   constexpr uint8_t terminator = 0;
   if (terminated) state_->outgoing.append({&terminator, 1});
-  if (!state_->missedSpaceEvent || !state_->thread) return true;
+  if (!state_->missedSpaceEvent || !state_->connectionThread) return true;
   if (logs(logFlushes))
     logDefault("Flushed output in write bytes, missed space event = {:d}", state_->missedSpaceEvent);
   // One request does for all that is queued until it is served: it writes, and so brings space events for the rest.
   if (!state_->flushScheduled)
-    state_->flushScheduled = state_->thread->performSelectorOnTarget(
-        [weak = weak_from_this()] {
+    state_->flushScheduled = state_->connectionThread->performSelectorOnTarget(
+        [weak = state_->held] {
           const auto self = weak.lock();
           if (!self) return;
-          const std::lock_guard flushLock(self->state_->mutex);
-          self->state_->flushScheduled = false;
+          {
+            const std::lock_guard inner(self->state_->mutex);
+            self->state_->flushScheduled = false;
+          }
           self->flushOutput();
         },
         false);
@@ -248,7 +288,7 @@ bool QELNKLegacyStream::writeBytes(const void *bytes, size_t length, bool append
 }
 
 bool QELNKLegacyStream::isWritable(const std::string &string) {
-  const bool writable = string.find('\0') == std::string::npos && simdjson::validate_utf8(string);
+  const bool writable = string.find('\0') == std::string::npos && qelnk::isText(string);
   if (!writable) logError("QELNKLegacyStream cannot write a string that holds a zero byte or is not UTF-8");
   return writable;
 }
@@ -276,22 +316,33 @@ bool QELNKLegacyStream::writeBinaryData(const Data &data, const std::string &con
   return true;
 }
 
-bool QELNKLegacyStream::flushOutput() {
-  const std::lock_guard lock(state_->mutex);
-  if (state_->outgoing.empty()) return false;
-  const auto bytes = state_->outgoing.first(state_->maximumWriteSize);
-  if (logs(logFlushedBytes)) logDefault("Flushing {} bytes to output stream", bytes.size());
-  const ssize_t written = state_->output ? state_->output->write(bytes) : 0;
-  if (written < 0) {
-    logDefault("Network write error, will try again!");
-    state_->status = 0;
-    return true;
+bool QELNKLegacyStream::flushOutput() { return state_->flush(false); }
+
+/// What a space event has found out is noted before anybody can queue more.
+bool QELNKLegacyStream::State::flush(bool inSpaceEvent) {
+  const std::lock_guard flushing(flushMutex);
+  std::unique_lock lock(mutex);
+  const auto result = [&](bool flushed) {
+    if (inSpaceEvent) missedSpaceEvent = !flushed;
+    return flushed;
+  };
+  if (outgoing.empty()) return result(false);
+  const auto piece = outgoing.first(maximumWriteSize);
+  const auto to = output;
+  const uint64_t connection = connections;
+  lock.unlock();
+  if (logs(logFlushedBytes)) logDefault("Flushing {} bytes to output stream", piece.bytes.size());
+  const ssize_t written = to ? to->write(piece.bytes) : 0;
+  if (written < 0) logDefault("Network write error, will try again!");
+  if (written > 0 && logs(logFlushedBytes)) logDefault("Flushed {} bytes to output stream", written);
+  lock.lock();
+  if (connections != connection) return true;  // of the new one nothing is known yet
+  if (written < 0) status = 0;
+  if (written > 0) {
+    outgoing.removeFirst(size_t(written));
+    dataFence -= std::min(dataFence, uint64_t(written));
   }
-  if (written == 0) return false;
-  state_->outgoing.removeFirst(size_t(written));
-  if (logs(logFlushedBytes)) logDefault("Flushed {} bytes to output stream", written);
-  state_->dataFence -= std::min(state_->dataFence, uint64_t(written));
-  return true;
+  return result(written != 0);
 }
 
 uint64_t QELNKLegacyStream::outgoingLength() const {
@@ -301,7 +352,7 @@ uint64_t QELNKLegacyStream::outgoingLength() const {
 
 void QELNKLegacyStream::queueHandshake() {
   constexpr std::string_view handshake("handshake\0", 10);
-  if (state_->appID.empty()) logError("{} has no application ID for its handshake", description());
+  if (state_->appID.empty()) logError("QELNKLegacyStream has no application ID for its handshake");
   writeBytes(handshake.data(), handshake.size(), false, true);
   for (const std::string &message : {hostMessage(), ipv4Message(), "appID " + state_->appID})
     writeBytes(message.data(), message.size(), true, true);
@@ -338,7 +389,7 @@ void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
 // --- Events ---
 
 void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, StreamEvent event) {
-  const auto self = shared_from_this();
+  const auto self = held();
   const auto input = inputStream();
   const auto output = outputStream();
   const bool isInput = stream && stream == input, isOutput = stream && stream == output;
@@ -357,12 +408,9 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       break;
     case StreamEvent::spaceAvailable: {
       setStatus(hasSpace, isOutput);
-      if (!isOutput) break;
-      const std::lock_guard lock(state_->mutex);
-      if (state_->output != output) break;
-      state_->missedSpaceEvent = !flushOutput();
-      if (logs(logFlushes))
-        logDefault("Flushed output in space available, missed space event = {:d}", state_->missedSpaceEvent);
+      if (!isOutput || outputStream() != output) break;
+      const bool flushed = state_->flush(true);
+      if (logs(logFlushes)) logDefault("Flushed output in space available, missed space event = {:d}", !flushed);
       break;
     }
     case StreamEvent::error: {
@@ -386,113 +434,141 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
 void QELNKLegacyStream::terminate() {
   const auto input = inputStream();
   informDelegateStreamWasTerminated();
-  if (const auto now = inputStream(); !now || now == input) _disconnect();
+  if (input && input == inputStream()) _disconnect();
 }
 
 void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) {
   if (state_->reading.exchange(true)) return;
-  std::array<uint8_t, IncomingMessages::chunkSize> chunk;
   const auto &deliveries = state_->deliveries;
-  while (!deliveries->areMany() && input->hasBytesAvailable()) {
-    const ssize_t count = input->read(chunk);
-    if (count < 0) {
-      state_->status = 0;
-      return;  // still reading, so that nothing more is read here
-    }
+  bool failed = false;
+  qelnk::runGuarded("QELNKLegacyStream", [&] { failed = !state_->readAll(*this, *input); });
+  if (failed) {
+    state_->status = 0;
+    return;  // still reading, so that nothing more is read here
+  }
+  state_->reading = false;
+  if (state_->stoppedReading) {
+    deliveries->readingPaused = true;
+    deliveries->resumeIfFew(state_->held);
+  }
+  // Whoever connected again meanwhile was told that a read pass is running.
+  if (const auto now = inputStream(); now && now != input) State::resumeReading(state_->held);
+}
+
+/// Reads what there is, unless too much waits for the main thread. Returns false when reading failed.
+bool QELNKLegacyStream::State::readAll(QELNKLegacyStream &stream, InputStream &from) {
+  const ReadPass pass(stream);
+  const uint64_t connection = connections;
+  std::array<uint8_t, IncomingMessages::chunkSize> chunk;
+  Messages messages;
+  while (!(stoppedReading = deliveries->areMany()) && from.hasBytesAvailable()) {
+    const ssize_t count = from.read(chunk);
+    if (count < 0) return false;
     try {
       {
-        const std::lock_guard lock(state_->readMutex);
-        state_->incoming.append({chunk.data(), size_t(count)});
+        const std::lock_guard lock(readMutex);
+        if (connections != connection) return true;
+        incoming.append({chunk.data(), size_t(count)});
       }
-      while (receiveNext()) {
+      while (receiveSome(stream, messages)) {
       }
     } catch (const std::bad_alloc &) {
       logError("QELNKLegacyStream ends the connection: no memory for what was received");
-      if (!state_->handledCloseError.exchange(true)) terminate();
+      if (!handledCloseError.exchange(true)) stream.terminate();
     }
   }
-  state_->reading = false;
-  if (deliveries->areMany()) {
-    deliveries->readingPaused = true;
-    if (deliveries->areFew() && deliveries->readingPaused.exchange(false)) state_->resumeReading(shared_from_this());
-  }
-  // Whoever connected again meanwhile was told that a read pass is running.
-  if (const auto now = inputStream(); now && now != input) state_->resumeReading(shared_from_this());
+  return true;
 }
 
-void QELNKLegacyStream::State::resumeReading(const std::shared_ptr<QELNKLegacyStream> &stream) {
-  if (const auto owner = stream->thread())
+void QELNKLegacyStream::State::resumeReading(const std::weak_ptr<QELNKLegacyStream> &weak) {
+  const auto stream = weak.lock();
+  if (const auto owner = stream ? stream->state_->servingThread() : nullptr)
     owner->performSelectorOnTarget(
-        [weak = std::weak_ptr(stream)] {
-          const auto self = weak.lock();
+        [held = stream->state_->held] {
+          const auto self = held.lock();
           if (const auto from = self ? self->inputStream() : nullptr) self->stream(from, StreamEvent::bytesAvailable);
         },
         false);
 }
 
-/// Deals with the next message of what has been read; whether there was one.
-bool QELNKLegacyStream::receiveNext() {
-  using Kind = IncomingMessages::Kind;
-  std::optional<IncomingMessages::Message> message;
-  uint64_t pending = 0, buffered = 0;
+/// Deals with the next messages of what has been read, for which `messages` is room; whether there may be more.
+bool QELNKLegacyStream::State::receiveSome(QELNKLegacyStream &stream, Messages &messages) {
+  const uint64_t connection = connections;
+  size_t count = 0;
+  bool goesOn = true;
   {
-    const std::lock_guard lock(state_->readMutex);
-    message = state_->incoming.next();
-    pending = state_->incoming.binaryDataPending();
-    buffered = state_->incoming.buffered();
+    const std::lock_guard lock(readMutex);
+    while (goesOn && count < messagesAtOnce) {
+      if (count == messages.size()) messages.emplace_back();
+      if (!(goesOn = incoming.next(messages[count]))) break;
+      // What the log says of a header or a block is about what is buffered then.
+      const auto kind = messages[count++].kind;
+      if (kind == IncomingMessages::Kind::binaryHeader || kind == IncomingMessages::Kind::binary) break;
+    }
   }
-  if (!message) return false;
-  if (logs(logIncoming)) {
-    if (message->kind == Kind::binary)
-      logDefault("Received for {} binary data bytes, incoming buffer length {}", message->data.size(),
-                 message->data.size() + buffered);
-    else
-      logIncomingString(message->string);
-  }
+  for (size_t i = 0; i < count && connections == connection; ++i) receive(stream, messages[i]);
+  return goesOn && connections == connection;
+}
+
+void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::value_type &message) {
+  using Kind = IncomingMessages::Kind;
   const auto remember = [&](std::optional<std::string> State::*field, std::optional<std::string> text) {
-    const std::lock_guard lock(state_->mutex);
-    (*state_).*field = std::move(text);
+    const std::lock_guard lock(mutex);
+    (*this).*field = std::move(text);
   };
-  switch (message->kind) {
+  if (logs(logIncoming) && message.kind != Kind::binary) logIncomingString(message.string);
+  switch (message.kind) {
     case Kind::handshake:
-      setStatus(receivedHandshake, true);
+      stream.setStatus(receivedHandshake, true);
       break;
     case Kind::host:
-      remember(&State::peerHostName, message->text);
-      setStatus(receivedHost, true);
+      remember(&State::peerHostName, std::string(message.text()));
+      stream.setStatus(receivedHost, true);
       break;
     case Kind::ipv4:
-      remember(&State::peerIPv4Address, message->text.empty() ? std::nullopt : std::optional(message->text));
-      setStatus(receivedIPv4, true);
+      remember(&State::peerIPv4Address,
+               message.text().empty() ? std::nullopt : std::optional(std::string(message.text())));
+      stream.setStatus(receivedIPv4, true);
       break;
     case Kind::appID:
-      remember(&State::peerAppID, message->text);
-      setStatus(receivedAppID, true);
+      remember(&State::peerAppID, std::string(message.text()));
+      stream.setStatus(receivedAppID, true);
       break;
     case Kind::heartbeat:
-      informDelegateOfHeartbeatAtTimecode(QELProjectTimecode::timecodeWithString(message->text), message->information);
+      stream.informDelegateOfHeartbeatAtTimecode(QELProjectTimecode::timecodeWithString(message.text()),
+                                          message.information());
       break;
     case Kind::binaryHeader:
-      if (pending == 0 || pending > INT32_MAX)
-        logError("QELNKLegacyStream binary header announces no length: {}", beginning(message->string));
+      if (const uint64_t pending = incomingState().first; pending == 0 || pending > INT32_MAX)
+        logError("QELNKLegacyStream binary header announces no length: {}", beginning(message.string));
       break;
     case Kind::string:
-      informDelegateOfReceivedString(message->string);
+      stream.informDelegateOfReceivedString(message.string);
       break;
-    case Kind::binary:
-      informDelegateOfReceivedBinaryData(message->data, message->contentType);
+    case Kind::binary: {
+      const Data data = std::exchange(message.data, {});
+      if (logs(logIncoming))
+        logDefault("Received for {} binary data bytes, incoming buffer length {}", data.size(),
+                   data.size() + incomingState().second);
+      stream.informDelegateOfReceivedBinaryData(data, message.string);
       break;
+    }
     case Kind::invalidText:
-      logError("QELNKLegacyStream dropped a string of {} bytes that is not UTF-8", message->string.size());
+      logError("QELNKLegacyStream dropped a string of {} bytes that is not UTF-8", message.string.size());
       break;
     case Kind::stringTooLong:
     case Kind::binaryTooLong:
       logError("QELNKLegacyStream ends the connection: a {} is longer than the options allow",
-               message->kind == Kind::stringTooLong ? "string" : "binary block");
-      if (!state_->handledCloseError.exchange(true)) terminate();
-      return false;
+               message.kind == Kind::stringTooLong ? "string" : "binary block");
+      if (!handledCloseError.exchange(true)) stream.terminate();
+      break;
   }
-  return true;
+}
+
+/// The length of the block that is being received, and how many bytes are buffered.
+std::pair<uint64_t, uint64_t> QELNKLegacyStream::State::incomingState() {
+  const std::lock_guard lock(readMutex);
+  return {incoming.binaryDataPending(), incoming.buffered()};
 }
 
 // --- Telling ---
@@ -506,26 +582,34 @@ void QELNKLegacyStream::dispatchToMainThreadAsync(bool async, qelnk::Task block)
 }
 
 void QELNKLegacyStream::informDelegateOfReceivedString(const std::string &string) {
-  State::inform(*this, true, string.size(),
-                [string](const auto &stream, const auto &delegate) { delegate->networkStream(stream, string); });
+  State::inform(
+      *this, true, string.size(),
+      [](const auto &stream, const auto &delegate, const auto &text) { delegate->networkStream(stream, text); }, string);
 }
 
 void QELNKLegacyStream::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
-  State::inform(*this, true, data.size(), [data, contentType](const auto &stream, const auto &delegate) {
-    delegate->networkStream(stream, data, contentType);
-  });
+  State::inform(
+      *this, true, data.size(),
+      [](const auto &stream, const auto &delegate, const Data &block, const auto &type) {
+        delegate->networkStream(stream, block, type);
+      },
+      data, contentType);
 }
 
 void QELNKLegacyStream::informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
                                                             const std::optional<std::string> &extendedInformation) {
-  State::inform(*this, true, 0, [timecode, extendedInformation](const auto &stream, const auto &delegate) {
-    delegate->networkStream(stream, timecode, extendedInformation);
-  });
+  State::inform(
+      *this, true, extendedInformation ? extendedInformation->size() : 0,
+      [](const auto &stream, const auto &delegate, const auto &at, const auto &information) {
+        delegate->networkStream(stream, at, information);
+      },
+      timecode, extendedInformation);
 }
 
 void QELNKLegacyStream::informDelegateStreamIsReady() {
-  State::inform(*this, false, 0,
-                [](const auto &stream, const auto &delegate) { delegate->networkStreamIsReady(stream); });
+  State::inform(*this, false, 0, [](const auto &stream, const auto &delegate) {
+    if (stream->isReady()) delegate->networkStreamIsReady(stream);  // it may have been disconnected meanwhile
+  });
 }
 
 void QELNKLegacyStream::informDelegateStreamWasTerminated() {
@@ -560,6 +644,7 @@ std::shared_ptr<QELNKLegacyStreamDelegate> QELNKLegacyStream::delegate() const {
 void QELNKLegacyStream::setDelegate(std::weak_ptr<QELNKLegacyStreamDelegate> delegate) {
   const std::lock_guard lock(state_->mutex);
   state_->delegate.swap(delegate);
+  ++state_->delegateVersion;
 }
 
 std::any QELNKLegacyStream::context() const { return state_->locked(state_->context); }

@@ -15,16 +15,13 @@ constexpr std::chrono::milliseconds shutdownReport{100};
 }  // namespace
 
 struct QELNKLegacyStreamThread::State {
-  qelnk::Thread thread{"qelnk-stream", [](const std::stop_token &token) {
-                         const auto loop = RunLoop::current();
-                         while (!token.stop_requested()) loop->run();
-                       }};
+  qelnk::Thread thread{"qelnk-stream", QELNKLegacyStreamThread::thread};
 };
 
 QELNKLegacyStreamThread::QELNKLegacyStreamThread(bool cancellable)
     : cancellable_(cancellable), state_(std::make_unique<State>()) {}
 
-QELNKLegacyStreamThread::~QELNKLegacyStreamThread() = default;
+QELNKLegacyStreamThread::~QELNKLegacyStreamThread() { cancel(); }
 
 const std::shared_ptr<QELNKLegacyStreamThread> &QELNKLegacyStreamThread::singleThreaded() {
   // Never destroyed: connections may outlive every other static object.
@@ -36,25 +33,34 @@ std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStreamThread::multiThreaded(
   return std::make_shared<QELNKLegacyStreamThread>(true);
 }
 
+void QELNKLegacyStreamThread::thread(const std::stop_token &token) {
+  const auto loop = RunLoop::current();
+  while (!token.stop_requested()) loop->run();
+}
+
 void QELNKLegacyStreamThread::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
   if (!stream) return;
   // Without holding the stream: one that its owner has let go meanwhile is not opened.
-  runLoop()->perform([weak = std::weak_ptr(stream), loop = std::weak_ptr(runLoop())] {
-    const auto scheduled = weak.lock();
-    if (!scheduled) return;
-    scheduled->schedule(loop.lock());
-    scheduled->open();
+  runLoop()->perform([weak = std::weak_ptr(stream)] {
+    if (const auto scheduled = weak.lock()) _scheduleStream(*scheduled);
   });
+}
+
+void QELNKLegacyStreamThread::_scheduleStream(ByteStream &stream) {
+  stream.schedule(RunLoop::current());
+  stream.open();
 }
 
 void QELNKLegacyStreamThread::closeStream(const std::shared_ptr<ByteStream> &stream) {
   if (!stream) return;
-  const auto close = [&] {
-    stream->unschedule();
-    stream->setEventTarget(nullptr);
-    stream->close();
-  };
+  const auto close = [&] { _closeStream(*stream); };
   if (!runLoop()->performAndWait(close)) close();  // the thread has ended, so nobody else uses it
+}
+
+void QELNKLegacyStreamThread::_closeStream(ByteStream &stream) {
+  stream.unschedule();
+  stream.setEventTarget(nullptr);
+  stream.close();
 }
 
 bool QELNKLegacyStreamThread::performSelectorOnTarget(qelnk::Task task, bool waitUntilDone) {
@@ -63,10 +69,12 @@ bool QELNKLegacyStreamThread::performSelectorOnTarget(qelnk::Task task, bool wai
 
 void QELNKLegacyStreamThread::cancel() {
   if (!cancellable_) return;
-  state_->thread.cancel();
-  if (isCurrent()) return;
+  if (isCurrent()) return _cancel();
+  runLoop()->perform([this] { _cancel(); });  // behind what was asked for before
   while (!state_->thread.endsWithin(shutdownReport)) qelnk::logDefault("Shutdown communication");
 }
+
+void QELNKLegacyStreamThread::_cancel() { state_->thread.cancel(); }
 
 const std::shared_ptr<RunLoop> &QELNKLegacyStreamThread::runLoop() const { return state_->thread.runLoop(); }
 

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Guard.h"
+
 namespace qelnk {
 
 namespace {
@@ -93,7 +95,7 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
     told_ = event == StreamEvent::error || event == StreamEvent::end;
     const auto target = target_;
     lock.unlock();
-    if (target) (*target)(event);
+    if (target) runGuarded("ByteStream event target", [&] { (*target)(event); });
   }
 
   mutable std::mutex mutex_;  // guards all below
@@ -186,12 +188,12 @@ ssize_t MemoryInput::read(std::span<uint8_t> room) {
   std::unique_lock lock(pipe_->mutex);
   const bool wasFull = pipe_->bytes.size() == pipe_->capacity;
   const size_t count = std::min(room.size(), pipe_->bytes.size());
+  if (count == 0) return 0;
   std::memcpy(room.data(), pipe_->bytes.data(), count);
   pipe_->bytes.erase(pipe_->bytes.begin(), pipe_->bytes.begin() + ptrdiff_t(count));
   const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;
   const auto output = pipe_->output.lock();
   lock.unlock();
-  if (count == 0) return 0;
   if (!empty) post(StreamEvent::bytesAvailable);
   if (empty && ended) post(StreamEvent::end);
   if (output && wasFull) output->post(StreamEvent::spaceAvailable);

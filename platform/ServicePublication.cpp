@@ -32,6 +32,7 @@ void ServicePublication::freeGroup() {
 }
 
 void ServicePublication::tryAnnounce() {
+  failed_ = false;
   if (const int error = announce()) tryLater(error);
 }
 
@@ -39,6 +40,7 @@ void ServicePublication::tryAnnounce() {
 void ServicePublication::tryLater(int error) {
   logDebug("NetService {} could not be published yet: {}", service_.name, avahi_strerror(error));
   listener_.failed(discoveryError(error));
+  failed_ = true;
   RunLoop::current()->cancelPerforms(this);
   RunLoop::current()->performAfter(
       retryInterval,
@@ -99,7 +101,7 @@ void ServicePublication::groupChanged(AvahiEntryGroup *group, AvahiEntryGroupSta
 
 void ServicePublication::setTXTRecordData(std::string data) {
   service_.txt = std::move(data);
-  if (!group_) return;  // to be announced with it
+  if (!group_ || failed_) return;  // to be announced with it
   const int error = avahi_entry_group_update_service_txt_strlst(
       group_, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags(0), service_.name.c_str(), service_.type.c_str(),
       service_.domain.empty() ? nullptr : service_.domain.c_str(), txtList().get());

@@ -47,6 +47,7 @@ class ServicePublication final : public DiscoveryActivity {
   const Listener listener_;
   AvahiClient *client_ = nullptr;
   AvahiEntryGroup *group_ = nullptr;
+  bool failed_ = false;  // and is tried again later
 };
 
 }  // namespace qelnk

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "platform/Connector.h"
+#include "platform/Guard.h"
 
 namespace qelnk {
 
@@ -201,7 +202,7 @@ void Connection::post(End &end, void (Connection::*work)()) {
 }
 
 void Connection::arm(End &end, Readiness events, void (Connection::*work)()) {
-  if (end.closed || end.watch || !end.loop) return;
+  if (end.closed || end.watch || !end.loop || error_) return;
   try {
     end.watch = end.loop->watch(socket_, events, [weak = weak_from_this(), work](Readiness) {
       if (const auto self = weak.lock()) (*self.*work)();
@@ -237,7 +238,7 @@ void Connection::tell(End &end, StreamEvent event) {
   if (event == StreamEvent::error || event == StreamEvent::end) end.told = true;
   const auto target = end.target;
   lock.unlock();
-  if (target) (*target)(event);
+  if (target) runGuarded("ByteStream event target", [&] { (*target)(event); });
 }
 
 void Connection::tellLast(End &end) { tell(end, error() ? StreamEvent::error : StreamEvent::end); }

@@ -167,8 +167,9 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
   void delayedConnect();
   void takeNetService(std::shared_ptr<qelnk::NetService> netService);
   void informReconnected();
-  template <class Call>
-  void informClient(bool queued, uint64_t bytes, Call call);
+  void informClientIsReady();
+  template <class Call, class... Arguments>
+  void informClient(bool queued, uint64_t bytes, Call call, const Arguments &...arguments);
 
   const std::unique_ptr<ClientState> clientState_;
 };

@@ -104,7 +104,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   static uint64_t loggingMask();
   static void setLoggingMask(uint64_t mask);
 
-  /// The options last set. "multiThreaded" changes nothing while the stream is connected.
+  /// The options last set. "multiThreaded" takes effect with the next connection.
   qelnk::Value options() const;
   virtual void setOptions(const qelnk::Value &options);
 
@@ -194,14 +194,14 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
 
  protected:
   QELNKLegacyStream();
-  /// For create(): hands out `stream`, whose dealloc() is called before it is destroyed.
+  /// For create(): hands out `stream`. Delegates are called as long as somebody holds what is handed out; the stream
+  /// itself, which its events hold as well, ends after that, with dealloc().
   template <class Stream>
   static std::shared_ptr<Stream> own(Stream *stream) {
-    return std::shared_ptr<Stream>(stream, [](QELNKLegacyStream *ended) {
-      ended->dealloc();
-      delete ended;
-    });
+    return std::shared_ptr<Stream>(stream, [held = hold(stream)](Stream *) mutable { held.reset(); });
   }
+  /// This stream for as long as it exists; null while it ends.
+  std::shared_ptr<QELNKLegacyStream> held() const;
   /// The last reference is gone.
   virtual void dealloc();
   virtual void _disconnect();
@@ -223,11 +223,11 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
 
  private:
   friend class QELNKLegacyClient;
+  static std::shared_ptr<void> hold(QELNKLegacyStream *stream);
 
   bool queue(const void *bytes, size_t length, const qelnk::Data *shared, bool terminated, bool ignoringStatus);
   void queueHandshake();
   void readIncoming(const std::shared_ptr<qelnk::InputStream> &input);
-  bool receiveNext();
   void terminate();
 
   const std::unique_ptr<State> state_;

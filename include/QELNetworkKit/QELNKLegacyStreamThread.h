@@ -4,6 +4,7 @@
 #include <QELNetworkKit/RunLoop.h>
 
 #include <memory>
+#include <stop_token>
 #include <utility>
 
 /// A thread that runs a run loop for the byte streams of legacy connections: the one that all connections share which
@@ -19,7 +20,7 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
   static std::shared_ptr<QELNKLegacyStreamThread> multiThreaded();
 
   explicit QELNKLegacyStreamThread(bool cancellable);
-  /// Cancels it if that was not done; on the thread itself it ends by itself.
+  /// Cancels it if that was not done.
   ~QELNKLegacyStreamThread();
   QELNKLegacyStreamThread(const QELNKLegacyStreamThread &) = delete;
   QELNKLegacyStreamThread &operator=(const QELNKLegacyStreamThread &) = delete;
@@ -42,8 +43,8 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
                                    waitUntilDone);
   }
 
-  /// Ends the thread and waits for its end, "Shutdown communication" on the log for every 100 ms of it. Returns at once
-  /// for the shared thread, which goes on, and on the thread itself, which ends with its task.
+  /// Ends the thread after what it was given before, and waits for its end, "Shutdown communication" on the log for every 100 ms of it. Returns at once
+  /// for the shared thread, which goes on, and on the thread itself, which ends with the task under way.
   void cancel();
 
   const std::shared_ptr<qelnk::RunLoop> &runLoop() const;
@@ -53,6 +54,11 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
 
  private:
   struct State;
+  static void thread(const std::stop_token &token);
+  static void _scheduleStream(qelnk::ByteStream &stream);
+  static void _closeStream(qelnk::ByteStream &stream);
+  void _cancel();
+
   const bool cancellable_;
   const std::unique_ptr<State> state_;
 };

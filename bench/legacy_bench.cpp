@@ -1,0 +1,450 @@
+// Legacy connections: binary blocks and strings one way, what a backlog costs, heartbeats to many connections, and what
+// a connection takes. Beside plain Asio with the same chunk sizes, and bare loops of system calls.
+
+#include <QELNetworkKit/Log.h>
+#include <QELNetworkKit/QELNKLegacyServer.h>
+#include <QELNetworkKit/QELNKLegacyStream.h>
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <boost/asio.hpp>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "Contest.h"
+
+namespace {
+
+namespace asio = boost::asio;
+using bench::Clock;
+using qelnk::Data;
+using qelnk::Value;
+
+constexpr size_t writeSize = 8192;  // as the ingest options have it
+constexpr size_t readSize = 2048;
+constexpr size_t blockSize = size_t(1) << 20;
+constexpr std::string_view line = "a preview is there";
+
+/// Two ends of a connection over the loopback.
+std::pair<int, int> connection() {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto *generic = reinterpret_cast<sockaddr *>(&address);
+  bench::require(bind(listener, generic, size) == 0 && listen(listener, 1) == 0, "listen");
+  getsockname(listener, generic, &size);
+  const int a = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  bench::require(connect(a, generic, size) == 0, "connect");
+  const int b = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  close(listener);
+  const int on = 1;
+  for (const int end : {a, b}) setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return {a, b};
+}
+
+constexpr std::string_view theHandshake("handshake\0host bench\0ipv4 127.0.0.1\0appID bench\0", 48);
+
+/// Does what a peer by hand does on a connection to one of ours before both are ready.
+void shakeHands(int socket) {
+  bench::require(write(socket, theHandshake.data(), theHandshake.size()) == ssize_t(theHandshake.size()), "write");
+  for (int strings = 4; strings > 0;) {
+    char byte = 1;
+    bench::require(read(socket, &byte, 1) == 1, "handshake");
+    strings -= byte == 0;
+  }
+}
+
+enum class Kind { blocks, strings };
+
+/// A block as the protocol writes it.
+const std::string &blockBytes() {
+  static const std::string bytes =
+      "!bin! " + std::to_string(blockSize) + " image/raw" + '\0' + std::string(blockSize, '\7') + '\0';
+  return bytes;
+}
+
+/// Counts what has come; opens the gate when that is all.
+class Goal {
+ public:
+  void set(int64_t count) { left_ = count; }
+  void add(int64_t count) {
+    if ((left_ -= count) <= 0) gate_.open();
+  }
+  void await() { bench::require(gate_.pass(), "not everything arrived"); }
+
+ private:
+  std::atomic<int64_t> left_{0};
+  bench::Gate gate_;
+};
+
+// --- Ours ---
+
+class Counting final : public QELNKLegacyStreamDelegate {
+ public:
+  using Stream = std::shared_ptr<QELNKLegacyStream>;
+  explicit Counting(Goal &goal) : goal_(goal) {}
+  void networkStream(const Stream &, const std::string &) override { goal_.add(1); }
+  void networkStream(const Stream &, const Data &, const std::string &) override { goal_.add(1); }
+  void networkStream(const Stream &, const QELProjectTimecode &, const std::optional<std::string> &) override {}
+  void networkStreamIsReady(const Stream &) override { ready.open(); }
+  void networkStreamWasTerminated(const Stream &) override {}
+  bench::Gate ready;
+
+ private:
+  Goal &goal_;
+};
+
+/// A stream of ours on a socket; on the shared thread, or on one of its own.
+struct OurEnd {
+  OurEnd(int socket, bool ownThread, Goal &goal) : observer(std::make_shared<Counting>(goal)) {
+    Value options = QELNKLegacyStream::defaultIngestOptions();
+    options.set("multiThreaded", ownThread);
+    stream = QELNKLegacyStream::create(options);
+    stream->setDelegate(observer);
+    const auto pair = qelnk::streamsWithSocket(socket);
+    stream->setInputStream(pair.input, pair.output);
+  }
+  void send(Kind kind, int64_t count) {
+    static const Data block(std::string(blockSize, '\7'));
+    static const std::string text(line);
+    for (int64_t i = 0; i < count; ++i)
+      if (kind == Kind::blocks)
+        stream->writeBinaryData(block, "image/raw", false);
+      else
+        stream->writeString(text);
+  }
+  std::shared_ptr<Counting> observer;
+  std::shared_ptr<QELNKLegacyStream> stream;
+};
+
+// --- Asio ---
+
+/// An end by hand. It sends strings as they come in, from any thread, and a block again and again; it makes each string
+/// that it receives, and counts blocks by their bytes.
+class AsioEnd {
+ public:
+  AsioEnd(asio::io_context &context, int socket, Kind kind, Goal &goal)
+      : socket_(context, asio::ip::tcp::v4(), socket), kind_(kind), goal_(goal) {
+    socket_.non_blocking(true);
+    read();
+  }
+  void send(int64_t count) {
+    if (kind_ == Kind::blocks)
+      return asio::post(socket_.get_executor(), [this, count] {
+        left_ = count;
+        write(blockBytes());
+      });
+    for (const std::string text(line); count > 0; --count) sendString(text);
+  }
+
+ private:
+  void sendString(const std::string &text) {
+    const std::lock_guard lock(mutex_);
+    queued_.append(text.c_str(), text.size() + 1);
+    if (!std::exchange(writing_, true)) asio::post(socket_.get_executor(), [this] { writeQueued(); });
+  }
+  void writeQueued() {
+    {
+      const std::lock_guard lock(mutex_);
+      underWay_.clear();
+      underWay_.swap(queued_);
+      if (!(writing_ = !underWay_.empty())) return;
+    }
+    left_ = 1;
+    write(underWay_);
+  }
+  void write(const std::string &bytes) {
+    const size_t size = std::min(bytes.size() - at_, writeSize);
+    socket_.async_write_some(asio::buffer(bytes.data() + at_, size), [&](const auto &error, size_t written) {
+      if (error) return;
+      at_ += written;
+      if (at_ == bytes.size()) at_ = 0, --left_;
+      if (left_ > 0)
+        write(bytes);
+      else if (kind_ == Kind::strings)
+        writeQueued();
+    });
+  }
+  void read() {
+    socket_.async_read_some(asio::buffer(chunk_), [this](const auto &error, size_t count) {
+      if (error) return;
+      kind_ == Kind::blocks ? countBlocks(count) : countStrings({chunk_.data(), count});
+      read();
+    });
+  }
+  void countBlocks(size_t count) {
+    received_ += count;
+    if (received_ < blockBytes().size()) return;
+    received_ -= blockBytes().size();
+    goal_.add(1);
+  }
+  void countStrings(std::string_view bytes) {
+    for (size_t end; (end = bytes.find('\0')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
+      const std::string string = partial_ + std::string(bytes.substr(0, end));
+      partial_.clear();
+      goal_.add(string.empty() ? 0 : 1);
+    }
+    partial_ += bytes;
+  }
+
+  asio::ip::tcp::socket socket_;
+  const Kind kind_;
+  Goal &goal_;
+  std::mutex mutex_;  // guards the next two
+  std::string queued_;
+  bool writing_ = false;
+  std::string underWay_;
+  size_t at_ = 0, received_ = 0;
+  int64_t left_ = 0;
+  std::string partial_;
+  std::array<char, readSize> chunk_;
+};
+
+/// An Asio loop on a thread of its own.
+struct AsioThread {
+  asio::io_context context{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work = asio::make_work_guard(context);
+  std::thread thread{[this] { context.run(); }};
+  void end() {
+    context.stop();
+    thread.join();
+  }
+};
+
+// --- One way ---
+
+enum class Who { ours, asio };
+
+/// A sender and a receiver, on one thread or on two.
+class OneWay {
+ public:
+  OneWay(Who sender, Who receiver, bool twoThreads, Kind kind) : kind_(kind) {
+    const auto [a, b] = connection();
+    // Whoever is by hand waits for the other's handshake, which is sent from a thread of its own.
+    if (sender == Who::ours) ourSender_ = std::make_unique<OurEnd>(a, twoThreads, nowhere_);
+    if (receiver == Who::ours) ourReceiver_ = std::make_unique<OurEnd>(b, twoThreads, goal_);
+    if (sender == Who::asio && receiver == Who::ours) shakeHands(a);
+    if (receiver == Who::asio && sender == Who::ours) shakeHands(b);
+    if (sender == Who::asio) asioSender_ = std::make_unique<AsioEnd>(loops_[0].context, a, kind, nowhere_);
+    if (receiver == Who::asio) asioReceiver_ = std::make_unique<AsioEnd>(loops_[twoThreads].context, b, kind, goal_);
+    for (auto *end : {ourSender_.get(), ourReceiver_.get()})
+      if (end) bench::require(end->observer->ready.pass(), "not ready");
+  }
+  ~OneWay() {
+    for (AsioThread &loop : loops_) loop.end();  // before what they serve goes
+  }
+  OneWay(const OneWay &) = delete;
+  OneWay &operator=(const OneWay &) = delete;
+
+  void exchange(int64_t count) {
+    goal_.set(count);
+    if (ourSender_)
+      ourSender_->send(kind_, count);
+    else
+      asioSender_->send(count);
+    goal_.await();
+  }
+
+ private:
+  const Kind kind_;
+  Goal goal_, nowhere_;
+  AsioThread loops_[2];
+  std::unique_ptr<AsioEnd> asioSender_, asioReceiver_;
+  std::unique_ptr<OurEnd> ourSender_, ourReceiver_;
+};
+
+void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int64_t count) {
+  const auto entry = [&](const char *peer, Who sender, Who receiver) {
+    const auto way = std::make_shared<OneWay>(sender, receiver, twoThreads, kind);
+    return bench::RatedEntry{peer, [way](int64_t messages) { way->exchange(messages); }, 0};
+  };
+  std::vector<bench::RatedEntry> entries = {entry("asio", Who::asio, Who::asio), entry("ours", Who::ours, Who::ours)};
+  if (twoThreads) {
+    entries.push_back(entry("ours-to-asio", Who::ours, Who::asio));
+    entries.push_back(entry("asio-to-ours", Who::asio, Who::ours));
+  }
+  bench::contestOfRates(name, std::move(entries), rounds, count);
+}
+
+/// One block of a gigabyte, there and back again in the count of its megabytes.
+void giant() {
+  Goal goal, nowhere;
+  const auto [a, b] = connection();
+  OurEnd sender(a, true, nowhere), receiver(b, true, goal);
+  bench::require(sender.observer->ready.pass() && receiver.observer->ready.pass(), "not ready");
+  const Data block(std::string(size_t(1) << 30, '\7'));
+  std::vector<double> rates;
+  for (int round = 0; round < 3; ++round) {
+    goal.set(1);
+    const auto start = Clock::now();
+    sender.stream->writeBinaryData(block, "image/raw", false);
+    goal.await();
+    rates.push_back(double(block.size()) / 1e6 / bench::seconds(Clock::now() - start));
+  }
+  bench::printRow("giant/1GiB", "ours", {{"MB_per_second", bench::median(rates)}});
+}
+
+/// What a byte costs while so many lie before it: nothing is read until all has been queued.
+void backlog() {
+  double first = 0;
+  for (const int64_t megabytes : {1, 10, 100, 1000}) {
+    Goal goal, nowhere;
+    const auto [a, b] = connection();
+    OurEnd sender(a, true, nowhere);
+    shakeHands(b);
+    bench::require(sender.observer->ready.pass(), "not ready");
+    const std::string text(999, 'x');
+    const int64_t size = megabytes * 1000 * 1000;
+    for (int64_t queued = 0; queued < size; queued += 1000) sender.stream->writeString(text);
+    const double busyBefore = bench::processSeconds();
+    std::vector<char> room(readSize * 8);
+    for (int64_t left = size; left > 0;) {
+      const ssize_t count = read(b, room.data(), room.size());
+      bench::require(count > 0, "read");
+      left -= count;
+    }
+    const double cost = (bench::processSeconds() - busyBefore) * 1e9 / double(size);
+    if (first == 0) first = cost;
+    bench::printRow("backlog/" + std::to_string(megabytes) + "MB", "ours", {{"cpu_ns_per_byte", cost}, {"ratio", cost / first}});
+    close(b);
+  }
+}
+
+// --- Many ---
+
+class Nobody final : public QELNKLegacyServerDelegate {
+ public:
+  void networkService(const Server &, const Stream &, const std::string &) override {}
+  void networkService(const Server &, const Stream &, const QELProjectTimecode &,
+                      const std::optional<std::string> &) override {}
+  void networkServiceNetworkStreamIsReady(const Server &, const Stream &) override { ++ready; }
+  void networkServiceNetworkStreamWasTerminated(const Server &, const Stream &) override {}
+  std::atomic<int> ready{0};
+};
+
+/// A server of ours whose connections share a thread, with so many peers that do not read.
+class Crowd {
+ public:
+  explicit Crowd(int count) : observer_(std::make_shared<Nobody>()) {
+    Value options = QELNKLegacyStream::defaultPlayoutOptionsForAppID("bench");
+    options.set("delegateOnMainThread", false);
+    server = QELNKLegacyServer::create("bench", 0, options);
+    server->setDelegate(observer_);
+    bench::require(server->start(), "start");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(server->port());
+    const double memoryBefore = bench::residentKiB();
+    const auto begin = Clock::now();
+    std::thread peers([&] {
+      for (int i = 0; i < count; ++i) {
+        const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        bench::require(connect(peer, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "connect");
+        bench::require(write(peer, theHandshake.data(), theHandshake.size()) > 0, "write");
+        peers_.push_back(peer);
+      }
+    });
+    while (observer_->ready < count) qelnk::RunLoop::current()->runOnce(std::chrono::milliseconds(1));
+    peers.join();
+    secondsToAccept = bench::seconds(Clock::now() - begin);
+    memoryEach = (bench::residentKiB() - memoryBefore) / count;
+  }
+  ~Crowd() {
+    server.reset();
+    for (const int peer : peers_) close(peer);
+  }
+  /// What the peers have not read goes.
+  void drain() {
+    std::array<char, 65536> room;
+    for (const int peer : peers_)
+      while (recv(peer, room.data(), room.size(), MSG_DONTWAIT) == ssize_t(room.size())) {
+      }
+  }
+  std::shared_ptr<QELNKLegacyServer> server;
+  double secondsToAccept = 0, memoryEach = 0;
+
+ private:
+  std::vector<int> peers_;
+  std::shared_ptr<Nobody> observer_;
+};
+
+void heartbeat() {
+  constexpr int connections = 1000, beats = 20;
+  Crowd crowd(connections);
+  std::vector<std::pair<int, int>> bare;
+  for (int i = 0; i < connections; ++i) bare.push_back(connection());
+  const QELProjectTimecode timecode(10, 59, 59, 24, 25);
+  const std::string bytes = QELNKLegacyServer::timecodeStringForTimecode(timecode, "on air 1") + '\0';
+  const auto timed = [](const std::function<void()> &beat, const std::function<void()> &after) {
+    std::vector<double> times;
+    for (int i = 0; i < beats; ++i) {
+      const auto start = Clock::now();
+      beat();
+      times.push_back(bench::microseconds(Clock::now() - start));
+      after();
+    }
+    return times;
+  };
+  const auto ours = [&] {
+    return timed(
+        [&] {
+          crowd.server->sendHeartbeatAtTimecode(timecode, "on air 1");
+          // Its turns come behind all that the heartbeat has brought: the writes, then what follows them.
+          const auto thread = QELNKLegacyStreamThread::singleThreaded();
+          for (int turn = 0; turn < 2; ++turn) thread->performSelectorOnTarget([] {}, true);
+        },
+        [&] { crowd.drain(); });
+  };
+  const auto loop = [&] {
+    return timed(
+        [&] {
+          for (const auto &[a, b] : bare) bench::require(send(a, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0, "send");
+        },
+        [&] {
+          std::array<char, 4096> room;
+          for (const auto &[a, b] : bare) bench::require(recv(b, room.data(), room.size(), 0) > 0, "recv");
+        });
+  };
+  for (const auto &stream : crowd.server->streams()) bench::require(stream->isReady(), "not ready");
+  bench::contestOfTimes("heartbeat/1000", {{"ours", ours, 1}, {"bare-loop", loop, 1}}, 15);
+  for (const auto &[a, b] : bare) close(a), close(b);
+}
+
+void crowds() {
+  for (const int count : {1000, 5000}) {
+    const Crowd crowd(count);
+    bench::printRow("connections/" + std::to_string(count), "ours",
+                    {{"seconds_to_accept", crowd.secondsToAccept}, {"KiB_each", crowd.memoryEach}});
+  }
+}
+
+}  // namespace
+
+int main(int count, char **arguments) {
+  QLGetHandle().setLevel(qelnk::LogLevel::off);
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  const std::string only = count > 1 ? arguments[1] : "";
+  const auto wants = [&](const char *part) { return only.empty() || only == part; };
+  if (wants("connections")) crowds();  // first: the memory of an idle connection shows best in a fresh process
+  if (wants("blocks")) {
+    oneWay("blocks/one-thread", Kind::blocks, false, 11, 200);
+    oneWay("blocks/two-threads", Kind::blocks, true, 11, 200);
+  }
+  if (wants("strings")) {
+    oneWay("strings/one-thread", Kind::strings, false, 7, 1000000);
+    oneWay("strings/two-threads", Kind::strings, true, 7, 1000000);
+  }
+  if (wants("giant")) giant();
+  if (wants("backlog")) backlog();
+  if (wants("heartbeat")) heartbeat();
+}
