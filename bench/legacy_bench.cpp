@@ -311,7 +311,8 @@ void backlog() {
     }
     const double cost = (bench::processSeconds() - busyBefore) * 1e9 / double(size);
     if (first == 0) first = cost;
-    bench::printRow("backlog/" + std::to_string(megabytes) + "MB", "ours", {{"cpu_ns_per_byte", cost}, {"ratio", cost / first}});
+    bench::printRow("backlog/" + std::to_string(megabytes) + "MB", "ours",
+                    {{"cpu_ns_per_byte", cost}, {"ratio", cost / first}});
     close(b);
   }
 }

@@ -100,6 +100,7 @@ bool IncomingMessages::next(Message &message) { return pending_ > 0 ? checkIncom
 bool IncomingMessages::checkIncomingBinaryData(Message &message) {
   if (block_.size() < pending_) return false;
   message.kind = Kind::binary;
+  message.textBegin = message.textEnd = 0;
   message.data = std::exchange(block_, {});
   message.string = std::exchange(contentType_, {});
   pending_ = 0;
@@ -117,8 +118,8 @@ bool IncomingMessages::completeString(Message &message) {
     const size_t length = found ? strnlen(reinterpret_cast<const char *>(start), buffered) : buffered;
     if (limits_.string && length > limits_.string) {
       clear();
+      message = {};
       message.kind = Kind::stringTooLong;
-      message.string.clear();
       return true;
     }
     if (!found) {
@@ -135,7 +136,8 @@ bool IncomingMessages::completeString(Message &message) {
   }
 }
 
-/// Prepares for the block that a header announces. One without a space behind the length announces none.
+/// Prepares for the block that a header announces. One without a space behind the length, or of no bytes, announces none:
+/// what follows is taken as ever.
 void IncomingMessages::receiveHeader(Message &message) {
   const std::string_view text = message.text();
   const size_t space = text.find(' ');
@@ -146,9 +148,8 @@ void IncomingMessages::receiveHeader(Message &message) {
     message.kind = Kind::binaryTooLong;
     return;
   }
-  contentType_ = text.substr(space + 1);
-  unsearched_ = 0;  // until the block is complete; behind a block of no bytes too
   if (pending_ == 0) return;
+  contentType_ = text.substr(space + 1);
   const size_t here = size_t(std::min<uint64_t>(incoming_.size() - begin_, pending_));
   block_.reserve(size_t(std::min(pending_, reservedAtOnce)));
   block_.append({incoming_.data() + begin_, here});

@@ -43,8 +43,9 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
                                    waitUntilDone);
   }
 
-  /// Ends the thread after what it was given before, and waits for its end, "Shutdown communication" on the log for every 100 ms of it. Returns at once
-  /// for the shared thread, which goes on, and on the thread itself, which ends with the task under way.
+  /// Ends the thread after what it was given before, and waits for its end, "Shutdown communication" on the log for
+  /// every 100 ms of it. Returns at once for the shared thread, which goes on, and on the thread itself, which ends
+  /// with the task under way.
   void cancel();
 
   const std::shared_ptr<qelnk::RunLoop> &runLoop() const;

@@ -1,0 +1,383 @@
+#include <QELNetworkKit/QELNKLegacyService.h>
+#include <QELNetworkKit/QELNKLegacyStream.h>
+#include <QELNetworkKit/RunLoop.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <regex>
+
+#include "legacy/Observers.h"
+#include "legacy/RawPeer.h"
+#include "support/TestSupport.h"
+
+using namespace qelnk;
+using namespace qelnk::test;
+using namespace std::string_literals;
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+std::string ownHandshake(const std::string &appID) {
+  return handshakeBytes(QELNKLegacyService::defaultPublishingName(), QELNKLegacyStream::localHostIPv4(), appID);
+}
+
+/// A stream and its peer by hand.
+struct Wired {
+  explicit Wired(Transport transport, const Value &options) {
+    auto [ours, theirs] = connectedStreams(transport);
+    stream = QELNKLegacyStream::create(options);
+    stream->setDelegate(observer);
+    stream->setInputStream(ours.input, ours.output);
+    peer = std::make_unique<RawPeer>(theirs);
+  }
+  void shakeHands() {
+    peer->send(handshakeBytes("peer", "10.1.2.3", "app"));
+    ASSERT_TRUE(eventually([&] { return observer->has("ready"); }));
+    ASSERT_TRUE(eventually([&] { return peer->received() == ownHandshake("test"); }));
+  }
+  std::string receivedSinceHandshake() const { return peer->received().substr(ownHandshake("test").size()); }
+
+  std::shared_ptr<StreamObserver> observer = std::make_shared<StreamObserver>();
+  std::unique_ptr<RawPeer> peer;
+  std::shared_ptr<QELNKLegacyStream> stream;
+};
+
+Value playout() { return QELNKLegacyStream::defaultPlayoutOptionsForAppID("test"); }
+Value ingest() { return with(QELNKLegacyStream::defaultIngestOptions(), "appID", "test"); }
+
+/// A byte stream that fails at its n-th step: an event is an error, a read or write gives -1.
+struct Fault {
+  std::atomic<int> left;
+  bool strikes() { return left-- == 0; }
+};
+template <class Interface>
+class Faulty : public Interface {
+ public:
+  Faulty(std::shared_ptr<Interface> inner, std::shared_ptr<Fault> fault)
+      : inner_(std::move(inner)), fault_(std::move(fault)) {}
+  void setEventTarget(ByteStream::EventTarget target) override {
+    if (!target) return inner_->setEventTarget(nullptr);
+    inner_->setEventTarget([fault = fault_, target = std::move(target)](StreamEvent event) {
+      target(fault->strikes() ? StreamEvent::error : event);
+    });
+  }
+  void schedule(const std::shared_ptr<RunLoop> &loop) override { inner_->schedule(loop); }
+  void unschedule() override { inner_->unschedule(); }
+  void open() override { inner_->open(); }
+  void close() override { inner_->close(); }
+  std::error_code error() const override { return std::make_error_code(std::errc::connection_reset); }
+
+ protected:
+  const std::shared_ptr<Interface> inner_;
+  const std::shared_ptr<Fault> fault_;
+};
+class FaultyInput final : public Faulty<InputStream> {
+ public:
+  using Faulty::Faulty;
+  bool hasBytesAvailable() override { return inner_->hasBytesAvailable(); }
+  ssize_t read(std::span<uint8_t> room) override { return fault_->strikes() ? -1 : inner_->read(room); }
+};
+class FaultyOutput final : public Faulty<OutputStream> {
+ public:
+  using Faulty::Faulty;
+  ssize_t write(std::span<const uint8_t> bytes) override { return fault_->strikes() ? -1 : inner_->write(bytes); }
+};
+
+}  // namespace
+
+class LegacyStream : public testing::TestWithParam<std::tuple<Transport, bool>> {
+ protected:
+  Transport transport() const { return std::get<0>(GetParam()); }
+  Value options() const { return std::get<1>(GetParam()) ? ingest() : playout(); }
+};
+INSTANTIATE_TEST_SUITE_P(, LegacyStream,
+                         testing::Combine(testing::Values(Transport::memory, Transport::tcp), testing::Bool()),
+                         [](const auto &info) {
+                           return (std::get<0>(info.param) == Transport::memory ? "Memory"s : "TCP"s) +
+                                  (std::get<1>(info.param) ? "Ingest" : "Playout");
+                         });
+
+TEST_P(LegacyStream, SpeaksTheProtocol) {
+  Wired wired(transport(), options());
+  // The handshake goes out by itself, and nothing else before the peer's is complete.
+  ASSERT_TRUE(eventually([&] { return wired.peer->received() == ownHandshake("test"); }));
+  EXPECT_FALSE(wired.stream->writeString("early"));
+  EXPECT_FALSE(wired.stream->isReady());
+  const std::string theirs = handshakeBytes("peer", "10.1.2.3", "app");
+  for (const char byte : theirs.substr(0, theirs.size() - 1)) wired.peer->send({&byte, 1});
+  EXPECT_TRUE(eventually([&] { return wired.stream->streamStatus() == 127; }));
+  wired.peer->send("\0"s);
+  ASSERT_TRUE(eventually([&] { return wired.observer->has("ready"); }));
+  EXPECT_EQ(wired.stream->streamStatus(), 511u);
+  EXPECT_EQ(wired.stream->peerHostName(), "peer");
+  EXPECT_EQ(wired.stream->peerIPv4Address(), "10.1.2.3");
+  EXPECT_EQ(wired.stream->peerAppID(), "app");
+
+  EXPECT_TRUE(wired.stream->writeString("ABCD"));
+  EXPECT_TRUE(wired.stream->writeString(""));
+  EXPECT_FALSE(wired.stream->writeString("A\0B"s));
+  EXPECT_FALSE(wired.stream->writeString("\xff"));
+  EXPECT_TRUE(wired.stream->writeData(Data("raw")));
+  EXPECT_TRUE(wired.stream->writeBinaryData(Data("\1\2\3"), "T", false));
+  EXPECT_TRUE(wired.stream->writeBytes("xy", 2, false, false));
+  EXPECT_FALSE(wired.stream->writeBytes(nullptr, 2, false, false));
+  const std::string large(300000, '\5');
+  EXPECT_TRUE(wired.stream->writeBinaryData(Data(large), "image/raw; large", true));
+  const std::string expected = "ABCD\0\0raw\0!bin! 3 T\0\1\2\3\0xy"s + block(large, "image/raw; large");
+  EXPECT_TRUE(eventually([&] { return wired.receivedSinceHandshake().size() >= expected.size(); }));
+  EXPECT_EQ(wired.receivedSinceHandshake(), expected);
+  EXPECT_EQ(wired.stream->outgoingLength(), 0u);
+
+  wired.peer->send(zeroed("one") + zeroed("two") + "\0"s + block(large, "a b") +
+                   zeroed("heartbeat 10:00:00:00 25 on air") + zeroed("\xff") + zeroed("handshake") + zeroed("last"));
+  EXPECT_TRUE(eventually([&] { return wired.observer->has("string last"); }));
+  EXPECT_EQ(wired.observer->all(), (Texts{"ready", "string one", "string two", "binary a b 300000",
+                                          "heartbeat 10:00:00:00 25 | on air", "string last"}));
+  wired.peer->close();
+  EXPECT_TRUE(eventually([&] { return wired.observer->has("terminated"); }));
+  EXPECT_TRUE(eventually([&] { return wired.stream->inputStream() == nullptr; }));
+  EXPECT_EQ(wired.stream->streamStatus(), 0u);
+  EXPECT_FALSE(wired.stream->writeString("late"));
+}
+
+TEST_P(LegacyStream, FencedBlocksAreDroppedWhileOneIsUnderWay) {
+  Wired wired(transport(), options());
+  wired.shakeHands();
+  wired.peer->setReading(false);
+  const CapturedLog log;
+  const Data preview(std::string(size_t(16) << 20, 'p'));  // more than sockets hold
+  EXPECT_TRUE(wired.stream->writeBinaryData(preview, "preview", true));
+  EXPECT_FALSE(wired.stream->writeBinaryData(preview, "preview", true));
+  EXPECT_TRUE(log.contains("Data fence: dropping binary data with content preview and length 16777216"));
+  EXPECT_TRUE(wired.stream->writeBinaryData(Data("x"), "unfenced", false));
+  wired.peer->setReading(true);
+  const size_t size = block(preview.text(), "preview").size() + block("x", "unfenced").size();
+  EXPECT_TRUE(eventually([&] { return wired.receivedSinceHandshake().size() == size; }));
+  EXPECT_TRUE(eventually([&] { return wired.stream->writeBinaryData(Data("y"), "preview", true); }));
+  EXPECT_TRUE(eventually([&] { return wired.receivedSinceHandshake().ends_with(block("y", "preview")); }));
+}
+
+TEST_P(LegacyStream, BeginsAnewWithNewStreams) {
+  Wired wired(transport(), options());
+  for (int round = 0; round < 20; ++round) {
+    wired.shakeHands();
+    wired.peer->send("half a string");
+    if (round % 2)
+      wired.stream->disconnect();
+    else
+      wired.peer->close();
+    EXPECT_TRUE(eventually([&] { return wired.stream->inputStream() == nullptr; }));
+    wired.observer = std::make_shared<StreamObserver>();
+    wired.stream->setDelegate(wired.observer);
+    auto [ours, theirs] = connectedStreams(transport());
+    wired.stream->setInputStream(ours.input, ours.output);
+    wired.peer = std::make_unique<RawPeer>(theirs);
+  }
+}
+
+TEST_P(LegacyStream, MayBeDroppedInAnyCallback) {
+  const size_t threads = threadCount(), descriptors = descriptorCount();
+  for (const std::string callback : {"ready", "string x", "binary b 1", "heartbeat h", "terminated"}) {
+    Wired wired(transport(), options());
+    const std::weak_ptr<QELNKLegacyStream> weak = wired.stream;
+    std::atomic<bool> dropped = false;
+    wired.observer->onTold([&](const std::string &text) {
+      EXPECT_FALSE(dropped) << text << " after the end";
+      if (text != callback) return;
+      dropped = true;
+      wired.stream.reset();
+    });
+    wired.peer->send(handshakeBytes("peer", "10.1.2.3", "app") + zeroed("x") + block("1", "b") + zeroed("heartbeat h"));
+    if (callback == "terminated") {
+      EXPECT_TRUE(eventually([&] { return wired.observer->has("heartbeat h"); }));
+      wired.peer->close();
+    }
+    EXPECT_TRUE(eventually([&] { return dropped && weak.expired() && threadCount() <= threads + 1; })) << callback;
+  }
+  EXPECT_TRUE(eventually([&] { return descriptorCount() <= descriptors + 4; }));  // of the shared thread
+}
+
+TEST_P(LegacyStream, FailsCleanlyAtEveryStep) {
+  bool done = false;
+  for (int step = 0; !done; ++step) {
+    ASSERT_LT(step, 500);
+    const auto fault = std::make_shared<Fault>();
+    fault->left = step;
+    auto [ours, theirs] = connectedStreams(transport());
+    const auto observer = std::make_shared<StreamObserver>();
+    const auto stream = QELNKLegacyStream::create(options());
+    stream->setDelegate(observer);
+    stream->setInputStream(std::make_shared<FaultyInput>(ours.input, fault),
+                           std::make_shared<FaultyOutput>(ours.output, fault));
+    RawPeer peer(theirs);
+    peer.send(handshakeBytes("peer", "10.1.2.3", "app") + zeroed("one") + block("12", "b") + zeroed("two"));
+    const auto isOver = [&] { return fault->left < 0 || observer->has("string two"); };
+    EXPECT_TRUE(eventually(isOver)) << step;
+    done = fault->left >= 0;
+    EXPECT_LE(observer->count("ready"), 1u);
+    EXPECT_LE(observer->count("terminated"), 1u);
+    // Whatever failed, it can be ended, and nothing comes after that.
+    stream->disconnect();
+    EXPECT_EQ(stream->streamStatus(), 0u);
+  }
+}
+
+TEST(LegacyStreamBadInput, DoesNoHarm) {
+  const CapturedLog log;
+  const auto run = [&](const std::string &bytes, const Value &options) {
+    auto wired = std::make_unique<Wired>(Transport::tcp, options);
+    wired->shakeHands();
+    wired->peer->send(bytes);
+    return wired;
+  };
+  {
+    const auto wired = run(zeroed("!bin! -5 T") + std::string(100000, '\0') + zeroed("lost"), ingest());
+    EXPECT_TRUE(eventually([&] { return log.contains("binary header announces no length: !bin! -5 T"); }));
+    EXPECT_TRUE(wired->stream->writeString("still there"));
+    EXPECT_TRUE(eventually([&] { return wired->receivedSinceHandshake() == zeroed("still there"); }));
+    EXPECT_EQ(wired->observer->all(), Texts{"ready"});
+  }
+  {
+    const auto wired = run(zeroed("\xc3\x28") + zeroed("fine"), ingest());
+    EXPECT_TRUE(eventually([&] { return wired->observer->has("string fine"); }));
+    EXPECT_TRUE(log.contains("dropped a string of 2 bytes that is not UTF-8"));
+  }
+  const Value bounded = with(with(ingest(), "maximumStringLength", 1000), "maximumBinaryLength", 2000);
+  for (const std::string &bytes :
+       {std::string(1001, 'x'), zeroed(std::string(1001, 'x')), zeroed("!bin! 2001 T"), zeroed("!bin! -1 T")}) {
+    const auto wired = run(zeroed(std::string(1000, 'y')) + block(std::string(2000, 'z'), "T") + bytes, bounded);
+    EXPECT_TRUE(eventually([&] { return wired->observer->has("terminated"); }));
+    EXPECT_TRUE(wired->observer->has("binary T 2000"));
+    EXPECT_TRUE(eventually([&] { return wired->peer->hasEnded(); }));
+  }
+  EXPECT_EQ(log.count("QELNKLegacyStream ends the connection: a string is longer than the options allow"), 2u);
+  EXPECT_EQ(log.count("QELNKLegacyStream ends the connection: a binary block is longer than the options allow"), 2u);
+}
+
+// The main thread is slow, or does nothing at all for a while: then the peer has to wait.
+TEST(LegacyStreamBadInput, AFloodWaitsForTheMainThread) {
+  Wired wired(Transport::tcp, playout());
+  wired.shakeHands();
+  const std::string text(20000, 'f');
+  std::string flood;
+  for (int i = 0; i < 3000; ++i) flood += zeroed(text);
+  size_t told = 0;
+  wired.observer->onTold([&](const std::string &) { ++told; });
+  wired.peer->send(flood);  // the main loop is turned only while there is no room
+  EXPECT_LT(told, 3000u);
+  EXPECT_TRUE(eventually([&] { return told == 3000; }));
+}
+
+TEST(LegacyStreamOptions, DecideWhatItDoes) {
+  {  // Without a size nothing is ever written.
+    Value options = Value::map();
+    for (const std::string_view key :
+         {"multiThreaded", "delegateOnMainThread", "testFullyConfigured", "compareFullyConfigured", "appID"})
+      options.set(key, *ingest().find(key));
+    Wired wired(Transport::memory, options);
+    wired.peer->send(handshakeBytes("peer", "", "app"));
+    EXPECT_TRUE(eventually([&] { return wired.observer->has("ready"); }));
+    EXPECT_EQ(wired.stream->outgoingLength(), ownHandshake("test").size());
+    EXPECT_EQ(wired.peer->received(), "");
+    wired.stream->setMaximumWriteSize(10);
+    EXPECT_TRUE(wired.stream->flushOutput());
+    EXPECT_TRUE(eventually([&] { return wired.peer->received() == ownHandshake("test"); }));
+  }
+  {  // Without a word on threads it has none.
+    auto [ours, theirs] = streamsInMemory();
+    const auto stream = QELNKLegacyStream::networkStreamWithInputStream(ours.input, ours.output, Value::map());
+    RawPeer peer(theirs);
+    EXPECT_EQ(stream->thread(), nullptr);
+    peer.send("x");
+    EXPECT_EQ(stream->streamStatus(), 0u);
+    stream->disconnect();
+    EXPECT_TRUE(eventually([&] { return peer.hasEnded(); }));
+  }
+  // Values of another kind change nothing.
+  const auto stream = QELNKLegacyStream::create(ingest());
+  const auto thread = stream->thread();
+  Value wrong = Value::map();
+  for (const std::string_view key : {"writeSize", "multiThreaded", "delegateOnMainThread", "appID"})
+    wrong.set(key, Value::list());
+  stream->setOptions(wrong);
+  EXPECT_EQ(stream->maximumWriteSize(), 8192u);
+  EXPECT_EQ(stream->thread(), thread);
+  EXPECT_FALSE(stream->callDelegateOnMainThread());
+  EXPECT_EQ(stream->appID(), "test");
+  EXPECT_EQ(stream->options(), wrong);
+  stream->setOptions(playout());
+  EXPECT_EQ(stream->thread(), QELNKLegacyStreamThread::singleThreaded());
+}
+
+TEST(LegacyStreamPeer, AddressIsTakenAsItIsStored) {
+  const auto stream = QELNKLegacyStream::create(Value::map());
+  EXPECT_EQ(stream->peerAddress(), std::nullopt);
+  sockaddr_in6 ipv6{};
+  ipv6.sin6_family = AF_INET6;
+  ipv6.sin6_port = htons(5000);
+  inet_pton(AF_INET6, "fe80::1", &ipv6.sin6_addr);
+  const auto data = [](const auto &address) {
+    return Data({reinterpret_cast<const char *>(&address), sizeof address});
+  };
+  stream->setPeerAddressFromData(data(ipv6));
+  EXPECT_EQ(stream->peerAddress(), "fe80::1");
+  EXPECT_EQ(stream->peerIPv4Address(), std::nullopt);
+  EXPECT_EQ(stream->peerPort(), htons(5000));
+  sockaddr_in ipv4{};
+  ipv4.sin_family = AF_INET;
+  inet_pton(AF_INET, "10.0.0.7", &ipv4.sin_addr);
+  stream->setPeerAddressFromData(data(ipv4));  // of 16 bytes
+  EXPECT_EQ(stream->peerAddress(), "fe80::1");
+  std::array<char, 28> wide{};
+  std::memcpy(wide.data(), &ipv4, sizeof ipv4);
+  stream->setPeerAddressFromData(data(wide));
+  EXPECT_EQ(stream->peerIPv4Address(), "10.0.0.7");
+  EXPECT_EQ(QELNKLegacyStream::stringFromIPv4Address(ipv4.sin_addr.s_addr), "10.0.0.7");
+}
+
+TEST(LegacyStreamLog, FilesAndGroups) {
+  EXPECT_EQ(QELNKLegacyStream::logFilenameForApp("a:b", "prefix", "log"), std::nullopt);
+  const auto home = std::filesystem::temp_directory_path() / ("qelnk-home-" + std::to_string(getpid()));
+  const std::string before = getenv("HOME") ? getenv("HOME") : "";
+  setenv("HOME", home.c_str(), 1);
+  QELNKLegacyStream::setLoggingMask(1 + 2 + 4 + 16 + 32 + 64);
+  const std::regex pattern(R"((.*)/(\d{4}-\d\d-\d\d \d\d\.\d\d\.\d\d\.\d{3}) (\d+) prefix\.log)");
+  std::smatch first, second;
+  const std::string one = *QELNKLegacyStream::logFilenameForApp("a:b/../c", "prefix", "log"),
+                    two = *QELNKLegacyStream::create(playout())->logFilenameWithPrefix("prefix", "log");
+  ASSERT_TRUE(std::regex_match(one, first, pattern)) << one;
+  ASSERT_TRUE(std::regex_match(two, second, pattern)) << two;
+  EXPECT_EQ(first[1], (home / "Library/Logs/Kestrova/a b .. c").string());
+  EXPECT_TRUE(std::filesystem::is_directory(first[1].str()));
+  EXPECT_EQ(std::stoi(second[3]), std::stoi(first[3]) + 1);
+  setenv("HOME", "/dev/null", 1);
+  {
+    const CapturedLog log;
+    EXPECT_EQ(QELNKLegacyStream::logFilenameForApp("a", "b", "c"), std::nullopt);
+    EXPECT_TRUE(log.contains("Could not create folder for schedule logging with error: "));
+  }
+  setenv("HOME", before.c_str(), 1);
+  std::filesystem::remove_all(home);
+
+  const CapturedLog log;
+  {
+    Wired wired(Transport::memory, ingest());
+    wired.shakeHands();
+    wired.stream->writeString(std::string(300, 'w'));
+    wired.peer->send(zeroed(std::string(300, 'r')) + block("123", "T") + zeroed("end"));
+    EXPECT_TRUE(eventually([&] { return wired.observer->has("string end"); }));
+    EXPECT_TRUE(eventually([&] { return wired.stream->outgoingLength() == 0; }));
+  }
+  QELNKLegacyStream::setLoggingMask(0);
+  for (const std::string &line :
+       {"Incoming string handshake"s, "Incoming string (long): " + std::string(256, 'r') + " ...",
+        "Received for 3 binary data bytes, incoming buffer length "s, "Outgoing stream bytes: handshake"s,
+        "Outgoing stream bytes (long): " + std::string(256, 'w') + " ...", "Flushing 301 bytes to output stream"s,
+        "Flushed 301 bytes to output stream"s, "Flushed output in space available, missed space event = 1"s,
+        "Flushed output in write bytes, missed space event = 1"s, "Set stream status 1 with condition 1"s,
+        "Stream is ready, informing delegate"s, "Disconnect streams"s})
+    EXPECT_TRUE(log.contains(line)) << line;
+}
