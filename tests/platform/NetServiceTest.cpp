@@ -369,6 +369,20 @@ TEST_F(DiscoveryTest, OutagesAreOutlasted) {
   EXPECT_EQ(ours.observer->notPublished, 1);
   EXPECT_EQ(search.observer->resolved, 1);
   EXPECT_EQ(search.observer->notResolved, 0);
+
+  // One that hangs holds up only our own thread.
+  alpha().signalDaemon(SIGSTOP);
+  const auto start = std::chrono::steady_clock::now();
+  for (int round = 0; round < 3; ++round) {
+    ours.service->setTXTRecordData(record({{"round", std::to_string(round)}}));
+    search.service->stop();
+    search.resolve(20ms);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_TRUE(eventually([&] { return search.observer->notResolved == 1; }));
+  alpha().signalDaemon(SIGCONT);
+  search.resolve();
+  EXPECT_TRUE(search.hasRecord(record({{"round", "2"}})));
   EXPECT_LE(log.count("waits for its daemon") + log.count("is there"), 8u);
 }
 

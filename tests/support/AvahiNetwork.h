@@ -30,6 +30,8 @@ class AvahiMachine {
   /// The daemon ends by itself when its bus has gone.
   void endBus();
   void endDaemon(int signal = SIGTERM);
+  /// For example SIGSTOP and SIGCONT.
+  void signalDaemon(int signal) { daemon_->signal(signal); }
 
   std::filesystem::path busSocket() const { return folder_ / "bus"; }
 
