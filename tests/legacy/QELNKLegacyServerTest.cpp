@@ -1,7 +1,18 @@
 #include <QELNetworkKit/QELNKLegacyServer.h>
+#include <QELNetworkKit/RunLoop.h>
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <list>
+#include <memory>
 
 #include "legacy/Observers.h"
+#include "legacy/RawPeer.h"
+#include "platform/ListeningSocket.h"
 #include "support/TestSupport.h"
 
 using namespace qelnk;
@@ -30,6 +41,15 @@ struct Guest {
   std::shared_ptr<ClientObserver> observer = std::make_shared<ClientObserver>();
   std::shared_ptr<QELNKLegacyClient> client;
 };
+
+int connectTo(uint16_t port, int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  EXPECT_EQ(connect(peer, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  return peer;
+}
 
 }  // namespace
 
@@ -75,3 +95,176 @@ TEST_P(LegacyPair, ExchangesEverything) {
 
 INSTANTIATE_TEST_SUITE_P(, LegacyPair, testing::Bool(),
                          [](const auto &info) { return info.param ? "Ingest" : "Playout"; });
+
+TEST(LegacyServer, StartTellsWhatFailed) {
+  Service first;
+  const auto taken = QELNKLegacyServer::create("", first.server->port(), Value::map());
+  const size_t descriptors = descriptorCount();
+  Error error;
+  EXPECT_FALSE(taken->start(&error));
+  EXPECT_EQ(error.domain, "QELNKTCPServerErrorDomain");
+  EXPECT_EQ(error.code, 1);
+  EXPECT_FALSE(error.description.empty());
+  EXPECT_FALSE(taken->start());
+
+  const auto elsewhere = QELNKLegacyServer::create("", 0, Value::map());
+  elsewhere->setBindingIPAddress(0xC0000201);  // 192.0.2.1, which no machine has
+  EXPECT_FALSE(elsewhere->start(&error));
+  EXPECT_EQ(error.code, 1);
+
+  // IPv4 alone has the port: somebody else listens there on IPv6.
+  std::error_code reason;
+  const auto other = ListeningSocket::create(ListeningSocket::Family::ipv6, reason);
+  ASSERT_FALSE(other->bind(0));
+  const auto half = QELNKLegacyServer::create("", other->port(), Value::map());
+  EXPECT_FALSE(half->start(&error));
+  EXPECT_EQ(error.code, 2);
+  EXPECT_EQ(descriptorCount(), descriptors + 1);
+
+  // What was stopped may start again at once on the same port, which it keeps.
+  const uint16_t port = first.server->port();
+  for (int round = 0; round < 3; ++round) {
+    const Guest guest(port);
+    EXPECT_TRUE(eventually([&] { return guest.observer->has("ready"); }));
+    first.server->stop();
+    EXPECT_EQ(first.server->name(), "");
+    EXPECT_TRUE(first.server->start(&error)) << error.description;
+    EXPECT_EQ(first.server->port(), port);
+  }
+}
+
+TEST(LegacyServer, ListensOnOneAddressWhenTold) {
+  const auto server = QELNKLegacyServer::create("", 0, QELNKLegacyStream::defaultPlayoutOptionsForAppID("s"));
+  server->setBindingIPAddress(0x7F000002);
+  const CapturedLog log;
+  ASSERT_TRUE(server->start());
+  EXPECT_TRUE(log.contains("*** Binding custom IP Address."));
+  const Value options = with(QELNKLegacyClient::defaultPlayoutOptions(), "appID", "guest");
+  const Guest there(server->port(), options, "127.0.0.2"), here(server->port(), options, "127.0.0.1"),
+      ipv6(server->port(), options, "::1");
+  EXPECT_TRUE(eventually([&] { return there.observer->has("ready") && ipv6.observer->has("ready"); }));
+  EXPECT_TRUE(eventually([&] { return here.observer->has("error 4 0"); }));
+  const auto streams = server->streams();
+  ASSERT_EQ(streams.size(), 2u);
+  for (const auto &stream : streams)
+    EXPECT_TRUE(stream->peerAddress() == "127.0.0.1" || stream->peerAddress() == "::1") << *stream->peerAddress();
+}
+
+TEST(LegacyServer, ServesManyAtOnce) {
+  Service service;
+  std::list<Guest> guests;
+  for (int i = 0; i < 200; ++i) guests.emplace_back(service.server->port());
+  ASSERT_TRUE(eventually([&] { return service.observer->count("ready") == 200; }, std::chrono::seconds(30)));
+  ASSERT_TRUE(eventually([&] {
+    return std::all_of(guests.begin(), guests.end(), [](auto &guest) { return guest.observer->has("ready"); });
+  }));
+  for (int i = 0; i < 50; ++i) {
+    service.server->writeString(std::to_string(i));
+    if (i % 10 == 0) guests.pop_front();  // while it writes to all
+  }
+  for (auto &guest : guests) {
+    ASSERT_TRUE(eventually([&] { return guest.observer->has("string 49"); }));
+    EXPECT_EQ(guest.observer->all().size(), 51u);
+    EXPECT_TRUE(guest.client->writeString("bye"));
+  }
+  EXPECT_TRUE(eventually([&] { return service.observer->count("string bye") == 195; }));
+  EXPECT_TRUE(eventually([&] { return service.server->streams().size() == 195; }));
+}
+
+TEST(LegacyServer, OneThatDoesNotReadHoldsUpNobody) {
+  for (const Value &options :
+       {QELNKLegacyStream::defaultPlayoutOptionsForAppID("s"), QELNKLegacyStream::defaultIngestOptions()}) {
+    Service service(options);
+    const auto stuck = connectTo(service.server->port());
+    const std::string handshake = handshakeBytes("stuck", "", "x");
+    ASSERT_EQ(send(stuck, handshake.data(), handshake.size(), 0), ssize_t(handshake.size()));
+    const Guest guest(service.server->port());
+    ASSERT_TRUE(eventually([&] { return service.observer->count("ready") == 2 && guest.observer->has("ready"); }));
+    const Data block(std::string(1 << 20, 'b'));
+    for (int i = 0; i < 40; ++i) service.server->writeBinaryData(block, std::to_string(i), false);
+    EXPECT_TRUE(eventually([&] { return guest.observer->has("binary 39 1048576"); }));
+    EXPECT_GT(service.server->streams().front()->outgoingLength(), uint64_t(20) << 20);
+    close(stuck);
+  }
+}
+
+TEST(LegacyServer, OutlivesBadPeers) {
+  Service service(QELNKLegacyStream::defaultIngestOptions());
+  const Guest good(service.server->port());
+  ASSERT_TRUE(eventually([&] { return good.observer->has("ready"); }));
+  const std::string handshake = handshakeBytes("bad", "", "x");
+  for (int round = 0; round < 30; ++round) {
+    const int bad = connectTo(service.server->port());
+    const std::string bytes = handshake + zeroed("!bin! 1000000 T") + std::string(5000, 'x');
+    send(bad, bytes.data(), size_t(round) * 177 % bytes.size(), MSG_NOSIGNAL);
+    if (round % 3 == 0) {  // reset in the middle
+      const linger now{1, 0};
+      setsockopt(bad, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    } else if (round % 3 == 1) {
+      shutdown(bad, SHUT_WR);
+    }
+    close(bad);
+  }
+  EXPECT_TRUE(eventually([&] { return service.server->streams().size() == 1; }));
+  service.server->writeString("still here");
+  EXPECT_TRUE(eventually([&] { return good.observer->has("string still here"); }));
+}
+
+TEST(LegacyServer, WithoutDescriptorsItWaitsForThem) {
+  Service service;
+  const Guest first(service.server->port());
+  ASSERT_TRUE(eventually([&] { return first.observer->has("ready"); }));
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const CapturedLog log;
+  std::vector<int> taken;
+  const int waiting = socket(AF_INET, SOCK_STREAM, 0);
+  const rlimit low{rlim_t(waiting + 4), limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &low);
+  for (int more; (more = dup(0)) >= 0;) taken.push_back(more);
+  connectTo(service.server->port(), waiting);
+  EXPECT_TRUE(eventually([&] { return log.contains("Listening socket cannot accept connections for now: "); }));
+  const auto used = [] {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+  };
+  const double before = used();
+  RunLoop::main()->runOnce(std::chrono::milliseconds(300));
+  EXPECT_LT(used() - before, 0.1);  // no spin
+  EXPECT_EQ(log.count("Listening socket cannot accept"), 1u);
+  service.server->writeString("meanwhile");
+  EXPECT_TRUE(eventually([&] { return first.observer->has("string meanwhile"); }));
+  for (const int more : taken) close(more);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_TRUE(eventually([&] { return service.server->streams().size() == 2; }));
+  close(waiting);
+}
+
+TEST(LegacyServer, MayBeDroppedInAnyCallback) {
+  const size_t threads = threadCount(), descriptors = descriptorCount();
+  for (const bool ingest : {false, true})
+    for (const std::string callback : {"ready", "string x", "heartbeat h", "terminated"}) {
+      auto service = std::make_unique<Service>(ingest ? QELNKLegacyStream::defaultIngestOptions()
+                                                      : QELNKLegacyStream::defaultPlayoutOptionsForAppID("s"));
+      const std::weak_ptr<QELNKLegacyServer> weak = service->server;
+      std::atomic<bool> dropped = false;
+      service->observer->onTold([&](const std::string &text) {
+        EXPECT_FALSE(dropped) << text;
+        if (text != callback) return;
+        dropped = true;
+        service->server.reset();
+      });
+      const int peer = connectTo(service->server->port());
+      const std::string bytes = handshakeBytes("p", "", "x") + zeroed("x") + zeroed("heartbeat h");
+      send(peer, bytes.data(), bytes.size(), 0);
+      if (callback == "terminated") {
+        EXPECT_TRUE(eventually([&] { return service->observer->has("heartbeat h"); }));
+        close(peer);
+      }
+      EXPECT_TRUE(eventually([&] { return dropped && weak.expired(); })) << callback;
+      if (callback != "terminated") close(peer);
+      EXPECT_TRUE(eventually([&] { return threadCount() <= threads + 1; })) << callback;
+    }
+  EXPECT_TRUE(eventually([&] { return descriptorCount() <= descriptors + 4; }));
+}
