@@ -2,6 +2,7 @@
 #include <QELNetworkKit/RunLoop.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
 #include <thread>
 
@@ -352,13 +353,13 @@ TEST(LegacyClientEnds, AnyWayAtAnyTime) {
         if (random() % 4 == 0) listener.accepted.clear();
       }
       client.reset();
-      bool joined = false;
+      std::atomic<bool> joined = false;
       std::thread joiner([&] {
         for (auto &other : others) other.join();
         joined = true;
         RunLoop::main()->perform([] {});
       });
-      EXPECT_TRUE(eventually([&] { return joined; }));
+      EXPECT_TRUE(eventually([&] { return joined.load(); }));
       joiner.join();
     }
   }
