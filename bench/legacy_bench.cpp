@@ -272,22 +272,56 @@ void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int
   bench::contestOfRates(name, std::move(entries), rounds, count);
 }
 
-/// One block of a gigabyte, there and back again in the count of its megabytes.
+/// A block of a gigabyte, which the receiver is to have as a whole.
 void giant() {
-  Goal goal, nowhere;
-  const auto [a, b] = connection();
-  OurEnd sender(a, true, nowhere), receiver(b, true, goal);
-  bench::require(sender.observer->ready.pass() && receiver.observer->ready.pass(), "not ready");
-  const Data block(std::string(size_t(1) << 30, '\7'));
-  std::vector<double> rates;
-  for (int round = 0; round < 3; ++round) {
+  constexpr size_t size = size_t(1) << 30;
+  const std::string text(size, '\7');
+  const Data block(text);
+  const auto ours = [&] {
+    Goal goal, nowhere;
+    const auto [a, b] = connection();
+    OurEnd sender(a, true, nowhere), receiver(b, true, goal);
+    bench::require(sender.observer->ready.pass() && receiver.observer->ready.pass(), "not ready");
     goal.set(1);
     const auto start = Clock::now();
     sender.stream->writeBinaryData(block, "image/raw", false);
     goal.await();
-    rates.push_back(double(block.size()) / 1e6 / bench::seconds(Clock::now() - start));
-  }
-  bench::printRow("giant/1GiB", "ours", {{"MB_per_second", bench::median(rates)}});
+    return std::vector<double>{bench::microseconds(Clock::now() - start)};
+  };
+  const auto byHand = [&] {
+    const auto [a, b] = connection();
+    AsioThread loops[2];
+    asio::ip::tcp::socket from(loops[0].context, asio::ip::tcp::v4(), a), to(loops[1].context, asio::ip::tcp::v4(), b);
+    from.non_blocking(true);
+    to.non_blocking(true);
+    bench::Gate done;
+    std::string collected;
+    std::array<char, readSize> chunk;
+    size_t at = 0;
+    const std::function<void()> write = [&] {
+      const size_t part = std::min(size - at, writeSize);
+      from.async_write_some(asio::buffer(text.data() + at, part), [&](const auto &error, size_t written) {
+        if (error || (at += written) == size) return;
+        write();
+      });
+    };
+    const std::function<void()> read = [&] {
+      to.async_read_some(asio::buffer(chunk), [&](const auto &error, size_t count) {
+        if (error) return;
+        collected.append(chunk.data(), count);
+        collected.size() == size ? done.open() : read();
+      });
+    };
+    const auto start = Clock::now();
+    collected.reserve(size);
+    asio::post(loops[0].context, write);
+    asio::post(loops[1].context, read);
+    bench::require(done.pass(), "not everything arrived");
+    const double time = bench::microseconds(Clock::now() - start);
+    for (AsioThread &loop : loops) loop.end();
+    return std::vector<double>{time};
+  };
+  bench::contestOfTimes("giant/1GiB", {{"ours", ours, 1}, {"asio", byHand, 1}}, 5);
 }
 
 /// What a byte costs while so many lie before it: nothing is read until all has been queued.

@@ -187,6 +187,39 @@ def broadcast_tables(results):
         ("spread", ["subscribers", "QELNetworkKit", "by hand", "by hand, no callback thread", "ratio"], spread)) if rows}
 
 
+def legacy_tables(results):
+    lines = read_lines(results / "legacy_bench.txt")
+    words = {"ours": "", "ours-to-asio": ", Asio receives", "asio-to-ours": ", Asio sends"}
+    ways, backlog, crowd = [], [], []
+    for name, peers in lines.items():
+        kind, detail = name.split("/")
+        ours = peers["ours"]
+        if kind in ("blocks", "strings"):
+            what = "1 MiB blocks" if kind == "blocks" else "strings"
+            for peer, which in words.items():
+                if peer in peers:
+                    rates = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (peer, "asio")]
+                    ways.append([f"{what}, {detail.replace('-', ' ')}{which}", *rates, f"{peers[peer]['ratio']:.2f}",
+                                 *verdict(peers[peer]["ratio"], 0.8, at_most=False)])
+        elif kind == "giant":
+            rates = [f"{2**30 / peers[p]['median_us']:,.0f} MB/s" for p in ("ours", "asio")]
+            ways.append(["one block of 1 GiB, two threads", *rates, f"{1 / ours['ratio']:.2f}",
+                         *verdict(1 / ours["ratio"], 0.8, at_most=False)])
+        elif kind == "backlog":
+            backlog.append([detail.replace("MB", " MB"), f"{ours['cpu_ns_per_byte']:.2f} ns", f"{ours['ratio']:.2f}",
+                            *verdict(ours["ratio"], 1.3)])
+        elif kind == "connections":
+            crowd.append([f"{int(detail):,} connections", f"{ours['seconds_to_accept']:.2f} s to accept and shake hands, "
+                          f"{ours['KiB_each']:.1f} KiB each", *verdict(ours["KiB_each"], 8)])
+        elif kind == "heartbeat":
+            crowd.append([f"heartbeat to {int(detail):,} connections", f"{duration(ours['median_us'] * 1e3)}, bare loop "
+                          f"{duration(peers['bare-loop']['median_us'] * 1e3)}: {ours['ratio']:.2f}", *verdict(ours["ratio"], 1.3)])
+    return {name: table(headings, rows) for name, headings, rows in (
+        ("legacy", ["one way", "QELNetworkKit", "Asio", "ratio", "goal", ""], ways),
+        ("legacy-backlog", ["backlog", "a byte costs", "growth", "goal", ""], backlog),
+        ("legacy-crowd", ["what", "measured", "goal", ""], crowd)) if rows}
+
+
 def daemon_tables(results):
     lines, micro = read_lines(results / "daemon_bench.txt"), read_micro(results / "log_bench.json")
     rows = []
@@ -237,7 +270,7 @@ def machine():
 def main(results, page=None):
     results = pathlib.Path(results)
     tables = {**encoding_tables(results), **request_tables(results), **server_tables(results), **broadcast_tables(results),
-              **daemon_tables(results)}
+              **daemon_tables(results), **legacy_tables(results)}
     for name, text in tables.items():
         print(f"\n{name}\n{text}")
     if not page:

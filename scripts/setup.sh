@@ -11,7 +11,7 @@ packages=(
   python3 python3-zmq python3-msgpack git locales
 )
 if [ "${1:-build}" = bench ]; then
-  packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)
+  packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev libboost-dev)
 fi
 
 missing=()
