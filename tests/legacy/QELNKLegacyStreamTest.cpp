@@ -368,6 +368,7 @@ TEST(LegacyStreamLog, FilesAndGroups) {
   {
     Wired wired(Transport::memory, ingest());
     wired.shakeHands();
+    EXPECT_TRUE(eventually([&] { return log.contains("Flushed output in space available, missed space event = 1"); }));
     wired.stream->writeString(std::string(300, 'w'));
     wired.peer->send(zeroed(std::string(300, 'r')) + block("123", "T") + zeroed("end"));
     EXPECT_TRUE(eventually([&] { return wired.observer->has("string end"); }));
