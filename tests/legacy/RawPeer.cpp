@@ -15,6 +15,10 @@ namespace qelnk::test {
 std::pair<StreamPair, StreamPair> connectedStreams(Transport transport) {
   if (transport == Transport::memory) return streamsInMemory(8192);
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int a = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int small = 16384;  // so that little fills the connection
+  for (const int end : {listener, a})
+    for (const int buffer : {SO_SNDBUF, SO_RCVBUF}) setsockopt(end, SOL_SOCKET, buffer, &small, sizeof small);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -23,7 +27,6 @@ std::pair<StreamPair, StreamPair> connectedStreams(Transport transport) {
   EXPECT_EQ(bind(listener, generic, size), 0);
   EXPECT_EQ(listen(listener, 1), 0);
   getsockname(listener, generic, &size);
-  const int a = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   EXPECT_EQ(connect(a, generic, size), 0);
   const int b = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
   ::close(listener);
