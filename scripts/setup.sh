@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config ccache
-  libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libgtest-dev
+  libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libssl-dev libgtest-dev
   avahi-daemon avahi-utils dbus-daemon iproute2
   clang clang-format clang-tidy
   python3 python3-zmq python3-msgpack git locales

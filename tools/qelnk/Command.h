@@ -21,7 +21,7 @@ struct Invocation {
 /// One command of the tool. A new one is a file of its own that defines its table entry, and a place in the table in
 /// Commands.cpp.
 struct Command {
-  std::string_view name;
+  std::string_view name;  ///< one word, or two for one of a group
   std::string_view summary;
   Syntax syntax;
   std::string (*notes)();  ///< what its help says besides; may be null

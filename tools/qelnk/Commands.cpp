@@ -3,12 +3,12 @@
 namespace tool {
 
 extern const Command packCommand, unpackCommand, requestCommand, serveCommand, publishCommand, subscribeCommand,
-    monitorCommand, daemonCommand, demoCommand;
+    monitorCommand, daemonCommand, legacyListenCommand, legacyConnectCommand, demoCommand;
 
 std::span<const Command *const> commands() {
-  static const Command *const table[] = {&packCommand,    &unpackCommand,  &requestCommand,
-                                         &serveCommand,   &publishCommand, &subscribeCommand,
-                                         &monitorCommand, &daemonCommand,  &demoCommand};
+  static const Command *const table[] = {&packCommand,         &unpackCommand,        &requestCommand, &serveCommand,
+                                         &publishCommand,      &subscribeCommand,     &monitorCommand, &daemonCommand,
+                                         &legacyListenCommand, &legacyConnectCommand, &demoCommand};
   return table;
 }
 

@@ -12,6 +12,8 @@
 #include "Command.h"
 #include "DaemonLaunch.h"
 #include "DaemonView.h"
+#include "Demonstration.h"
+#include "LegacyDemo.h"
 #include "Notation.h"
 
 namespace tool {
@@ -46,12 +48,11 @@ class DemoFolder {
   std::filesystem::path path_;
 };
 
-/// The demonstration of daemon control: every step waits for what it should bring about, and fails without it.
-class DaemonDemo {
+/// The demonstration of daemon control.
+class DaemonDemo : private Demonstration {
  public:
-  explicit DaemonDemo(Invocation &invocation)
-      : session_(invocation.session), output_(invocation.output), timeout_(invocation.timeout) {}
-  ~DaemonDemo() { terminate(); }
+  explicit DaemonDemo(Invocation &invocation) : Demonstration(invocation) {}
+  ~DaemonDemo() override { terminate(); }
   DaemonDemo(const DaemonDemo &) = delete;
   DaemonDemo &operator=(const DaemonDemo &) = delete;
 
@@ -69,18 +70,8 @@ class DaemonDemo {
   using Workflow = std::shared_ptr<QELNKOrlinWorkflow>;
   using Port = std::shared_ptr<QELNKOrlinPort>;
 
-  void step(const std::string &text) {
-    if (output_.json()) return output_.event("step", {{"text", text}});
-    output_.line(output_.bold("* " + text));
-  }
-
-  /// Waits until `condition` holds, which the step promised.
-  void expect(const std::string &what, const std::function<bool()> &condition) {
-    const auto lost = [this] { return !quitting_ && !process_->isRunning(); };
-    session_.waitUntil([&] { return condition() || lost(); }, after(timeout_), std::chrono::milliseconds(5));
-    if (session_.stopped()) throw Failure(Exit::failed, "");
-    if (!condition())
-      throw Failure(Exit::failed, "this did not happen: " + what + (lost() ? " (the daemon has ended)" : ""));
+  std::string lost() const override {
+    return !quitting_ && process_ && !process_->isRunning() ? "the daemon has ended" : "";
   }
 
   Workflow workflow(const std::string &name) {
@@ -222,9 +213,6 @@ class DaemonDemo {
     process_->waitUntilExit();
   }
 
-  Session &session_;
-  Output &output_;
-  const double timeout_;  // seconds, for each step
   const DemoFolder folder_;
   std::unique_ptr<QELNKOrlinDaemonSpawner> spawner_;
   std::shared_ptr<QELNKKORVALDaemonClient> client_;
@@ -235,6 +223,7 @@ class DaemonDemo {
 
 Exit demo(Invocation &invocation) {
   DaemonDemo(invocation).run();
+  runLegacyDemo(invocation);
   return Exit::done;
 }
 
@@ -242,6 +231,10 @@ Exit demo(Invocation &invocation) {
 
 extern const Command demoCommand;
 const Command demoCommand = {
-    "demo", "Shows the library at work on this machine alone, with a simulated daemon.", {"", {}}, nullptr, demo};
+    "demo",
+    "Shows the library at work on this machine alone: a simulated daemon, and legacy connections.",
+    {"", {}},
+    nullptr,
+    demo};
 
 }  // namespace tool

@@ -117,9 +117,9 @@ bool Session::fill() {
   return count > 0;
 }
 
-std::optional<std::string> Session::readLine() {
+std::optional<std::string> Session::readLine(const std::function<bool()> &interrupted) {
   for (;;) {
-    if (stopped()) return std::nullopt;
+    if (stopped() || (interrupted && interrupted())) return std::nullopt;
     const size_t end = input_.find('\n', searched_);
     if (end != std::string::npos || inputEnded_) {
       if (end == std::string::npos && input_.empty()) return std::nullopt;

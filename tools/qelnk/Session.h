@@ -40,8 +40,8 @@ class Session {
                  std::chrono::milliseconds glance = std::chrono::milliseconds(50));
 
   /// The next line of standard input without its end, serving the main run loop meanwhile; none once the input has
-  /// ended or the tool is asked to end. An input that cannot be read is a Failure.
-  std::optional<std::string> readLine();
+  /// ended, the tool is asked to end or `interrupted` holds. An input that cannot be read is a Failure.
+  std::optional<std::string> readLine(const std::function<bool()> &interrupted = nullptr);
   /// Serves the main run loop until the tool is asked to end, or standard input has ended and it is not to stay.
   void serve(bool stay);
   /// The rest of standard input.

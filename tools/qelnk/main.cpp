@@ -70,6 +70,31 @@ void print(std::string_view text) {
   }
 }
 
+/// The commands of the group that a word names, which come with a second word.
+std::vector<const Command *> groupOf(const std::string &word) {
+  std::vector<const Command *> group;
+  for (const Command *command : commands())
+    if (command->name.starts_with(word + " ")) group.push_back(command);
+  return group;
+}
+
+/// The command that the words from `place` on name, which are taken away. A usage Failure where there is none.
+const Command &takeCommand(std::vector<std::string> &words, size_t place) {
+  std::string name = words[place];
+  const auto group = groupOf(name);
+  if (!group.empty() && place + 1 < words.size()) name += " " + words[place + 1];
+  for (const Command *command : commands()) {
+    if (command->name != name) continue;
+    const auto first = words.begin() + ptrdiff_t(place);
+    words.erase(first, first + (group.empty() ? 1 : 2));
+    return *command;
+  }
+  if (group.empty()) throw Failure(Exit::usage, "unknown command " + name);
+  std::string choice;
+  for (const Command *command : group) choice += (choice.empty() ? "" : " or ") + std::string(command->name);
+  throw Failure(Exit::usage, "the command is " + choice);
+}
+
 /// Runs what the command line asks for; failures are thrown. `context` becomes the words that they are about.
 Exit run(std::vector<std::string> words, std::string &context) {
   const size_t place = placeOfCommand(words);
@@ -81,14 +106,12 @@ Exit run(std::vector<std::string> words, std::string &context) {
     print(arguments.has("version") ? std::string(QELNetworkKitVersionString) + "\n" : overview());
     return Exit::done;
   }
-  const std::string name = words[place];
-  const auto all = commands();
-  const auto found =
-      std::find_if(all.begin(), all.end(), [&](const Command *command) { return command->name == name; });
-  if (found == all.end()) throw Failure(Exit::usage, "unknown command " + name);
-  const Command &command = **found;
-  context = "qelnk " + name;
-  words.erase(words.begin() + ptrdiff_t(place));
+  if (place + 2 == words.size() && words.back() == "--help" && !groupOf(words[place]).empty()) {
+    for (const Command *command : groupOf(words[place])) print(helpFor(*command) + "\n");
+    return Exit::done;
+  }
+  const Command &command = takeCommand(words, place);
+  context = "qelnk " + std::string(command.name);
   Syntax syntax = command.syntax;
   syntax.options.insert(syntax.options.end(), commonOptions().begin(), commonOptions().end());
   const Arguments arguments = Arguments::parse(syntax, words);
