@@ -168,7 +168,10 @@ void Connection::close(End &end) {
   if (std::exchange(end.closed, true)) return;
   disarm(end);
   target.swap(end.target);
-  if (!input.closed || !output.closed) return;
+  if (!input.closed || !output.closed) {
+    if (&end == &output && socket_ >= 0) shutdown(socket_, SHUT_WR);  // the other side hears of it behind all data
+    return;
+  }
   connector.swap(connector_);
   const int socket = std::exchange(socket_, -1);
   buffered_ = {};
