@@ -422,7 +422,15 @@ class Demo(ToolTest):
             self.assertIn(pushed, updates)
         self.assertGreaterEqual(len([1 for port, _ in updates if port == "Frames"]), 5)
         self.assertEqual(list(self.folder.iterdir()), [], "its project is gone")
-        self.assertIn("nothing is left running", events(result, "step")[-1]["text"])
+        self.assertTrue([1 for step in events(result, "step") if "nothing is left running" in step["text"]])
+        self.assertEqual(sorted(e["peer"]["appID"].split(".")[-1] for e in events(result, "ready")),
+                         ["connect", "ingest", "playout", "playout"])
+        self.assertEqual(sorted(e["text"] for e in events(result, "string")),
+                         ["clip 7 is ingested", "on air: Evening news", "on air: Evening news", "take next"])
+        blocks = events(result, "binary")
+        self.assertEqual((len(blocks), blocks[0]), (2, blocks[1]))
+        self.assertGreaterEqual(len(events(result, "heartbeat")), 6)
+        self.assertEqual(len(events(result, "terminated")), 2)
 
     def test_demo_without_answers_fails(self):
         for options, words in [("--drop-replies 5", ["--timeout", SHORT]), ("--exit-after 8", [])]:

@@ -52,6 +52,7 @@ class Connecting : public QELNKLegacyClientDelegate,
   bool perform(const LegacyInput &input, size_t number);
   bool write(const std::function<bool()> &attempt);
   void awaitWritten();
+  void close();
   void end();
   /// No connection is there, nor will be.
   void giveUp(const std::string &why) { failure_ = Failure(Exit::unanswered, why); }
@@ -65,6 +66,7 @@ class Connecting : public QELNKLegacyClientDelegate,
   std::string target_;
   std::shared_ptr<QELNKLegacyClient> client_;
   bool wasReady_ = false, hasEnded_ = false;
+  bool isClosing_ = false;  // by our own wish
   std::optional<Failure> failure_;
 };
 
@@ -85,7 +87,7 @@ void setOption(Value &options, const std::string &setting) {
                                     : current->isInteger() ? "a whole number"
                                                            : "a number") +
                                    ", not " + text);
-  options.set(key, value);
+  options.set(key, current->isFloat() ? Value(value.doubleValue()) : value);
 }
 
 Value clientOptions(const Arguments &arguments) {
@@ -143,6 +145,7 @@ void Connecting::networkClientIsReady(const Client &client) {
 
 void Connecting::networkClientWasTerminated(const Client &, bool willReconnect) {
   onMainThread([&] {
+    if (isClosing_) return;
     showTerminated(output_, willReconnect);
     if (willReconnect) return;
     hasEnded_ = true;
@@ -207,7 +210,16 @@ void Connecting::awaitWritten() {
                                         " bytes could not be written in time");
 }
 
+/// Ends the connection behind what was written, and waits for the other side to end it too: a connection that is simply
+/// closed while something comes in loses what is still on its way out.
+void Connecting::close() {
+  isClosing_ = true;
+  client_->closeStream(client_->outputStream());
+  session_.waitUntil([this] { return !client_->isReady(); }, after(timeout_), std::chrono::milliseconds(5));
+}
+
 void Connecting::end() {
+  isClosing_ = true;
   if (client_) client_->disconnect();
   while (qelnk::RunLoop::main()->runOnce({})) {  // what has arrived is printed too
   }
@@ -232,6 +244,7 @@ Exit Connecting::run() {
     failure = problem;
   }
   awaitWritten();
+  if (!isOver()) close();
   if (failure) throw *failure;
   if (failure_) throw *failure_;
   return Exit::done;
@@ -253,7 +266,12 @@ const Command legacyConnectCommand = {
       {"app-id", "ID", "application ID for the handshake (default: the one that goes with the set)"},
       {"set", "KEY=VALUE", "another value for one of the set's options; may be given several times"},
       stayOption}},
-    [] { return std::string(legacyInputNotes()); },
+    [] {
+      return std::string(legacyInputNotes()) +
+             "With the sets playout and connect the other side has to send heartbeats: without one for 3 s the "
+             "connection is "
+             "ended\n(--set heartbeatProblemTimeout=0 has them not watched).\n";
+    },
     connectToPeer};
 
 }  // namespace tool

@@ -49,6 +49,7 @@ class Listening : public QELNKLegacyServerDelegate,
   uint64_t longestQueue() const;
   void awaitRoom();
   void awaitWritten();
+  void close();
   void end();
 
   Invocation &invocation_;
@@ -215,6 +216,14 @@ bool Listening::perform(const LegacyInput &input, size_t number) {
   return !std::holds_alternative<LegacyDisconnect>(input);
 }
 
+/// Ends the connections behind what was written, and waits for the other sides to end them too: a connection that is
+/// simply closed while something comes in loses what is still on its way out.
+void Listening::close() {
+  for (const Stream &stream : readyStreams()) stream->closeStream(stream->outputStream());
+  session_.waitUntil([this] { return readyStreams().empty(); }, after(invocation_.timeout),
+                     std::chrono::milliseconds(5));
+}
+
 void Listening::end() {
   if (heartbeats_) heartbeats_->cancel();
   server_->stop();
@@ -240,7 +249,9 @@ Exit Listening::run() {
   } catch (const Failure &problem) {
     failure = problem;
   }
+  if (heartbeats_) heartbeats_->cancel();
   awaitWritten();
+  close();
   if (failure) throw *failure;
   return Exit::done;
 }

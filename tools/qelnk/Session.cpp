@@ -3,7 +3,6 @@
 #include <QELNetworkKit/RunLoop.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -99,11 +98,16 @@ Session::Wait Session::waitUntil(const std::function<bool()> &condition, Deadlin
 /// Waits until standard input or the main loop has something, and serves the loop.
 void Session::awaitInput() {
   const auto loop = qelnk::RunLoop::main();
-  pollfd items[] = {{STDIN_FILENO, POLLIN, 0}, {signalPipe[0], POLLIN, 0}, {loop->wakeDescriptor(), POLLIN, 0}};
-  const auto limit = std::chrono::ceil<std::chrono::milliseconds>(loop->untilNextTimer(1s));
-  poll(items, std::size(items), int(limit.count()));
-  loop->runOnce(0ns);
-  if (items[0].revents != 0) inputEnded_ = !fill();
+  bool readable = false;
+  std::shared_ptr<qelnk::LoopSource> watch;
+  try {
+    watch = loop->watch(STDIN_FILENO, qelnk::Readiness::readable, [&](qelnk::Readiness) { readable = true; });
+  } catch (const std::system_error &) {  // a file: that cannot be watched, and is always readable
+    readable = true;
+  }
+  loop->runOnce(readable ? 0ns : 1s);
+  if (watch) watch->cancel();
+  if (readable) inputEnded_ = !fill();
 }
 
 /// Reads what is there; returns false at the end of the input.
