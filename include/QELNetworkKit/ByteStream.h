@@ -42,7 +42,8 @@ class QELNK_EXPORT ByteStream {
   virtual void schedule(const std::shared_ptr<RunLoop> &loop) = 0;
   virtual void unschedule() = 0;
   virtual void open() = 0;
-  /// Ends this direction; what it holds of the system goes back once both directions are closed. No event after it.
+  /// Ends this direction; the other side hears of the end of an output behind what was written. What the connection
+  /// holds of the system goes back once both directions are closed. No event after it.
   virtual void close() = 0;
   /// Why it failed; no error unless the error event was told or a read or write returned -1.
   virtual std::error_code error() const = 0;
