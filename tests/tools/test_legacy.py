@@ -267,7 +267,7 @@ class Listen(LegacyTest):
         self.feed(process, binary(BLOCK * 50))
         process.stdin.close()
         self.assertTrue(peer.slowly() == b"!bin! 5000000 T\0" + BLOCK * 50 + b"\0")
-        self.done_by_itself(process)
+        self.assertEqual({event["event"] for event in self.done_by_itself(process)}, {"ready", "string"})
 
     def test_heartbeats_and_the_end(self):
         process, port = self.listen("--heartbeat", 0.05)

@@ -32,7 +32,9 @@ class Listening : public QELNKLegacyServerDelegate,
     onMainThread([&] { showReady(output_, *stream); });
   }
   void networkServiceNetworkStreamWasTerminated(const Server &, const Stream &) override {
-    onMainThread([&] { showTerminated(output_); });
+    onMainThread([&] {
+      if (!isClosing_) showTerminated(output_);
+    });
   }
 
   // The service tells these here, and is told in turn.
@@ -60,6 +62,7 @@ class Listening : public QELNKLegacyServerDelegate,
   std::shared_ptr<QELNKLegacyServer> server_;
   std::shared_ptr<QELNKLegacyService> service_;  // the same, where it is to be published
   std::shared_ptr<qelnk::LoopSource> heartbeats_;
+  bool isClosing_ = false;  // by our own wish
 };
 
 qelnk::Value streamOptions(const Arguments &arguments) {
@@ -219,6 +222,7 @@ bool Listening::perform(const LegacyInput &input, size_t number) {
 /// Ends the connections behind what was written, and waits for the other sides to end them too: a connection that is
 /// simply closed while something comes in loses what is still on its way out.
 void Listening::close() {
+  isClosing_ = true;
   for (const Stream &stream : readyStreams()) stream->closeStream(stream->outputStream());
   session_.waitUntil([this] { return readyStreams().empty(); }, after(invocation_.timeout),
                      std::chrono::milliseconds(5));
