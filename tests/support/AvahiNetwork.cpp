@@ -92,7 +92,6 @@ AvahiMachine::AvahiMachine(const fs::path &folder, std::string name, const std::
 }
 
 AvahiMachine::~AvahiMachine() {
-  endDaemon(SIGKILL);
   endBus();
   end(keeper_, SIGKILL);
 }
@@ -131,7 +130,10 @@ void AvahiMachine::startDaemon() {
                   (folder_ / "avahi.conf").string());
 }
 
-void AvahiMachine::endBus() { end(bus_, SIGKILL); }
+void AvahiMachine::endBus() {
+  end(bus_, SIGKILL);
+  end(daemon_, SIGKILL);  // it may hang when it is asked to end while it notices that its bus has gone
+}
 void AvahiMachine::endDaemon(int signal) { end(daemon_, signal); }
 
 AvahiNetwork::AvahiNetwork(int cables) : folder_(makeFolder()) {

@@ -27,7 +27,7 @@ class AvahiMachine {
   /// Both return before the daemon is ready, which takes it about a second.
   void startBus();
   void startDaemon();
-  /// The daemon ends by itself when its bus has gone.
+  /// Takes the daemon along, which is no use without.
   void endBus();
   void endDaemon(int signal = SIGTERM);
   /// For example SIGSTOP and SIGCONT.
