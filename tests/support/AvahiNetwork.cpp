@@ -174,6 +174,7 @@ std::string AvahiNetwork::missing() {
 // The bus library reads the variable once in a process: the place stays, and a link there leads to the bus.
 SystemBus::SystemBus(const fs::path &socket) {
   setenv(busVariable, ("unix:path=" + busLink().string()).c_str(), 1);
+  fs::remove(busLink());  // of a program of that number that was killed
   if (!socket.empty()) fs::create_symlink(socket, busLink());
 }
 
