@@ -153,7 +153,9 @@ TEST(LegacyServer, ListensOnOneAddressWhenTold) {
 TEST(LegacyServer, ServesManyAtOnce) {
   Service service;
   std::list<Guest> guests;
-  for (int i = 0; i < 200; ++i) guests.emplace_back(service.server->port());
+  Value options = with(QELNKLegacyClient::defaultPlayoutOptions(), "appID", "guest");
+  options.set("heartbeatProblemTimeout", 0);  // there are none
+  for (int i = 0; i < 200; ++i) guests.emplace_back(service.server->port(), options);
   ASSERT_TRUE(eventually([&] { return service.observer->count("ready") == 200; }, std::chrono::seconds(30)));
   ASSERT_TRUE(eventually([&] {
     return std::all_of(guests.begin(), guests.end(), [](auto &guest) { return guest.observer->has("ready"); });
@@ -193,7 +195,7 @@ TEST(LegacyServer, OneThatDoesNotReadHoldsUpNobody) {
 TEST(LegacyServer, OutlivesBadPeers) {
   Service service(QELNKLegacyStream::defaultIngestOptions());
   const Guest good(service.server->port());
-  ASSERT_TRUE(eventually([&] { return good.observer->has("ready"); }));
+  ASSERT_TRUE(eventually([&] { return good.observer->has("ready") && service.observer->has("ready"); }));
   const std::string handshake = handshakeBytes("bad", "", "x");
   for (int round = 0; round < 30; ++round) {
     const int bad = connectTo(service.server->port());
@@ -207,6 +209,7 @@ TEST(LegacyServer, OutlivesBadPeers) {
     }
     close(bad);
   }
+  EXPECT_TRUE(eventually([&] { return service.observer->count("terminated") == 30; }));
   EXPECT_TRUE(eventually([&] { return service.server->streams().size() == 1; }));
   service.server->writeString("still here");
   EXPECT_TRUE(eventually([&] { return good.observer->has("string still here"); }));
