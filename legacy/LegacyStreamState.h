@@ -28,6 +28,8 @@ struct QELNKLegacyStream::State {
   mutable std::recursive_mutex mutex;
   qelnk::OutgoingBytes outgoing;
   uint64_t dataFence = 0;
+  uint64_t droppedLength = 0;
+  std::error_code connectionError;
   uint64_t maximumWriteSize = 0;
   bool missedSpaceEvent = false;
   bool flushScheduled = false;

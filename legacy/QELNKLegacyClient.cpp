@@ -301,6 +301,10 @@ void QELNKLegacyClient::connectAfter(double seconds) {
 }
 
 void QELNKLegacyClient::delayedConnect() {
+  if (const auto service = netService(); service && !service->hostName().empty()) {  // it may have moved
+    setHost(service->hostName());
+    setPort(service->port());
+  }
   if (isConnected() && !inputStream()) _connect();
 }
 

@@ -185,6 +185,7 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
     state_->dropConnection();
     state_->incoming.setLimits(state_->limits);
     state_->handledCloseError = false;  // of this connection nothing has been handled
+    state_->connectionError.clear();
     droppedInput = std::exchange(state_->input, inputStream);
     droppedOutput = std::exchange(state_->output, outputStream);
     release(std::exchange(state_->connectionThread, state_->thread));
@@ -243,6 +244,7 @@ std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::State::servingThread
 void QELNKLegacyStream::State::dropConnection() {
   ++connections;
   incoming.clear();
+  droppedLength += outgoing.size();
   outgoing.clear();
   status = 0;
   missedSpaceEvent = flushScheduled = false;
@@ -416,6 +418,10 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
     case StreamEvent::error: {
       if (state_->handledCloseError.exchange(true)) break;
       const std::error_code error = stream ? stream->error() : std::error_code();
+      {
+        const std::lock_guard lock(state_->mutex);
+        state_->connectionError = error;
+      }
       if (error == std::errc::connection_refused) return informDelegateConnectionRefused();
       if (error == std::errc::address_not_available) return handleAddressNotAvailableForStream(stream);
       logDefault("NSStreamEventErrorOccurred: {}", error.message());
@@ -627,6 +633,8 @@ void QELNKLegacyStream::handleAddressNotAvailableForStream(const std::shared_ptr
 
 // --- Properties ---
 
+uint64_t QELNKLegacyStream::droppedLength() const { return state_->locked(state_->droppedLength); }
+std::error_code QELNKLegacyStream::connectionError() const { return state_->locked(state_->connectionError); }
 uint64_t QELNKLegacyStream::maximumWriteSize() const { return state_->locked(state_->maximumWriteSize); }
 
 void QELNKLegacyStream::setMaximumWriteSize(uint64_t size) {

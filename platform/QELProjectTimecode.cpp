@@ -48,7 +48,7 @@ QELProjectTimecode QELProjectTimecode::timecodeWithString(std::string_view text)
   const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), rate, std::chars_format::fixed);
   if (hours && minutes && seconds && frames && error == std::errc() && end == rest.data() + rest.size() &&
       isRate(rate)) {
-    const QELProjectTimecode timecode(*hours, *minutes, *seconds, *frames, rate);
+    QELProjectTimecode timecode(*hours, *minutes, *seconds, *frames, rate);
     if (timecode.text_ == text) return timecode;
   }
   return QELProjectTimecode(std::string(text));

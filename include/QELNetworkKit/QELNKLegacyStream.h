@@ -133,6 +133,11 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   bool flushOutput();
   /// How many bytes are queued and not yet handed to the connection.
   uint64_t outgoingLength() const;
+  /// How many queued bytes went with connections that ended, since the stream was made.
+  uint64_t droppedLength() const;
+
+  /// Why the last connection, or the last attempt at one, failed; none if it did not.
+  std::error_code connectionError() const;
 
   uint64_t streamStatus() const;
   bool isReady() const;

@@ -56,6 +56,10 @@ class Connecting : public QELNKLegacyClientDelegate,
   void end();
   /// No connection is there, nor will be.
   void giveUp(const std::string &why) { failure_ = Failure(Exit::unanswered, why); }
+  std::string reason() const {
+    const auto error = client_->connectionError();
+    return error ? ": " + error.message() : "";
+  }
   bool isOver() const { return hasEnded_ || failure_; }
 
   const Arguments &arguments_;
@@ -78,7 +82,8 @@ void setOption(Value &options, const std::string &setting) {
   if (equals == std::string::npos || !current)
     throw Failure(Exit::usage, "--set takes KEY=VALUE with one of the options' keys, not " + setting);
   const std::string text = setting.substr(equals + 1);
-  const Value value = current->isString() ? Value(text) : parseArgument(text);
+  Value value = parseArgument(text);
+  if (current->isString() && !value.isString()) value = Value(text);
   const bool fits = current->isString() || (current->isBool() && value.isBool()) ||
                     (current->isInteger() && value.isInteger()) || (current->isFloat() && value.isNumber());
   if (!fits)
@@ -129,8 +134,9 @@ void Connecting::begin() {
                                         options_);
     return client_->connect();
   }
-  const auto service = qelnk::NetService::create(arguments_.text("domain").value_or(""), *arguments_.text("type"),
-                                                 *arguments_.text("service"));
+  const auto service =
+      qelnk::NetService::create(arguments_.text("domain").value_or(""), serviceType(*arguments_.text("type")),
+                                *arguments_.text("service"));
   client_ = QELNKLegacyClient::create(service, weak_from_this(), options_);
   // Before the first turn of the main loop, on which the service tells.
   service->setDelegate(weak_from_this());
@@ -149,14 +155,14 @@ void Connecting::networkClientWasTerminated(const Client &, bool willReconnect) 
     showTerminated(output_, willReconnect);
     if (willReconnect) return;
     hasEnded_ = true;
-    if (!wasReady_) giveUp("the connection to " + target_ + " ended before it was ready");
+    if (!wasReady_) giveUp("the connection to " + target_ + " ended before it was ready" + reason());
   });
 }
 
 void Connecting::networkClient(const Client &, int64_t connectError, bool willRetry) {
   onMainThread([&] {
     showConnectError(output_, connectError, willRetry);
-    if (!willRetry) giveUp("no connection to " + target_ + ": " + connectErrorText(connectError));
+    if (!willRetry) giveUp("no connection to " + target_ + ": " + connectErrorText(connectError) + reason());
   });
 }
 
@@ -243,10 +249,16 @@ Exit Connecting::run() {
   } catch (const Failure &problem) {
     failure = problem;
   }
-  awaitWritten();
-  if (!isOver()) close();
+  try {
+    awaitWritten();
+    if (!isOver()) close();
+  } catch (const Failure &) {
+    if (!failure) throw;  // the first one is what counts
+  }
   if (failure) throw *failure;
   if (failure_) throw *failure_;
+  if (const uint64_t dropped = client_->droppedLength())
+    throw Failure(Exit::failed, std::to_string(dropped) + " bytes were not written before the connection ended");
   return Exit::done;
 }
 

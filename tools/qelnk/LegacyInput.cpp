@@ -67,13 +67,21 @@ LegacyInput heartbeatOf(const Value &value) {
   return writable(QELNKLegacyServer::timecodeStringForTimecode(timecode, fields.optionalText("info")));
 }
 
+std::optional<std::string> txtValueOf(const Value &value) {
+  if (value.isNull()) return std::nullopt;
+  if (value.isString()) return std::string(value.string());
+  const Value *encoded = value.isDictionary() && value.size() == 1 ? value.find("$data") : nullptr;
+  const auto data = encoded && encoded->isString() ? base64Data(encoded->string()) : std::nullopt;
+  if (!data) malformed("the values of \"txt\" are strings, {\"$data\": BASE64} or null");
+  return std::string(data->text());
+}
+
 LegacyInput txtOf(const Value &value) {
   if (!value.isDictionary()) malformed("\"txt\" takes an object");
   LegacyTXT txt;
   for (const auto &entry : value.entries()) {
-    if (!entry.value.isString() && !entry.value.isNull()) malformed("the values of \"txt\" are strings, or null");
     const std::string key(entry.key.string());
-    const auto text = entry.value.isNull() ? std::nullopt : std::optional<std::string>(entry.value.string());
+    const auto text = txtValueOf(entry.value);
     if (!fitsTXTRecord(key, text)) malformed("no TXT record can hold the entry \"" + key + "\"");
     txt.record.insert_or_assign(key, text);
   }
@@ -95,11 +103,9 @@ LegacyInput commandOf(const Value &command) {
 
 LegacyInput parse(std::string_view line) {
   const size_t start = line.find_first_not_of(" \t\r");
-  if (start == std::string_view::npos || line[start] != '{') return writable(std::string(line));
-  qelnk::Error error;
-  const auto command = qelnk::jsonObject(line, &error);
-  if (!command) malformed("malformed JSON: " + error.description);
-  return commandOf(*command);
+  const auto command =
+      start != std::string_view::npos && line[start] == '{' ? qelnk::jsonObject(line) : std::nullopt;
+  return command ? commandOf(*command) : writable(std::string(line));
 }
 
 }  // namespace
@@ -113,12 +119,19 @@ LegacyInput legacyInput(std::string_view line, size_t number) {
 }
 
 std::string_view legacyInputNotes() {
-  return "A line of input is written as a string, but one that begins with { is a command, a JSON object:\n"
+  return "A line of input is written as a string, but one that is a JSON object is a command:\n"
          "  {\"string\": TEXT}\n"
          "  {\"binary\": {\"contentType\": TEXT, \"data\": BASE64, \"fenced\": true|false}}\n"
          "  {\"heartbeat\": {\"timecode\": TEXT, \"info\": TEXT}}\n"
-         "  {\"txt\": {KEY: TEXT|null}}   for a published service\n"
+         "  {\"txt\": {KEY: TEXT|{\"$data\": BASE64}|null}}   for a published service\n"
          "  {\"disconnect\": true}        once what came before is written\n";
+}
+
+std::string serviceType(const std::string &text) {
+  const std::string_view type = text.ends_with('.') ? std::string_view(text).substr(0, text.size() - 1) : text;
+  const bool fits = type.size() > 6 && type.front() == '_' && (type.ends_with("._tcp") || type.ends_with("._udp"));
+  if (!fits) throw Failure(Exit::usage, "--type takes a service type, _x._tcp, not " + text);
+  return text;
 }
 
 bool fitsTXTRecord(const std::string &key, const std::optional<std::string> &value) {

@@ -32,6 +32,8 @@ LegacyInput legacyInput(std::string_view line, size_t number);
 /// What the help says about lines.
 std::string_view legacyInputNotes();
 
+/// The type of a service that an option gives, or a Failure of Exit::usage.
+std::string serviceType(const std::string &text);
 /// Whether a TXT record can hold this.
 bool fitsTXTRecord(const std::string &key, const std::optional<std::string> &value);
 

@@ -106,7 +106,7 @@ Listening::Listening(Invocation &invocation)
   for (const char *option : {"txt", "domain"})
     if (!type && arguments_.has(option)) throw Failure(Exit::usage, "--" + std::string(option) + " goes with --type");
   if (type)
-    server_ = service_ = QELNKLegacyService::create(arguments_.text("domain").value_or(""), *type, name, port,
+    server_ = service_ = QELNKLegacyService::create(arguments_.text("domain").value_or(""), serviceType(*type), name, port,
                                                     streamOptions(arguments_));
   else
     server_ = QELNKLegacyServer::create(name, port, streamOptions(arguments_));
@@ -254,8 +254,12 @@ Exit Listening::run() {
     failure = problem;
   }
   if (heartbeats_) heartbeats_->cancel();
-  awaitWritten();
-  close();
+  try {
+    awaitWritten();
+    close();
+  } catch (const Failure &) {
+    if (!failure) throw;  // the first one is what counts
+  }
   if (failure) throw *failure;
   return Exit::done;
 }
@@ -267,10 +271,11 @@ Exit listenForConnections(Invocation &invocation) { return std::make_shared<List
 extern const Command legacyListenCommand;
 const Command legacyListenCommand = {
     "legacy listen",
-    "Listens for legacy connections, prints what they send, and writes each line of standard input to all of them.",
+    "Listens for legacy connections, prints what they send but for binary blocks, and writes each line of standard input "
+    "to all\nof them.",
     {"",
      {{"port", "N", "port to listen on (default: one that the system chooses)"},
-      {"bind", "IPV4", "the IPv4 address to listen on (default: all)"},
+      {"bind", "IPV4", "the IPv4 address to listen on (default: all); IPv6 listens on all in any case"},
       {"name", "NAME", "name of the service (default: the machine's)"},
       {"type", "_x._tcp", "publish the service with this type"},
       {"domain", "D", "publish it in this domain"},
