@@ -117,8 +117,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
 void Connection::take(int socket) {
   socket_ = socket;
-  const int on = 1;  // short messages go at once
-  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const int on = 1;
+  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // short messages go at once
+  // Else a connection that only listens would outlive for ever a machine that was switched off.
+  setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
 }
 
 void Connection::setTarget(End &end, ByteStream::EventTarget target) {

@@ -110,12 +110,11 @@ class On {
 /// A client whose thread is the machine's that it was made on.
 struct Guest {
   explicit Guest(const std::shared_ptr<NetService> &service)
-      : client(QELNKLegacyClient::create(service, observer, options())) {}
-  Guest(const std::string &host, uint16_t port)
-      : client(QELNKLegacyClient::create(host, host, port, observer, options())) {
+      : client(QELNKLegacyClient::create(service, observer, QELNKLegacyClient::defaultIngestOptions())) {}
+  Guest(const std::string &host, uint16_t port, const Value &options = QELNKLegacyClient::defaultIngestOptions())
+      : client(QELNKLegacyClient::create(host, host, port, observer, options)) {
     client->connect();
   }
-  static Value options() { return QELNKLegacyClient::defaultIngestOptions(); }
   bool hears(const std::string &text) const {
     return inTime([&] { return observer->has(text); });
   }
@@ -381,6 +380,38 @@ TEST_F(LegacyService, ServesWithoutADaemonAndIsPublishedWhenThereIsOne) {
     EXPECT_TRUE(isReached(Guest("localhost", each->port())));
   }
   EXPECT_EQ(log.count("Publishing net service"), 1u);
+}
+
+TEST_F(LegacyService, BothSidesNoticeThatACableWasPulled) {
+  makeNetwork(1);
+  // What takes hours, and a quarter of one.
+  beta().outputOf(
+      "cd /proc/sys/net/ipv4; for each in tcp_keepalive_time tcp_keepalive_intvl tcp_keepalive_probes; do "
+      "echo 1 >$each; done; echo 3 >tcp_retries2");
+  const auto server = makeService("", "");
+  {
+    const On machine(beta());
+    ASSERT_TRUE(server->start());
+  }
+  const On machine(alpha());
+  const Guest guest("10.77.0.2", server->port(),
+                    with(QELNKLegacyClient::defaultConnectOptions(), "multiThreaded", true));
+  EXPECT_TRUE(inTime([&] {
+    server->sendHeartbeatAtTimecode(QELProjectTimecode());
+    return guest.observer->has("heartbeat 00:00:00:00 25");
+  }));
+  alpha().outputOf("ip link set ve0 down");
+  EXPECT_TRUE(guest.hears("lost 1") && guest.hears("terminated 1"));
+  EXPECT_TRUE(inTime([&] { return log.count("connecting to 10.77.0.2") >= 3; })) << "it tries";
+  EXPECT_TRUE(inTime([&] { return server->streams().empty(); }));
+  alpha().outputOf("ip link set ve0 up");
+  EXPECT_TRUE(isReached(guest));
+  EXPECT_TRUE(inTime([&] {
+    server->writeString("back");
+    return guest.observer->has("string back");
+  }));
+  EXPECT_EQ(guest.observer->count("terminated 1"), 1u);
+  EXPECT_EQ(server->streams().size(), 1u);
 }
 
 TEST_F(LegacyService, WithoutIPv6) {
