@@ -148,9 +148,6 @@ class LegacyService : public testing::Test {
                                                          uint16_t port = 0) {
     return QELNKLegacyService::create("", kind, name, port, QELNKLegacyStream::defaultIngestOptions());
   }
-  static bool isReached(const Guest &guest) {
-    return inTime([&] { return guest.client->isReady(); });
-  }
 
   const CapturedLog log;
   const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
@@ -225,7 +222,7 @@ TEST_F(LegacyService, MachinesFindEachOther) {
     const On machine(beta());
     return Guest("10.77.0.1", ours->port());
   }();
-  EXPECT_TRUE(isReached(fromThere));
+  EXPECT_TRUE(fromThere.hears("ready"));
   EXPECT_TRUE(inTime([&] { return observer->has("ready"); }));
   ours->stop();
   EXPECT_TRUE(inTime([&] {
@@ -279,7 +276,7 @@ TEST_F(LegacyService, TriesTheAddressesOfAName) {
     const auto guest = guestOf("beta.local", ipv4Only->port());
     ASSERT_TRUE(inTime([&] { return !accepted.empty(); }));
     accepted.front()->send(handshakeBytes("peer", "", "app"));
-    EXPECT_TRUE(inTime([&] { return guest.observer->has("ready"); }));
+    EXPECT_TRUE(guest.hears("ready"));
     EXPECT_EQ(guest.observer->all(), std::vector<std::string>{"ready"}) << "nothing of the refusal";
   }
   alpha().outputOf("ip neighbour replace fe80::2 lladdr 02:00:00:00:00:99 dev ve0 nud permanent");
@@ -330,7 +327,7 @@ TEST_F(LegacyService, ServesWithoutADaemonAndIsPublishedWhenThereIsOne) {
   service->setTXTRecordDictionary({{"take", "1"}});
   EXPECT_TRUE(logs("Error publishing net service Ours (Daemon not running)"));
   const Guest guest("localhost", service->port());
-  EXPECT_TRUE(isReached(guest));
+  EXPECT_TRUE(guest.hears("ready"));
 
   // Nobody is found; there is nothing to be told of it, and nothing is tried.
   const Guest lost(NetService::create("", type, "Nobody"));
@@ -377,7 +374,7 @@ TEST_F(LegacyService, ServesWithoutADaemonAndIsPublishedWhenThereIsOne) {
   for (const auto &each : {service, silent}) {
     EXPECT_EQ(each->netService(), nullptr);
     each->setTXTRecordDictionary({{"take", "3"}});
-    EXPECT_TRUE(isReached(Guest("localhost", each->port())));
+    EXPECT_TRUE(Guest("localhost", each->port()).hears("ready"));
   }
   EXPECT_EQ(log.count("Publishing net service"), 1u);
 }
@@ -405,7 +402,7 @@ TEST_F(LegacyService, BothSidesNoticeThatACableWasPulled) {
   EXPECT_TRUE(inTime([&] { return log.count("connecting to 10.77.0.2") >= 3; })) << "it tries";
   EXPECT_TRUE(inTime([&] { return server->streams().empty(); }));
   alpha().outputOf("ip link set ve0 up");
-  EXPECT_TRUE(isReached(guest));
+  EXPECT_TRUE(inTime([&] { return guest.client->isReady(); }));
   EXPECT_TRUE(inTime([&] {
     server->writeString("back");
     return guest.observer->has("string back");
@@ -425,7 +422,7 @@ TEST_F(LegacyService, WithoutIPv6) {
   }
   {
     const On machine(alpha());
-    EXPECT_TRUE(isReached(Guest("10.77.0.2", switchedOff->port())));
+    EXPECT_TRUE(Guest("10.77.0.2", switchedOff->port()).hears("ready"));
     const Guest guest("::1", switchedOff->port());
     EXPECT_TRUE(guest.hears("terminated 1"));
     EXPECT_TRUE(log.contains("NSStreamEventErrorOccurred: Cannot assign requested address"));
@@ -452,5 +449,5 @@ TEST_F(LegacyService, WithoutIPv6) {
   }).join();
   EXPECT_TRUE(ipv6->hears("terminated 1"));
   EXPECT_TRUE(log.contains("NSStreamEventErrorOccurred: Address family not supported by protocol"));
-  EXPECT_TRUE(isReached(*ipv4));
+  EXPECT_TRUE(ipv4->hears("ready"));
 }
