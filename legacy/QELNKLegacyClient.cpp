@@ -18,7 +18,6 @@ using qelnk::NetService;
 using qelnk::RunLoop;
 using qelnk::Value;
 using qelnk::logDefault;
-using qelnk::logError;
 
 namespace {
 
