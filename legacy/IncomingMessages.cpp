@@ -25,8 +25,8 @@ size_t countOfCharacters(std::string_view text) {
 /// The text from the character with this index on; empty when it is shorter.
 std::string_view fromCharacter(std::string_view text, size_t index) {
   size_t at = 0;
-  for (; index > 0 && at < text.size(); --index)
-    do ++at;
+  for (; index > 0 && at < text.size(); --index) do
+      ++at;
     while (at < text.size() && isContinuation(text[at]));
   return text.substr(at);
 }
@@ -95,7 +95,9 @@ bool isText(std::string_view bytes) {
   return !(highBits & 0x8080808080808080) || simdjson::validate_utf8(bytes.data(), bytes.size());
 }
 
-bool IncomingMessages::next(Message &message) { return pending_ > 0 ? checkIncomingBinaryData(message) : completeString(message); }
+bool IncomingMessages::next(Message &message) {
+  return pending_ > 0 ? checkIncomingBinaryData(message) : completeString(message);
+}
 
 bool IncomingMessages::checkIncomingBinaryData(Message &message) {
   if (block_.size() < pending_) return false;
@@ -136,8 +138,8 @@ bool IncomingMessages::completeString(Message &message) {
   }
 }
 
-/// Prepares for the block that a header announces. One without a space behind the length, or of no bytes, announces none:
-/// what follows is taken as ever.
+/// Prepares for the block that a header announces. One without a space behind the length, or of no bytes, announces
+/// none: what follows is taken as ever.
 void IncomingMessages::receiveHeader(Message &message) {
   const std::string_view text = message.text();
   const size_t space = text.find(' ');

@@ -39,8 +39,8 @@ class IncomingMessages {
     Kind kind = Kind::string;
     std::string string;
     Data data;
-    size_t textBegin = 0, textEnd = 0;               // within `string`
-    size_t informationBegin = std::string::npos;     // where there is some
+    size_t textBegin = 0, textEnd = 0;            // within `string`
+    size_t informationBegin = std::string::npos;  // where there is some
 
     std::string_view text() const { return std::string_view(string).substr(textBegin, textEnd - textBegin); }
     std::optional<std::string> information() const {
@@ -74,7 +74,7 @@ class IncomingMessages {
 
   Limits limits_;
   std::vector<uint8_t> incoming_;
-  size_t begin_ = 0;     // of what has not been consumed
+  size_t begin_ = 0;       // of what has not been consumed
   size_t unsearched_ = 0;  // at its end
   uint64_t pending_ = 0;
   Data block_;  // what has come of it

@@ -19,7 +19,8 @@ class OutgoingBytes {
 
   void append(std::span<const uint8_t> bytes);
   void append(const Data &bytes);
-  /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. What is appended later does not move them.
+  /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. What is appended later does not move
+  /// them.
   struct Piece {
     Data holder;
     std::span<const uint8_t> bytes;

@@ -13,11 +13,11 @@
 
 using qelnk::ByteStream;
 using qelnk::Data;
+using qelnk::logDefault;
 using qelnk::LoopSource;
 using qelnk::NetService;
 using qelnk::RunLoop;
 using qelnk::Value;
-using qelnk::logDefault;
 
 namespace {
 
@@ -293,7 +293,8 @@ void QELNKLegacyClient::reconnect() {
   connectAfter(clientState_->autoReconnectDelay);
 }
 
-/// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a time.
+/// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a
+/// time.
 void QELNKLegacyClient::connectAfter(double seconds) {
   clientState_->start(clientState_->delayedConnect, clientState_->connectNumber, seconds, {}, held(),
                       &QELNKLegacyClient::delayedConnect, static_cast<const QELNKLegacyStream *>(this));
@@ -452,8 +453,8 @@ void QELNKLegacyClient::startHeartbeatMonitor() {
   clientState_->lastHeartbeat = wallTime();
   clientState_->heartbeatNotifiedProblem = false;
   clientState_->start(clientState_->heartbeatTimer, clientState_->heartbeatNumber,
-                      std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval,
-                      held(), &QELNKLegacyClient::heartbeatMonitorTask);
+                      std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval, held(),
+                      &QELNKLegacyClient::heartbeatMonitorTask);
 }
 
 void QELNKLegacyClient::cancelHeartbeatMonitor() {
@@ -467,7 +468,7 @@ void QELNKLegacyClient::heartbeatMonitorTask() {
   if (logsHeartbeatMonitor()) logDefault("Heartbeat monitor");
   const auto input = inputStream();
   if (!input) return cancelHeartbeatMonitor();  // disconnected while it was being started
-  if (input->hasBytesAvailable()) return;  // the heartbeat may be among them
+  if (input->hasBytesAvailable()) return;       // the heartbeat may be among them
   const double now = wallTime();
   bool isLost = false, isOver = false;
   {
@@ -539,9 +540,8 @@ void QELNKLegacyClient::netServiceDidUpdateTXTRecordData(const std::shared_ptr<N
     clientState_->serviceTXTRecordData = Data(data);
     clientState_->serviceTXTRecordDictionary = NetService::dictionaryFromTXTRecordData(data);
   }
-  informClient(true, data.size(), [](const auto &client, auto *delegate) {
-    delegate->networkClientServiceUpdatedTXTRecordData(client);
-  });
+  informClient(true, data.size(),
+               [](const auto &client, auto *delegate) { delegate->networkClientServiceUpdatedTXTRecordData(client); });
 }
 
 // --- Properties ---

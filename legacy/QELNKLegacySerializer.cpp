@@ -30,8 +30,7 @@ void QELNKLegacySerializer::writeString(const std::string &string) {
 
 void QELNKLegacySerializer::writeData(const Data &data) {
   const std::lock_guard lock(mutex_);
-  if (streamThread_)
-    streamThread_->thread.runLoop()->perform([stream = stream_, data] { stream->writeData(data); });
+  if (streamThread_) streamThread_->thread.runLoop()->perform([stream = stream_, data] { stream->writeData(data); });
 }
 
 void QELNKLegacySerializer::cancel() {

@@ -12,9 +12,9 @@
 using qelnk::Data;
 using qelnk::Error;
 using qelnk::ListeningSocket;
-using qelnk::Value;
 using qelnk::logDefault;
 using qelnk::logError;
+using qelnk::Value;
 
 const char *const QELNKTCPServerErrorDomain = "QELNKTCPServerErrorDomain";
 

@@ -5,9 +5,9 @@
 #include "legacy/LocalHost.h"
 #include "platform/LogFormat.h"
 
+using qelnk::logDefault;
 using qelnk::NetService;
 using qelnk::Value;
-using qelnk::logDefault;
 
 struct QELNKLegacyService::ServiceState {
   mutable std::mutex mutex;
@@ -26,8 +26,7 @@ QELNKLegacyService::~QELNKLegacyService() = default;
 
 std::shared_ptr<QELNKLegacyService> QELNKLegacyService::create(std::string domain, std::string type, std::string name,
                                                                uint16_t port, const Value &streamOptions) {
-  return own(
-      new QELNKLegacyService(std::move(domain), std::move(type), std::move(name), port, streamOptions));
+  return own(new QELNKLegacyService(std::move(domain), std::move(type), std::move(name), port, streamOptions));
 }
 
 std::string QELNKLegacyService::defaultPublishingName() { return qelnk::publishingName(); }

@@ -121,8 +121,7 @@ void QELNKLegacyStream::setOptions(const Value &options) {
   if (const auto own = flag("multiThreaded")) {
     const bool hasIt = state_->thread && state_->thread->isCancellable() == *own;
     if (!hasIt) try {
-        auto thread =
-            *own ? QELNKLegacyStreamThread::multiThreaded() : QELNKLegacyStreamThread::singleThreaded();
+        auto thread = *own ? QELNKLegacyStreamThread::multiThreaded() : QELNKLegacyStreamThread::singleThreaded();
         release(std::exchange(state_->thread, std::move(thread)));
       } catch (const std::system_error &error) {
         logError("QELNKLegacyStream could not start a thread: {}", error.what());
@@ -175,7 +174,6 @@ void QELNKLegacyStream::dealloc() {
   _disconnect();
   if (const auto thread = this->thread()) thread->cancel();
 }
-
 
 void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
                                        std::shared_ptr<OutputStream> outputStream) {
@@ -542,7 +540,7 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
       break;
     case Kind::heartbeat:
       stream.informDelegateOfHeartbeatAtTimecode(QELProjectTimecode::timecodeWithString(message.text()),
-                                          message.information());
+                                                 message.information());
       break;
     case Kind::binaryHeader:
       if (const uint64_t pending = incomingState().first; pending == 0 || pending > INT32_MAX)
@@ -590,7 +588,8 @@ void QELNKLegacyStream::dispatchToMainThreadAsync(bool async, qelnk::Task block)
 void QELNKLegacyStream::informDelegateOfReceivedString(const std::string &string) {
   State::inform(
       *this, true, string.size(),
-      [](const auto &stream, const auto &delegate, const auto &text) { delegate->networkStream(stream, text); }, string);
+      [](const auto &stream, const auto &delegate, const auto &text) { delegate->networkStream(stream, text); },
+      string);
 }
 
 void QELNKLegacyStream::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
@@ -685,9 +684,8 @@ std::optional<std::string> QELNKLegacyStream::peerAddress() const {
   if (address.sin6_family != AF_INET6 && address.sin6_family != AF_INET) return std::nullopt;
   std::array<char, INET6_ADDRSTRLEN> text{};
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
-  const void *const bytes = address.sin6_family == AF_INET6
-                                ? static_cast<const void *>(&address.sin6_addr)
-                                : &reinterpret_cast<const sockaddr_in *>(generic)->sin_addr;
+  const void *const bytes = address.sin6_family == AF_INET6 ? static_cast<const void *>(&address.sin6_addr)
+                                                            : &reinterpret_cast<const sockaddr_in *>(generic)->sin_addr;
   return inet_ntop(address.sin6_family, bytes, text.data(), text.size());
 }
 

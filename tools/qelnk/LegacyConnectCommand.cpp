@@ -134,9 +134,8 @@ void Connecting::begin() {
                                         options_);
     return client_->connect();
   }
-  const auto service =
-      qelnk::NetService::create(arguments_.text("domain").value_or(""), serviceType(*arguments_.text("type")),
-                                *arguments_.text("service"));
+  const auto service = qelnk::NetService::create(arguments_.text("domain").value_or(""),
+                                                 serviceType(*arguments_.text("type")), *arguments_.text("service"));
   client_ = QELNKLegacyClient::create(service, weak_from_this(), options_);
   // Before the first turn of the main loop, on which the service tells.
   service->setDelegate(weak_from_this());

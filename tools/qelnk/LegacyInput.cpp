@@ -103,8 +103,7 @@ LegacyInput commandOf(const Value &command) {
 
 LegacyInput parse(std::string_view line) {
   const size_t start = line.find_first_not_of(" \t\r");
-  const auto command =
-      start != std::string_view::npos && line[start] == '{' ? qelnk::jsonObject(line) : std::nullopt;
+  const auto command = start != std::string_view::npos && line[start] == '{' ? qelnk::jsonObject(line) : std::nullopt;
   return command ? commandOf(*command) : writable(std::string(line));
 }
 

@@ -106,8 +106,8 @@ Listening::Listening(Invocation &invocation)
   for (const char *option : {"txt", "domain"})
     if (!type && arguments_.has(option)) throw Failure(Exit::usage, "--" + std::string(option) + " goes with --type");
   if (type)
-    server_ = service_ = QELNKLegacyService::create(arguments_.text("domain").value_or(""), serviceType(*type), name, port,
-                                                    streamOptions(arguments_));
+    server_ = service_ = QELNKLegacyService::create(arguments_.text("domain").value_or(""), serviceType(*type), name,
+                                                    port, streamOptions(arguments_));
   else
     server_ = QELNKLegacyServer::create(name, port, streamOptions(arguments_));
   if (const auto address = arguments_.text("bind")) server_->setBindingIPAddress(bindingAddress(*address));
@@ -271,7 +271,8 @@ Exit listenForConnections(Invocation &invocation) { return std::make_shared<List
 extern const Command legacyListenCommand;
 const Command legacyListenCommand = {
     "legacy listen",
-    "Listens for legacy connections, prints what they send but for binary blocks, and writes each line of standard input "
+    "Listens for legacy connections, prints what they send but for binary blocks, and writes each line of standard "
+    "input "
     "to all\nof them.",
     {"",
      {{"port", "N", "port to listen on (default: one that the system chooses)"},
