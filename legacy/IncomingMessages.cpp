@@ -25,9 +25,10 @@ size_t countOfCharacters(std::string_view text) {
 /// The text from the character with this index on; empty when it is shorter.
 std::string_view fromCharacter(std::string_view text, size_t index) {
   size_t at = 0;
-  for (; index > 0 && at < text.size(); --index) do
-      ++at;
-    while (at < text.size() && isContinuation(text[at]));
+  for (; index > 0 && at < text.size(); --index) {
+    ++at;
+    while (at < text.size() && isContinuation(text[at])) ++at;
+  }
   return text.substr(at);
 }
 

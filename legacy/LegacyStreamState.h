@@ -44,6 +44,8 @@ struct QELNKLegacyStream::State {
   std::shared_ptr<qelnk::OutputStream> output;
   std::shared_ptr<QELNKLegacyStreamThread> thread;
   std::shared_ptr<QELNKLegacyStreamThread> connectionThread;  // the one that serves `input` and `output`
+  // Threads of its own that it had before: something may still wait on their run loops.
+  std::vector<std::shared_ptr<QELNKLegacyStreamThread>> replacedThreads;
   std::array<uint8_t, 28> peerAddress{};
   std::optional<std::string> peerHostName, peerIPv4Address, peerAppID;
 
@@ -77,6 +79,8 @@ struct QELNKLegacyStream::State {
   bool stoppedReading = false;  // in the last read pass, because of what waits
 
   std::shared_ptr<QELNKLegacyStreamThread> servingThread() const;
+  static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
+                    const std::shared_ptr<qelnk::ByteStream> &stream);
   void dropConnection();
   bool flush(bool inSpaceEvent);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
@@ -128,6 +132,9 @@ struct QELNKLegacyStream::State {
     std::shared_ptr<QELNKLegacyStreamDelegate> delegate_;
     uint64_t version_ = 0;
     ReadPass *const outer_;
+
+   public:
+    bool isCalling = false;  // and what it holds is in use
   };
 
   /// Makes `call(stream, delegate, arguments...)` where the delegate of `stream` is to be called. One that is queued to
@@ -135,7 +142,12 @@ struct QELNKLegacyStream::State {
   template <class Call, class... Arguments>
   static void inform(QELNKLegacyStream &stream, bool queued, uint64_t bytes, Call call, const Arguments &...arguments) {
     if (!stream.callDelegateOnMainThread()) {
-      if (auto *pass = ReadPass::of(stream)) return make(pass->stream(), pass->delegate(), call, arguments...);
+      if (auto *pass = ReadPass::of(stream); pass && !pass->isCalling) {
+        pass->isCalling = true;
+        make(pass->stream(), pass->delegate(), call, arguments...);
+        pass->isCalling = false;
+        return;
+      }
       const auto self = stream.weak_from_this().lock();
       return make(self, stream.delegate(), call, arguments...);
     }

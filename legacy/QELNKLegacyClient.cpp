@@ -74,12 +74,15 @@ struct QELNKLegacyClient::ClientState {
 
   bool isReconnecting = false, isCancelled = false, attemptIPv4Fallback = false;
   double lastHeartbeat = 0;
+  std::weak_ptr<qelnk::InputStream> heartbeatInput;  // whose heartbeats are watched
   std::optional<double> lastHeartbeatCheck;
   bool heartbeatNotifiedProblem = false;
   bool attemptReconnect = false, connected = false;
   std::shared_ptr<NetService> netService;
   std::string name, host;
   uint64_t port = 0;
+  std::string resolvedHost;  // what the service last told
+  uint64_t resolvedPort = 0;
   double connectTimeout = 0, autoReconnectDelay = 0, autoRetryInterval = 0;
   int64_t maxRetryAttempts = 0, retryAttempts = 0;
   double heartbeatDisconnectTimeout = 0, heartbeatProblemTimeout = 0;
@@ -301,11 +304,22 @@ void QELNKLegacyClient::connectAfter(double seconds) {
 }
 
 void QELNKLegacyClient::delayedConnect() {
-  if (const auto service = netService(); service && !service->hostName().empty()) {  // it may have moved
-    setHost(service->hostName());
-    setPort(service->port());
-  }
+  followService();
   if (isConnected() && !inputStream()) _connect();
+}
+
+/// A service that was resolved may have moved; the owner may have set another host, too.
+void QELNKLegacyClient::followService() {
+  const std::lock_guard lock(clientState_->mutex);
+  const auto &service = clientState_->netService;
+  const bool isTheServices =
+      clientState_->host == clientState_->resolvedHost && clientState_->port == clientState_->resolvedPort;
+  if (service && isTheServices && !service->hostName().empty()) takeAddress(*service);
+}
+
+void QELNKLegacyClient::takeAddress(const NetService &service) {
+  clientState_->host = clientState_->resolvedHost = service.hostName();
+  clientState_->port = clientState_->resolvedPort = service.port();
 }
 
 void QELNKLegacyClient::timeoutReached() {
@@ -449,7 +463,10 @@ void QELNKLegacyClient::startHeartbeatMonitor() {
   cancelHeartbeatMonitor();
   const std::lock_guard lock(clientState_->mutex);
   if (!(clientState_->heartbeatDisconnectTimeout < 0 && clientState_->heartbeatProblemTimeout < 0)) return;
+  const auto input = inputStream();
+  if (!input) return;  // disconnected meanwhile
   if (logsHeartbeatMonitor()) logDefault("Starting heartbeat monitor");
+  clientState_->heartbeatInput = input;
   clientState_->lastHeartbeat = wallTime();
   clientState_->heartbeatNotifiedProblem = false;
   clientState_->start(clientState_->heartbeatTimer, clientState_->heartbeatNumber,
@@ -467,7 +484,8 @@ void QELNKLegacyClient::cancelHeartbeatMonitor() {
 void QELNKLegacyClient::heartbeatMonitorTask() {
   if (logsHeartbeatMonitor()) logDefault("Heartbeat monitor");
   const auto input = inputStream();
-  if (!input) return cancelHeartbeatMonitor();  // disconnected while it was being started
+  // Disconnected while it was being started.
+  if (!input || input != clientState_->get(clientState_->heartbeatInput).lock()) return cancelHeartbeatMonitor();
   if (input->hasBytesAvailable()) return;       // the heartbeat may be among them
   const double now = wallTime();
   bool isLost = false, isOver = false;
@@ -522,8 +540,7 @@ void QELNKLegacyClient::netServiceDidResolveAddress(const std::shared_ptr<NetSer
     if (service != clientState_->netService) return;
     logDefault("Resolved net service {}", service->name());
     if (isReady() && service->hostName() == clientState_->host && service->port() == clientState_->port) return;
-    clientState_->host = service->hostName();
-    clientState_->port = service->port();
+    takeAddress(*service);
   }
   connect();
 }

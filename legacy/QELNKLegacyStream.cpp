@@ -30,6 +30,7 @@ bool logs(QELNKLegacyStream::Logging group) { return theLoggingMask.load(std::me
 
 // Of longer strings and writes the log has the beginning.
 constexpr size_t longestLogged = 256;
+constexpr int chunksAtOnce = 256;
 // How many messages are taken out of what was read before they are told.
 constexpr size_t messagesAtOnce = 64;
 
@@ -53,13 +54,6 @@ void logOutgoingBytes(std::string_view bytes) {
     logDefault("Outgoing stream bytes (long): {} ...", bytes.substr(0, longestLogged));
   else
     logDefault("Outgoing stream bytes: {}", bytes.substr(0, bytes.find('\0')));
-}
-
-/// Lets go of a thread. Whoever does so last waits for its end, but for the thread itself, so that has to be the last.
-void release(std::shared_ptr<QELNKLegacyStreamThread> thread) {
-  if (!thread) return;
-  auto &there = *thread;
-  there.performSelectorOnTarget([thread = std::move(thread)] {}, false);
 }
 
 Value optionsWith(std::initializer_list<std::pair<Value, Value>> entries) { return Value::map(entries); }
@@ -122,7 +116,8 @@ void QELNKLegacyStream::setOptions(const Value &options) {
     const bool hasIt = state_->thread && state_->thread->isCancellable() == *own;
     if (!hasIt) try {
         auto thread = *own ? QELNKLegacyStreamThread::multiThreaded() : QELNKLegacyStreamThread::singleThreaded();
-        release(std::exchange(state_->thread, std::move(thread)));
+        const auto before = std::exchange(state_->thread, std::move(thread));
+        if (before && before->isCancellable()) state_->replacedThreads.push_back(before);
       } catch (const std::system_error &error) {
         logError("QELNKLegacyStream could not start a thread: {}", error.what());
       }
@@ -172,6 +167,7 @@ std::shared_ptr<QELNKLegacyStream> QELNKLegacyStream::networkStreamWithInputStre
 
 void QELNKLegacyStream::dealloc() {
   _disconnect();
+  for (const auto &thread : state_->replacedThreads) thread->cancel();
   if (const auto thread = this->thread()) thread->cancel();
 }
 
@@ -186,7 +182,7 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
     state_->connectionError.clear();
     droppedInput = std::exchange(state_->input, inputStream);
     droppedOutput = std::exchange(state_->output, outputStream);
-    release(std::exchange(state_->connectionThread, state_->thread));
+    state_->connectionThread = state_->thread;
   }
   scheduleStream(inputStream);
   scheduleStream(outputStream);
@@ -203,14 +199,16 @@ void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream
 }
 
 std::nullptr_t QELNKLegacyStream::closeStream(const std::shared_ptr<ByteStream> &stream) {
-  if (!stream) return nullptr;
-  if (const auto thread = state_->servingThread()) {
-    thread->closeStream(stream);
-  } else {  // it has never been scheduled
-    stream->setEventTarget(nullptr);
-    stream->close();
-  }
+  State::close(state_->servingThread(), stream);
   return nullptr;
+}
+
+void QELNKLegacyStream::State::close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
+                                     const std::shared_ptr<ByteStream> &stream) {
+  if (!stream) return;
+  if (on) return on->closeStream(stream);
+  stream->setEventTarget(nullptr);  // it has never been scheduled
+  stream->close();
 }
 
 void QELNKLegacyStream::disconnect() { _disconnect(); }
@@ -218,18 +216,18 @@ void QELNKLegacyStream::disconnect() { _disconnect(); }
 void QELNKLegacyStream::_disconnect() {
   logDefault("Disconnect streams");
   std::shared_ptr<ByteStream> input, output;
+  std::shared_ptr<QELNKLegacyStreamThread> thread;
   {
     const std::scoped_lock lock(state_->mutex, state_->readMutex);
     input = std::exchange(state_->input, nullptr);
     output = std::exchange(state_->output, nullptr);
+    thread = std::exchange(state_->connectionThread, nullptr);
     state_->dropConnection();
   }
-  closeStream(input);
-  closeStream(output);
+  State::close(thread, input);
+  State::close(thread, output);
   const std::lock_guard lock(state_->mutex);
-  if (state_->input || state_->output) return;
-  state_->status = 0;  // what an event that was under way has set
-  release(std::exchange(state_->connectionThread, nullptr));
+  if (!state_->input && !state_->output) state_->status = 0;  // what an event that was under way has set
 }
 
 /// The thread of the connection, or of the next one.
@@ -436,9 +434,9 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
 
 /// Tells that the connection has ended, and ends it; not one that the delegate has made meanwhile.
 void QELNKLegacyStream::terminate() {
-  const auto input = inputStream();
+  const uint64_t connection = state_->connections;
   informDelegateStreamWasTerminated();
-  if (input && input == inputStream()) _disconnect();
+  if (state_->connections == connection) _disconnect();
 }
 
 void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) {
@@ -447,11 +445,12 @@ void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) 
   bool failed = false;
   qelnk::runGuarded("QELNKLegacyStream", [&] { failed = !state_->readAll(*this, *input); });
   if (failed) {
-    state_->status = 0;
+    if (inputStream() == input) state_->status = 0;
     return;  // still reading, so that nothing more is read here
   }
+  const bool stopped = state_->stoppedReading;
   state_->reading = false;
-  if (state_->stoppedReading) {
+  if (stopped) {
     deliveries->readingPaused = true;
     deliveries->resumeIfFew(state_->held);
   }
@@ -459,13 +458,21 @@ void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) 
   if (const auto now = inputStream(); now && now != input) State::resumeReading(state_->held);
 }
 
-/// Reads what there is, unless too much waits for the main thread. Returns false when reading failed.
+/// Reads what there is, unless too much waits for the main thread; after a while it is the turn of the thread's other
+/// streams. Returns false when reading failed.
 bool QELNKLegacyStream::State::readAll(QELNKLegacyStream &stream, InputStream &from) {
   const ReadPass pass(stream);
   const uint64_t connection = connections;
+  if (stream.inputStream().get() != &from) return true;
   std::array<uint8_t, IncomingMessages::chunkSize> chunk;
   Messages messages;
+  int chunksLeft = chunksAtOnce;
   while (!(stoppedReading = deliveries->areMany()) && from.hasBytesAvailable()) {
+    if (stream.weak_from_this().expired()) return true;  // nobody is there to be told
+    if (chunksLeft-- == 0) {
+      resumeReading(held);
+      return true;
+    }
     const ssize_t count = from.read(chunk);
     if (count < 0) return false;
     try {

@@ -64,7 +64,7 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   void post(StreamEvent event) {
     const std::lock_guard lock(mutex_);
     const unsigned bit = 1u << unsigned(event);
-    if (closed_ || !loop_ || (posted_ & bit)) return;
+    if (!asked_ || closed_ || !loop_ || (posted_ & bit)) return;
     posted_ |= bit;
     loop_->perform([weak = this->weak_from_this(), event] {
       if (const auto self = weak.lock()) self->tell(event);
@@ -72,6 +72,11 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   }
 
  protected:
+  /// From here on there are events.
+  void ask() {
+    const std::lock_guard lock(mutex_);
+    asked_ = true;
+  }
   bool isOpen() const {
     const std::lock_guard lock(mutex_);
     return open_ && !closed_;
@@ -102,7 +107,7 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   std::shared_ptr<const ByteStream::EventTarget> target_;
   std::shared_ptr<RunLoop> loop_;
   std::error_code error_;
-  bool open_ = false, closed_ = false, told_ = false;
+  bool asked_ = false, open_ = false, closed_ = false, told_ = false;
   unsigned posted_ = 0;
 };
 
@@ -126,6 +131,7 @@ class MemoryInput final : public MemoryStream<InputStream, MemoryInput> {
 };
 
 void MemoryOutput::open() {
+  ask();
   post(StreamEvent::opened);
   post(StreamEvent::spaceAvailable);
 }
@@ -160,6 +166,7 @@ ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
 }
 
 void MemoryInput::open() {
+  ask();
   post(StreamEvent::opened);
   std::unique_lock lock(pipe_->mutex);
   const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;

@@ -165,6 +165,8 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
   void timeoutReached();
   void connectAfter(double seconds);
   void delayedConnect();
+  void followService();
+  void takeAddress(const qelnk::NetService &service);
   void takeNetService(std::shared_ptr<qelnk::NetService> netService);
   void informReconnected();
   void informClientIsReady();

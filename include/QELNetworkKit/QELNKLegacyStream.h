@@ -136,7 +136,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// How many queued bytes went with connections that ended, since the stream was made.
   uint64_t droppedLength() const;
 
-  /// Why the last connection, or the last attempt at one, failed; none if it did not.
+  /// Why the last connection, or the last attempt at one, failed; none if it did not, or only took too long.
   std::error_code connectionError() const;
 
   uint64_t streamStatus() const;

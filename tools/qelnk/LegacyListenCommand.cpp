@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "Command.h"
 #include "LegacyInput.h"
@@ -12,6 +13,9 @@ namespace tool {
 namespace {
 
 using Stream = std::shared_ptr<QELNKLegacyStream>;
+
+/// Seconds for which a connection that lags far behind holds up the others.
+constexpr double patience = 0.5;
 
 /// A listening server, the events of its connections, and the input that is written to them.
 class Listening : public QELNKLegacyServerDelegate,
@@ -49,6 +53,8 @@ class Listening : public QELNKLegacyServerDelegate,
   void setRecord(const qelnk::TXTRecordDictionary &record, size_t number);
   std::vector<Stream> readyStreams() const;
   uint64_t longestQueue() const;
+  uint64_t shortestQueue() const;
+  void endThoseBeyond(uint64_t length);
   void awaitRoom();
   void awaitWritten();
   void close();
@@ -177,21 +183,35 @@ uint64_t Listening::longestQueue() const {
   return longest;
 }
 
-/// Waits while much is queued for a connection. One that does not read for the time-out loses its connection, or it
-/// would hold the others up for ever.
+uint64_t Listening::shortestQueue() const {
+  const auto streams = readyStreams();
+  uint64_t shortest = streams.empty() ? 0 : UINT64_MAX;
+  for (const Stream &stream : streams) shortest = std::min(shortest, stream->outgoingLength());
+  return shortest;
+}
+
+/// Waits while much is queued for every connection, and for a moment while one lags far behind the others; then that
+/// one is ended, as are all once none of them has read for the time-out.
 void Listening::awaitRoom() {
-  for (uint64_t longest = longestQueue(); longest > longestLegacyQueue;) {
-    const auto wait = session_.waitUntil([&] { return longestQueue() <= longestLegacyQueue; },
-                                         after(invocation_.timeout), std::chrono::milliseconds(5));
-    if (wait != Session::Wait::timedOut) return;
-    const uint64_t before = std::exchange(longest, longestQueue());
-    if (longest < before) continue;
-    for (const Stream &stream : readyStreams()) {
-      if (stream->outgoingLength() <= longestLegacyQueue) continue;
-      complain("legacy listen: the connection of " + stream->peerHostName().value_or("a peer") +
-               " is ended: it does not read");
-      stream->stream(stream->inputStream(), qelnk::StreamEvent::end);
-    }
+  const auto glance = std::chrono::milliseconds(5);
+  for (uint64_t before = shortestQueue(); before > longestLegacyQueue; before = shortestQueue()) {
+    const auto wait = session_.waitUntil([&] { return shortestQueue() <= longestLegacyQueue; },
+                                         after(invocation_.timeout), glance);
+    if (wait != Session::Wait::timedOut) break;
+    if (shortestQueue() >= before) endThoseBeyond(longestLegacyQueue);
+  }
+  constexpr uint64_t farBehind = 4 * longestLegacyQueue;
+  if (longestQueue() <= farBehind) return;
+  const auto wait = session_.waitUntil([&] { return longestQueue() <= farBehind; }, after(patience), glance);
+  if (wait == Session::Wait::timedOut) endThoseBeyond(farBehind);
+}
+
+void Listening::endThoseBeyond(uint64_t length) {
+  for (const Stream &stream : readyStreams()) {
+    if (stream->outgoingLength() <= length) continue;
+    complain("legacy listen: the connection of " + stream->peerHostName().value_or("a peer") +
+             " is ended: it does not read, or too slowly");
+    stream->stream(stream->inputStream(), qelnk::StreamEvent::end);
   }
 }
 
@@ -288,7 +308,7 @@ const Command legacyListenCommand = {
       stayOption}},
     [] {
       return std::string(legacyInputNotes()) +
-             "A connection that does not read holds the others up, at most the timeout.\n";
+             "A connection that falls 64 MiB behind the others is ended.\n";
     },
     listenForConnections};
 
