@@ -486,7 +486,7 @@ void QELNKLegacyClient::heartbeatMonitorTask() {
   const auto input = inputStream();
   // Disconnected while it was being started.
   if (!input || input != clientState_->get(clientState_->heartbeatInput).lock()) return cancelHeartbeatMonitor();
-  if (input->hasBytesAvailable()) return;       // the heartbeat may be among them
+  if (input->hasBytesAvailable()) return;  // the heartbeat may be among them
   const double now = wallTime();
   bool isLost = false, isOver = false;
   {

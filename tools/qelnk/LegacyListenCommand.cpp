@@ -195,8 +195,8 @@ uint64_t Listening::shortestQueue() const {
 void Listening::awaitRoom() {
   const auto glance = std::chrono::milliseconds(5);
   for (uint64_t before = shortestQueue(); before > longestLegacyQueue; before = shortestQueue()) {
-    const auto wait = session_.waitUntil([&] { return shortestQueue() <= longestLegacyQueue; },
-                                         after(invocation_.timeout), glance);
+    const auto wait =
+        session_.waitUntil([&] { return shortestQueue() <= longestLegacyQueue; }, after(invocation_.timeout), glance);
     if (wait != Session::Wait::timedOut) break;
     if (shortestQueue() >= before) endThoseBeyond(longestLegacyQueue);
   }
@@ -306,10 +306,7 @@ const Command legacyListenCommand = {
       {"heartbeat", "SECONDS", "send a heartbeat with the time of day at this interval"},
       {"wait", "N", "first wait until N connections are ready, at most the timeout"},
       stayOption}},
-    [] {
-      return std::string(legacyInputNotes()) +
-             "A connection that falls 64 MiB behind the others is ended.\n";
-    },
+    [] { return std::string(legacyInputNotes()) + "A connection that falls 64 MiB behind the others is ended.\n"; },
     listenForConnections};
 
 }  // namespace tool
