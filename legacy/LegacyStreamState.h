@@ -82,7 +82,7 @@ struct QELNKLegacyStream::State {
   static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
                     const std::shared_ptr<qelnk::ByteStream> &stream);
   void dropConnection();
-  bool flush(bool inSpaceEvent);
+  bool flush(const qelnk::ByteStream *withSpace);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
 
   using Messages = std::vector<qelnk::IncomingMessages::Message>;

@@ -314,14 +314,15 @@ bool QELNKLegacyStream::writeBinaryData(const Data &data, const std::string &con
   return true;
 }
 
-bool QELNKLegacyStream::flushOutput() { return state_->flush(false); }
+bool QELNKLegacyStream::flushOutput() { return state_->flush(nullptr); }
 
-/// What a space event has found out is noted before anybody can queue more.
-bool QELNKLegacyStream::State::flush(bool inSpaceEvent) {
+/// With the stream that has told of space, what comes of it is noted before anybody can queue more.
+bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
   const std::lock_guard flushing(flushMutex);
   std::unique_lock lock(mutex);
+  if (withSpace && withSpace != output.get()) return false;  // of an earlier connection
   const auto result = [&](bool flushed) {
-    if (inSpaceEvent) missedSpaceEvent = !flushed;
+    if (withSpace) missedSpaceEvent = !flushed;
     return flushed;
   };
   if (outgoing.empty()) return result(false);
@@ -363,11 +364,12 @@ bool QELNKLegacyStream::isReady() const { return state_->status & ready; }
 
 void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
   if (logs(logStatus)) logDefault("Set stream status {} with condition {:d}", bit, condition);
+  if (!condition || (state_->status & bit)) return;
   std::shared_ptr<ByteStream> input, output;
   {
     const std::lock_guard lock(state_->mutex);
     auto &status = state_->status;
-    if (!condition || (status & bit)) return;
+    if (status & bit) return;
     status |= bit;
     if ((status & (outputOpen | hasSpace | sentHandshake)) == (outputOpen | hasSpace)) {
       status |= sentHandshake;
@@ -388,9 +390,12 @@ void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
 
 void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, StreamEvent event) {
   const auto self = held();
-  const auto input = inputStream();
-  const auto output = outputStream();
-  const bool isInput = stream && stream == input, isOutput = stream && stream == output;
+  bool isInput = false, isOutput = false;
+  if (stream) {
+    const std::lock_guard lock(state_->mutex);
+    isInput = stream == state_->input;
+    isOutput = stream == state_->output;
+  }
   if (stream && !isInput && !isOutput) return;  // of a connection that was dropped meanwhile
   switch (event) {
     case StreamEvent::none:
@@ -402,12 +407,12 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       setStatus(outputOpen, isOutput);
       break;
     case StreamEvent::bytesAvailable:
-      if (isInput) readIncoming(input);
+      if (isInput) readIncoming(std::static_pointer_cast<InputStream>(stream));
       break;
     case StreamEvent::spaceAvailable: {
       setStatus(hasSpace, isOutput);
-      if (!isOutput || outputStream() != output) break;
-      const bool flushed = state_->flush(true);
+      if (!isOutput) break;
+      const bool flushed = state_->flush(stream.get());
       if (logs(logFlushes)) logDefault("Flushed output in space available, missed space event = {:d}", !flushed);
       break;
     }
