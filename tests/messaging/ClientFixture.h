@@ -78,24 +78,27 @@ class Results {
     int64_t error;  // 0 with a response
     bool operator==(const Result &) const = default;
   };
-  /// A callback that adds its message's result.
+  /// A callback that adds its message's result; it may come when this is gone.
   QELNKMessage::ResponseBlock block() {
-    return [this](const std::shared_ptr<QELNKClient> &, const std::shared_ptr<QELNKMessage> &message) {
+    return [shared = shared_](const std::shared_ptr<QELNKClient> &, const std::shared_ptr<QELNKMessage> &message) {
       EXPECT_TRUE(message->isFinished());
-      const std::lock_guard lock(mutex_);
-      results_.push_back({message->request() ? (*message->request())["id"].integerValue() : -1,
-                          message->response() ? 0 : message->error().code});
+      const std::lock_guard lock(shared->mutex);
+      shared->results.push_back({message->request() ? (*message->request())["id"].integerValue() : -1,
+                                 message->response() ? 0 : message->error().code});
     };
   }
   std::vector<Result> all() const {
-    const std::lock_guard lock(mutex_);
-    return results_;
+    const std::lock_guard lock(shared_->mutex);
+    return shared_->results;
   }
   size_t count() const { return all().size(); }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<Result> results_;
+  struct Shared {
+    std::mutex mutex;
+    std::vector<Result> results;
+  };
+  const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
 };
 
 inline void PrintTo(const Results::Result &result, std::ostream *out) { *out << result.id << ":" << result.error; }
