@@ -174,36 +174,33 @@ void QELNKLegacyClient::cleanUp() {
 
 // --- Options ---
 
-Value QELNKLegacyClient::defaultPlayoutOptions() {
-  Value options = QELNKLegacyStream::defaultPlayoutOptions();
+namespace {
+
+/// The stream's options with the client's added: how often it tries, and after how many seconds (negative) without a
+/// heartbeat it warns and ends the connection.
+Value clientOptions(Value options, int64_t maxRetryAttempts, bool attemptReconnect, double problem, double disconnect) {
   options.set("connectTimeout", 10.0);
   options.set("autoConnectDelay", 1.0);
   options.set("autoRetryInterval", 1.0);
-  options.set("maxRetryAttempts", 0);
-  options.set("attemptReconnect", false);
-  options.set("heartbeatDisconnectTimeout", -3.0);
-  options.set("heartbeatProblemTimeout", -2.0);
+  options.set("maxRetryAttempts", maxRetryAttempts);
+  options.set("attemptReconnect", attemptReconnect);
+  options.set("heartbeatDisconnectTimeout", disconnect);
+  options.set("heartbeatProblemTimeout", problem);
   return options;
+}
+
+}  // namespace
+
+Value QELNKLegacyClient::defaultPlayoutOptions() {
+  return clientOptions(QELNKLegacyStream::defaultPlayoutOptions(), 0, false, -2.0, -3.0);
 }
 
 Value QELNKLegacyClient::defaultConnectOptions() {
-  Value options = defaultPlayoutOptions();
-  options.set("maxRetryAttempts", 100000);
-  options.set("attemptReconnect", true);
-  options.set("appID", connectAppID());
-  return options;
+  return clientOptions(defaultPlayoutOptionsForAppID(connectAppID()), 100000, true, -2.0, -3.0);
 }
 
 Value QELNKLegacyClient::defaultIngestOptions() {
-  Value options = QELNKLegacyStream::defaultIngestOptions();
-  options.set("connectTimeout", 10.0);
-  options.set("autoConnectDelay", 1.0);
-  options.set("autoRetryInterval", 1.0);
-  options.set("maxRetryAttempts", 1000000);
-  options.set("attemptReconnect", true);
-  options.set("heartbeatDisconnectTimeout", 0.0);
-  options.set("heartbeatProblemTimeout", 0.0);
-  return options;
+  return clientOptions(QELNKLegacyStream::defaultIngestOptions(), 1000000, true, 0.0, 0.0);
 }
 
 void QELNKLegacyClient::setOptions(const Value &options) {
