@@ -360,23 +360,28 @@ class Launched(ToolTest):
         for words, line in [(["shell"], b"start\n"), (["watch", "Clock", "Frames"], b"")]:
             with self.subTest(words):
                 process = self.start(BIN / "qelnk", "daemon", "--spawn", self.project(), *words)
-                process.stdin.write(line)
-                process.stdin.flush()
-                self.assertTrue(eventually(lambda: daemons_of(self.folder)))
-                daemon = daemons_of(self.folder)[0]
-                other = ["daemon", "--connect", f"localhost:{port_of(daemon)}"]
-                qelnk(*other, "start-workflow", "Clock")
-                process.stdout.readline()
-                qelnk(*other, "stop-workflow", "Clock")
-                self.assertTrue(eventually(lambda: state_of(process.pid) == "S"), "it waits")
-                process.send_signal(signal.SIGSTOP)
-                self.assertTrue(eventually(lambda: state_of(process.pid) == "T"))
-                for pid in (process.pid, daemon):
-                    os.kill(pid, signal.SIGINT)
-                self.assertTrue(eventually(lambda: not is_running(daemon)))
-                process.send_signal(signal.SIGCONT)
-                result = self.finish(process)
-                self.assertEqual((result.code, result.err), (0, ""))
+                try:
+                    process.stdin.write(line)
+                    process.stdin.flush()
+                    self.assertTrue(eventually(lambda: daemons_of(self.folder)))
+                    daemon = daemons_of(self.folder)[0]
+                    other = ["daemon", "--connect", f"localhost:{port_of(daemon)}"]
+                    qelnk(*other, "start-workflow", "Clock")
+                    process.stdout.readline()
+                    qelnk(*other, "stop-workflow", "Clock")
+                    self.assertTrue(eventually(lambda: state_of(process.pid) == "S"), "it waits")
+                    process.send_signal(signal.SIGSTOP)
+                    self.assertTrue(eventually(lambda: state_of(process.pid) == "T"))
+                    for pid in (process.pid, daemon):
+                        os.kill(pid, signal.SIGINT)
+                    self.assertTrue(eventually(lambda: not is_running(daemon)))
+                    process.send_signal(signal.SIGCONT)
+                    result = self.finish(process)
+                    self.assertEqual((result.code, result.err), (0, ""))
+                finally:  # one that failed is not to be taken for the next one
+                    process.kill()
+                    for pid in daemons_of(self.folder):
+                        os.kill(pid, signal.SIGKILL)
 
     def test_signal_while_connecting(self):
         process = self.start(BIN / "qelnk", "daemon", "--spawn", self.project(), "show",
