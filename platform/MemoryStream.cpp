@@ -63,19 +63,16 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   /// Has `event` told, unless one of its kind is still to be told.
   void post(StreamEvent event) {
     const std::lock_guard lock(mutex_);
-    const unsigned bit = 1u << unsigned(event);
-    if (!asked_ || closed_ || !loop_ || (posted_ & bit)) return;
-    posted_ |= bit;
-    loop_->perform([weak = this->weak_from_this(), event] {
-      if (const auto self = weak.lock()) self->tell(event);
-    });
+    postLocked(event);
   }
 
  protected:
-  /// From here on there are events.
+  /// From here on there are events, "opened" before any other: the peer's thread may post one at once, and nothing can
+  /// be read before.
   void ask() {
     const std::lock_guard lock(mutex_);
     asked_ = true;
+    postLocked(StreamEvent::opened);
   }
   bool isOpen() const {
     const std::lock_guard lock(mutex_);
@@ -92,6 +89,15 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   const std::shared_ptr<Pipe> pipe_;
 
  private:
+  void postLocked(StreamEvent event) {
+    const unsigned bit = 1u << unsigned(event);
+    if (!asked_ || closed_ || !loop_ || (posted_ & bit)) return;
+    posted_ |= bit;
+    loop_->perform([weak = this->weak_from_this(), event] {
+      if (const auto self = weak.lock()) self->tell(event);
+    });
+  }
+
   void tell(StreamEvent event) {
     std::unique_lock lock(mutex_);
     posted_ &= ~(1u << unsigned(event));
@@ -132,7 +138,6 @@ class MemoryInput final : public MemoryStream<InputStream, MemoryInput> {
 
 void MemoryOutput::open() {
   ask();
-  post(StreamEvent::opened);
   post(StreamEvent::spaceAvailable);
 }
 
@@ -167,7 +172,6 @@ ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
 
 void MemoryInput::open() {
   ask();
-  post(StreamEvent::opened);
   std::unique_lock lock(pipe_->mutex);
   const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;
   lock.unlock();
