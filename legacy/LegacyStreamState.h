@@ -83,6 +83,8 @@ struct QELNKLegacyStream::State {
                     const std::shared_ptr<qelnk::ByteStream> &stream);
   void dropConnection();
   bool flush(const qelnk::ByteStream *withSpace);
+  bool requestFlush();
+  static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
 
   using Messages = std::vector<qelnk::IncomingMessages::Message>;
@@ -95,6 +97,30 @@ struct QELNKLegacyStream::State {
     const std::lock_guard lock(mutex);
     return field;
   }
+
+  /// While there is one on the calling thread, flushes that it requests are put together: a thread of streams is asked
+  /// for many at a time. Else it would be woken for each, and fall asleep again before the next.
+  class FlushesTogether {
+   public:
+    FlushesTogether() : outer_(std::exchange(current, this)) {}
+    ~FlushesTogether() {
+      request();
+      current = outer_;
+    }
+    FlushesTogether(const FlushesTogether &) = delete;
+    FlushesTogether &operator=(const FlushesTogether &) = delete;
+
+    static FlushesTogether *here() { return current; }
+    void add(const std::shared_ptr<QELNKLegacyStreamThread> &thread, const std::weak_ptr<QELNKLegacyStream> &stream);
+
+   private:
+    void request();
+    static constexpr size_t atOnce = 64;
+    static thread_local FlushesTogether *current;
+    std::shared_ptr<QELNKLegacyStreamThread> thread_;
+    std::vector<std::weak_ptr<QELNKLegacyStream>> streams_;  // of that thread
+    FlushesTogether *const outer_;
+  };
 
   /// A read pass under way on the calling thread. From one call of the delegate to the next it holds what the host
   /// holds, the stream and the delegate; not what that has let go.

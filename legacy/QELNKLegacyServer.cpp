@@ -5,6 +5,7 @@
 #include <mutex>
 #include <utility>
 
+#include "legacy/LegacyStreamState.h"
 #include "platform/Guard.h"
 #include "platform/ListeningSocket.h"
 #include "platform/LogFormat.h"
@@ -29,6 +30,7 @@ using Streams = std::vector<std::shared_ptr<QELNKLegacyStream>>;
 }  // namespace
 
 struct QELNKLegacyServer::State {
+  std::weak_ptr<QELNKLegacyServer> held;
   /// The server's lock, re-entrant: taken for each write to all, so that all connections get the same order.
   mutable std::recursive_mutex mutex;
   std::unique_ptr<ListeningSocket> ipv4Socket, ipv6Socket;
@@ -55,6 +57,12 @@ QELNKLegacyServer::QELNKLegacyServer(std::string name, uint16_t port, const Valu
 }
 
 QELNKLegacyServer::~QELNKLegacyServer() = default;
+
+std::shared_ptr<void> QELNKLegacyServer::hold(QELNKLegacyServer *server) {
+  std::shared_ptr<void> held(static_cast<void *>(server), [server](void *) { delete server; });
+  server->state_->held = std::shared_ptr<QELNKLegacyServer>(held, server);
+  return held;
+}
 
 std::shared_ptr<QELNKLegacyServer> QELNKLegacyServer::create(std::string name, uint16_t port,
                                                              const Value &streamOptions) {
@@ -93,7 +101,7 @@ bool QELNKLegacyServer::start(Error *error) {
     code = listen(port, reason);
   if (code != 0) return returnWithErrorCode(code, reason, error);
   for (auto *socket : {&state_->ipv4Socket, &state_->ipv6Socket}) {
-    reason = (*socket)->accept(qelnk::RunLoop::current(), [weak = weak_from_this()](int connection, auto &address) {
+    reason = (*socket)->accept(qelnk::RunLoop::current(), [weak = state_->held](int connection, auto &address) {
       const auto streams = qelnk::streamsWithSocket(connection);  // closed with the last of them
       if (const auto self = weak.lock()) self->accept(streams, address);
     });
@@ -120,7 +128,7 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
   const auto stream = QELNKLegacyStream::create(state_->streamOptions);
   const Value *own = state_->streamOptions.find("multiThreaded");
   if (own && own->isBool() && !stream->thread()) return;  // there was none to be had, and the log has it
-  stream->setDelegate(std::static_pointer_cast<QELNKLegacyStreamDelegate>(shared_from_this()));
+  stream->setDelegate(state_->held);
   stream->setPeerAddressFromData(Data(address));
   state_->streams.push_back(stream);
   stream->setInputStream(streams.input, streams.output);
@@ -144,7 +152,10 @@ void QELNKLegacyServer::writeToAll(Write write) {
   Streams terminated;  // goes after the lock
   const std::lock_guard lock(state_->mutex);
   state_->terminatedStreams.emplace();
-  for (const auto &stream : state_->streams) write(*stream);
+  {
+    const QELNKLegacyStream::State::FlushesTogether flushes;
+    for (const auto &stream : state_->streams) write(*stream);
+  }
   if (state_->terminatedStreams) terminated.swap(*state_->terminatedStreams);
   state_->terminatedStreams.reset();
   for (const auto &stream : terminated) std::erase(state_->streams, stream);
@@ -187,27 +198,32 @@ void QELNKLegacyServer::sendHeartbeatAtTimecode(const QELProjectTimecode &timeco
 
 // --- What the connections tell ---
 
+template <class Call>
+void QELNKLegacyServer::inform(const Call &call) {
+  const auto self = weak_from_this().lock();
+  const auto observer = delegate();
+  if (self && observer) qelnk::runGuarded("QELNKLegacyServer delegate", [&] { call(*observer, self); });
+}
+
 void QELNKLegacyServer::networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
                                       const std::string &receivedString) {
-  if (const auto observer = delegate()) observer->networkService(shared_from_this(), stream, receivedString);
+  inform([&](auto &observer, const auto &self) { observer.networkService(self, stream, receivedString); });
 }
 
 void QELNKLegacyServer::networkStream(const std::shared_ptr<QELNKLegacyStream> &stream,
                                       const QELProjectTimecode &receivedHeartbeatAtTimecode,
                                       const std::optional<std::string> &withExtendedInformation) {
-  if (const auto observer = delegate())
-    observer->networkService(shared_from_this(), stream, receivedHeartbeatAtTimecode, withExtendedInformation);
+  inform([&](auto &observer, const auto &self) {
+    observer.networkService(self, stream, receivedHeartbeatAtTimecode, withExtendedInformation);
+  });
 }
 
 void QELNKLegacyServer::networkStreamIsReady(const std::shared_ptr<QELNKLegacyStream> &stream) {
-  if (const auto observer = delegate()) observer->networkServiceNetworkStreamIsReady(shared_from_this(), stream);
+  inform([&](auto &observer, const auto &self) { observer.networkServiceNetworkStreamIsReady(self, stream); });
 }
 
 void QELNKLegacyServer::networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) {
-  const auto observer = delegate();
-  if (observer)
-    qelnk::runGuarded("QELNKLegacyServer delegate",
-                      [&] { observer->networkServiceNetworkStreamWasTerminated(shared_from_this(), stream); });
+  inform([&](auto &observer, const auto &self) { observer.networkServiceNetworkStreamWasTerminated(self, stream); });
   const std::lock_guard lock(state_->mutex);
   if (state_->terminatedStreams)
     state_->terminatedStreams->push_back(stream);

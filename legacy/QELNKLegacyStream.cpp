@@ -265,19 +265,46 @@ bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shar
   if (logs(logFlushes))
     logDefault("Flushed output in write bytes, missed space event = {:d}", state_->missedSpaceEvent);
   // One request does for all that is queued until it is served: it writes, and so brings space events for the rest.
-  if (!state_->flushScheduled)
-    state_->flushScheduled = state_->connectionThread->performSelectorOnTarget(
-        [weak = state_->held] {
-          const auto self = weak.lock();
-          if (!self) return;
-          {
-            const std::lock_guard inner(self->state_->mutex);
-            self->state_->flushScheduled = false;
-          }
-          self->flushOutput();
-        },
-        false);
+  if (!state_->flushScheduled) state_->flushScheduled = state_->requestFlush();
   return true;
+}
+
+/// Under the lock. Returns whether the connection's thread will flush.
+bool QELNKLegacyStream::State::requestFlush() {
+  if (auto *together = FlushesTogether::here()) {
+    together->add(connectionThread, held);
+    return true;
+  }
+  return connectionThread->performSelectorOnTarget([weak = held] { flushAsRequested(weak); }, false);
+}
+
+void QELNKLegacyStream::State::flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream) {
+  const auto self = stream.lock();
+  if (!self) return;
+  {
+    const std::lock_guard lock(self->state_->mutex);
+    self->state_->flushScheduled = false;
+  }
+  self->flushOutput();
+}
+
+thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current = nullptr;
+
+void QELNKLegacyStream::State::FlushesTogether::add(const std::shared_ptr<QELNKLegacyStreamThread> &thread,
+                                                    const std::weak_ptr<QELNKLegacyStream> &stream) {
+  if (thread != thread_ || streams_.size() == atOnce) request();
+  thread_ = thread;
+  streams_.push_back(stream);
+}
+
+void QELNKLegacyStream::State::FlushesTogether::request() {
+  if (streams_.empty()) return;
+  // A thread that has ended had let go of all its streams.
+  thread_->performSelectorOnTarget(
+      [streams = std::exchange(streams_, {})] {
+        for (const auto &stream : streams) flushAsRequested(stream);
+      },
+      false);
 }
 
 bool QELNKLegacyStream::writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator,

@@ -101,11 +101,13 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
 
  protected:
   QELNKLegacyServer(std::string name, uint16_t port, const qelnk::Value &streamOptions);
+  /// For create(): hands out `server`. Its delegate is called as long as somebody holds what is handed out; the server
+  /// itself, which its events hold as well, is stopped then and ends after that.
   template <class Server>
   static std::shared_ptr<Server> own(Server *server) {
-    return std::shared_ptr<Server>(server, [](QELNKLegacyServer *ended) {
+    return std::shared_ptr<Server>(server, [held = hold(server)](Server *ended) mutable {
       ended->stop();
-      delete ended;
+      held.reset();
     });
   }
   /// Gives the sockets up and returns false.
@@ -113,6 +115,9 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
 
  private:
   struct State;
+  static std::shared_ptr<void> hold(QELNKLegacyServer *server);
+  template <class Call>
+  void inform(const Call &call);
   int64_t listen(uint16_t port, std::error_code &reason);
   void accept(const qelnk::StreamPair &streams, const std::string &address);
   template <class Write>

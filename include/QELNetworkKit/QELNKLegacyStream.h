@@ -228,6 +228,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
 
  private:
   friend class QELNKLegacyClient;
+  friend class QELNKLegacyServer;
   static std::shared_ptr<void> hold(QELNKLegacyStream *stream);
 
   bool queue(const void *bytes, size_t length, const qelnk::Data *shared, bool terminated, bool ignoringStatus);
