@@ -69,8 +69,9 @@ const std::string &blockBytes() {
   return bytes;
 }
 
-/// Counts what has come; opens the gate when that is all.
-class Goal {
+/// Counts what has come; opens the gate when that is all. In cache lines of its own, for the other side's thread may
+/// use what lies beside it.
+class alignas(128) Goal {
  public:
   void set(int64_t count) { left_ = count; }
   void add(int64_t count) {

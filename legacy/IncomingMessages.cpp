@@ -1,10 +1,10 @@
 #include "legacy/IncomingMessages.h"
 
-#include <simdjson.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
+
+#include "encoding/Text.h"
 
 namespace qelnk {
 
@@ -32,41 +32,58 @@ std::string_view fromCharacter(std::string_view text, size_t index) {
   return text.substr(at);
 }
 
+/// Whether `text` begins so. The length is known, so that no call is made.
+template <size_t size>
+bool begins(std::string_view text, const char (&prefix)[size]) {
+  return text.size() >= size - 1 && std::memcmp(text.data(), prefix, size - 1) == 0;
+}
+
 /// Takes `prefix` off; whether it was there.
-bool take(std::string_view &text, std::string_view prefix) {
-  if (!text.starts_with(prefix)) return false;
-  text.remove_prefix(prefix.size());
+template <size_t size>
+bool take(std::string_view &text, const char (&prefix)[size]) {
+  if (!begins(text, prefix)) return false;
+  text.remove_prefix(size - 1);
   return true;
 }
 
-/// Says what the string of a message is.
-void classify(IncomingMessages::Message &message) {
+/// Says what a message is whose string is to be `string`. Nearly all are told from those of the protocol by their first
+/// character.
+void classify(std::string_view string, IncomingMessages::Message &message) {
   using Kind = IncomingMessages::Kind;
-  const std::string_view string = message.string;
   std::string_view rest = string;
-  message.kind = Kind::string;
+  message.kind = detail::isUTF8(string) ? Kind::string : Kind::invalidText;
   message.informationBegin = std::string::npos;
-  if (!isText(string)) message.kind = Kind::invalidText;
-  // Nearly all strings are told from those of the protocol by their first character.
-  else if (string.front() == 'h' && rest == "handshake")
-    message.kind = Kind::handshake;
-  else if (string.front() == 'h' && take(rest, "host "))
-    message.kind = Kind::host;
-  else if (string.front() == 'i' && rest.starts_with("ipv4")) {
-    message.kind = Kind::ipv4;
-    rest = fromCharacter(rest, 5);
-  } else if (string.front() == 'a' && take(rest, "appID "))
-    message.kind = Kind::appID;
-  else if (string.front() == 'h' && take(rest, "heartbeat ")) {
-    message.kind = Kind::heartbeat;
+  switch (message.kind == Kind::string ? string.front() : '\0') {
+    case 'h':
+      if (string == "handshake")
+        message.kind = Kind::handshake;
+      else if (take(rest, "host "))
+        message.kind = Kind::host;
+      else if (take(rest, "heartbeat "))
+        message.kind = Kind::heartbeat;
+      break;
+    case 'i':
+      if (!begins(rest, "ipv4")) break;
+      message.kind = Kind::ipv4;
+      rest = fromCharacter(rest, 5);
+      break;
+    case 'a':
+      if (take(rest, "appID ")) message.kind = Kind::appID;
+      break;
+    case '!':
+      if (take(rest, "!bin! ")) message.kind = Kind::binaryHeader;
+      break;
+    default:
+      break;
+  }
+  if (message.kind == Kind::heartbeat) {
     const size_t first = countOfCharacters(rest) >= shortestWithInformation ? rest.find(' ') : std::string_view::npos;
     const size_t second = first == std::string_view::npos ? first : rest.find(' ', first + 1);
     if (second != std::string_view::npos) {
       message.informationBegin = string.size() - rest.size() + second + 1;
       rest = rest.substr(0, second);
     }
-  } else if (string.front() == '!' && take(rest, "!bin! "))
-    message.kind = Kind::binaryHeader;
+  }
   message.textBegin = size_t(rest.data() - string.data());
   message.textEnd = message.textBegin + rest.size();
 }
@@ -83,17 +100,6 @@ void IncomingMessages::append(std::span<const uint8_t> chunk) {
   if (begin_ > 0) incoming_.erase(incoming_.begin(), incoming_.begin() + ptrdiff_t(begin_));
   begin_ = 0;
   incoming_.insert(incoming_.end(), chunk.begin(), chunk.end());
-}
-
-bool isText(std::string_view bytes) {
-  uint64_t highBits = 0;
-  size_t at = 0;
-  for (uint64_t word; at + sizeof word <= bytes.size(); at += sizeof word) {
-    std::memcpy(&word, bytes.data() + at, sizeof word);
-    highBits |= word;
-  }
-  for (; at < bytes.size(); ++at) highBits |= uint8_t(bytes[at]);
-  return !(highBits & 0x8080808080808080) || simdjson::validate_utf8(bytes.data(), bytes.size());
 }
 
 bool IncomingMessages::next(Message &message) {
@@ -118,7 +124,8 @@ bool IncomingMessages::completeString(Message &message) {
     const void *const found = unsearched_ ? std::memchr(end - unsearched_, 0, unsearched_) : nullptr;
     const auto buffered = size_t(end - start);
     // The string ends at the first zero of all that is buffered, what is consumed at the one that was found.
-    const size_t length = found ? strnlen(reinterpret_cast<const char *>(start), buffered) : buffered;
+    size_t length = found ? size_t(static_cast<const uint8_t *>(found) - start) : buffered;
+    if (unsearched_ < buffered && found) length = strnlen(reinterpret_cast<const char *>(start), length);
     if (limits_.string && length > limits_.string) {
       clear();
       message = {};
@@ -130,10 +137,13 @@ bool IncomingMessages::completeString(Message &message) {
       return false;
     }
     unsearched_ = size_t(end - static_cast<const uint8_t *>(found)) - 1;
-    if (length > 0) message.string.assign(reinterpret_cast<const char *>(start), length);
+    if (length > 0) {
+      const std::string_view string(reinterpret_cast<const char *>(start), length);
+      classify(string, message);
+      message.string = string;
+    }
     consume(buffered - unsearched_);
     if (length == 0) continue;
-    classify(message);
     if (message.kind == Kind::binaryHeader) receiveHeader(message);
     return true;
   }

@@ -11,9 +11,6 @@
 
 namespace qelnk {
 
-/// Whether these bytes are UTF-8.
-bool isText(std::string_view bytes);
-
 /// Takes what a peer sends apart into messages: strings that end in a zero byte, and binary blocks that a header string
 /// announces.
 ///

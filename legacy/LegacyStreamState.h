@@ -12,9 +12,10 @@
 #include "legacy/IncomingMessages.h"
 #include "legacy/OutgoingBytes.h"
 #include "platform/Guard.h"
+#include "platform/SpinningMutex.h"
 
-/// What a legacy stream is made of.
-struct QELNKLegacyStream::State {
+/// What a legacy stream is made of. Whoever writes, and the thread that reads, have cache lines of their own.
+struct alignas(64) QELNKLegacyStream::State {
   std::weak_ptr<QELNKLegacyStream> held;
   std::atomic<uint64_t> status{0};
   std::atomic<bool> handledCloseError{false};
@@ -25,7 +26,7 @@ struct QELNKLegacyStream::State {
   std::mutex flushMutex;
 
   /// The stream's lock, re-entrant: guards what is queued and all that is small. No delegate is called under it.
-  mutable std::recursive_mutex mutex;
+  mutable qelnk::SpinningMutex mutex;
   qelnk::OutgoingBytes outgoing;
   uint64_t dataFence = 0;
   uint64_t droppedLength = 0;
@@ -50,7 +51,7 @@ struct QELNKLegacyStream::State {
   std::optional<std::string> peerHostName, peerIPv4Address, peerAppID;
 
   /// What has been read; of its own, so that writing and reading do not wait for each other.
-  std::mutex readMutex;
+  alignas(64) std::mutex readMutex;
   qelnk::IncomingMessages incoming;
   std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
 

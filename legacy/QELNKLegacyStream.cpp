@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "encoding/Text.h"
 #include "legacy/LegacyStreamState.h"
 #include "platform/LogFormat.h"
 
@@ -313,7 +314,7 @@ bool QELNKLegacyStream::writeBytes(const void *bytes, size_t length, bool append
 }
 
 bool QELNKLegacyStream::isWritable(const std::string &string) {
-  const bool writable = string.find('\0') == std::string::npos && qelnk::isText(string);
+  const bool writable = string.find('\0') == std::string::npos && qelnk::detail::isUTF8(string);
   if (!writable) logError("QELNKLegacyStream cannot write a string that holds a zero byte or is not UTF-8");
   return writable;
 }
