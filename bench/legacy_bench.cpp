@@ -12,6 +12,7 @@
 #include <boost/asio.hpp>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -364,6 +365,14 @@ class Nobody final : public QELNKLegacyServerDelegate {
   std::atomic<int> ready{0};
 };
 
+/// What these sockets have received and nobody has read goes.
+void drainAll(const std::vector<int> &sockets) {
+  std::array<char, 65536> room;
+  for (const int socket : sockets)
+    while (recv(socket, room.data(), room.size(), MSG_DONTWAIT) == ssize_t(room.size())) {
+    }
+}
+
 /// A server of ours whose connections share a thread, with so many peers that do not read.
 class Crowd {
  public:
@@ -396,13 +405,7 @@ class Crowd {
     server.reset();
     for (const int peer : peers_) close(peer);
   }
-  /// What the peers have not read goes.
-  void drain() {
-    std::array<char, 65536> room;
-    for (const int peer : peers_)
-      while (recv(peer, room.data(), room.size(), MSG_DONTWAIT) == ssize_t(room.size())) {
-      }
-  }
+  void drain() { drainAll(peers_); }
   std::shared_ptr<QELNKLegacyServer> server;
   double secondsToAccept = 0, memoryEach = 0;
 
@@ -415,7 +418,11 @@ void heartbeat() {
   constexpr int connections = 1000, beats = 20;
   Crowd crowd(connections);
   std::vector<std::pair<int, int>> bare;
-  for (int i = 0; i < connections; ++i) bare.push_back(connection());
+  std::vector<int> peers;
+  for (int i = 0; i < connections; ++i) {
+    bare.push_back(connection());
+    peers.push_back(bare.back().second);
+  }
   const QELProjectTimecode timecode(10, 59, 59, 24, 25);
   const std::string bytes = QELNKLegacyServer::timecodeStringForTimecode(timecode, "on air 1") + '\0';
   const auto timed = [](const std::function<void()> &beat, const std::function<void()> &after) {
@@ -432,24 +439,34 @@ void heartbeat() {
     return timed(
         [&] {
           crowd.server->sendHeartbeatAtTimecode(timecode, "on air 1");
-          // Its turns come behind all that the heartbeat has brought: the writes, then what follows them.
+          // Behind all that the heartbeat has brought: the writes, then what follows them.
           const auto thread = QELNKLegacyStreamThread::singleThreaded();
-          for (int turn = 0; turn < 2; ++turn) thread->performSelectorOnTarget([] {}, true);
+          std::promise<void> done;
+          const auto afterWrites = [&] { thread->performSelectorOnTarget([&] { done.set_value(); }, false); };
+          thread->performSelectorOnTarget(afterWrites, false);
+          done.get_future().wait();
         },
         [&] { crowd.drain(); });
   };
+  // On a thread of its own as well: else its sockets would never leave the caches of one core, as they do where what
+  // peers read is read elsewhere.
+  AsioThread writer;
   const auto loop = [&] {
     return timed(
         [&] {
-          for (const auto &[a, b] : bare) bench::require(send(a, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0, "send");
+          std::promise<void> written;
+          asio::post(writer.context, [&] {
+            for (const auto &[a, b] : bare)
+              bench::require(send(a, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0, "send");
+            written.set_value();
+          });
+          written.get_future().wait();
         },
-        [&] {
-          std::array<char, 4096> room;
-          for (const auto &[a, b] : bare) bench::require(recv(b, room.data(), room.size(), 0) > 0, "recv");
-        });
+        [&] { drainAll(peers); });
   };
   for (const auto &stream : crowd.server->streams()) bench::require(stream->isReady(), "not ready");
   bench::contestOfTimes("heartbeat/1000", {{"ours", ours, 1}, {"bare-loop", loop, 1}}, 15);
+  writer.end();
   for (const auto &[a, b] : bare) close(a), close(b);
 }
 

@@ -65,7 +65,11 @@ void OutgoingBytes::removeFirst(size_t count) {
     const size_t part = std::min(count, front.rest().size());
     front.taken += part;
     count -= part;
-    if (front.rest().empty()) segments_.pop_front();
+    if (!front.rest().empty()) continue;
+    if (size_ == 0 && front.bytes.size() == smallestSegment && front.room)
+      front.filled = front.taken = 0;
+    else
+      segments_.pop_front();
   }
 }
 

@@ -9,7 +9,7 @@
 namespace qelnk {
 
 /// The bytes that wait to be written to a connection, first in first out. Taking some away moves none of the others;
-/// large buffers are kept by reference. Holds no memory while it is empty.
+/// large buffers are kept by reference. While it is empty it holds a few hundred bytes at most, for the next ones.
 ///
 /// Threads: like a standard container.
 class OutgoingBytes {
@@ -19,8 +19,8 @@ class OutgoingBytes {
 
   void append(std::span<const uint8_t> bytes);
   void append(const Data &bytes);
-  /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. What is appended later does not move
-  /// them.
+  /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. Valid until they are removed; what is
+  /// appended meanwhile does not move them.
   struct Piece {
     Data holder;
     std::span<const uint8_t> bytes;

@@ -280,13 +280,7 @@ bool QELNKLegacyStream::State::requestFlush() {
 }
 
 void QELNKLegacyStream::State::flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream) {
-  const auto self = stream.lock();
-  if (!self) return;
-  {
-    const std::lock_guard lock(self->state_->mutex);
-    self->state_->flushScheduled = false;
-  }
-  self->flushOutput();
+  if (const auto self = stream.lock()) self->flushOutput();
 }
 
 thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current = nullptr;
@@ -349,6 +343,7 @@ bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
   const std::lock_guard flushing(flushMutex);
   std::unique_lock lock(mutex);
   if (withSpace && withSpace != output.get()) return false;  // of an earlier connection
+  if (!withSpace) flushScheduled = false;
   const auto result = [&](bool flushed) {
     if (withSpace) missedSpaceEvent = !flushed;
     return flushed;
