@@ -66,8 +66,8 @@ void OutgoingBytes::removeFirst(size_t count) {
     front.taken += part;
     count -= part;
     if (!front.rest().empty()) continue;
-    if (size_ == 0 && front.bytes.size() == smallestSegment && front.room)
-      front.filled = front.taken = 0;
+    if (segments_.size() == 1 && front.room && front.bytes.size() == smallestSegment)
+      front.filled = front.taken = 0;  // for the next ones
     else
       segments_.pop_front();
   }
