@@ -29,6 +29,7 @@ struct alignas(64) QELNKLegacyStream::State {
   mutable qelnk::SpinningMutex mutex;
   qelnk::OutgoingBytes outgoing;
   uint64_t dataFence = 0;
+  uint64_t handshakeLeft = 0;  // of what is queued, at its beginning
   uint64_t droppedLength = 0;
   std::error_code connectionError;
   uint64_t maximumWriteSize = 0;
@@ -83,6 +84,23 @@ struct alignas(64) QELNKLegacyStream::State {
   static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
                     const std::shared_ptr<qelnk::ByteStream> &stream);
   void dropConnection();
+  /// Takes back what was queued since it was made, unless all of it could be: a message goes out whole or not at all.
+  class Appending {
+   public:
+    explicit Appending(qelnk::OutgoingBytes &bytes) : bytes_(bytes), before_(bytes.size()) {}
+    ~Appending() {
+      if (!succeeded_) bytes_.truncate(before_);
+    }
+    Appending(const Appending &) = delete;
+    Appending &operator=(const Appending &) = delete;
+    void succeeded() { succeeded_ = true; }
+
+   private:
+    qelnk::OutgoingBytes &bytes_;
+    const size_t before_;
+    bool succeeded_ = false;
+  };
+
   bool flush(const qelnk::ByteStream *withSpace);
   bool requestFlush();
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
@@ -123,8 +141,8 @@ struct alignas(64) QELNKLegacyStream::State {
     FlushesTogether *const outer_;
   };
 
-  /// A read pass under way on the calling thread. From one call of the delegate to the next it holds what the host
-  /// holds, the stream and the delegate; not what that has let go.
+  /// A read pass under way on the calling thread. From one call of the delegate to the next it holds the stream as long
+  /// as the host does.
   class ReadPass {
    public:
     explicit ReadPass(QELNKLegacyStream &stream) : source_(stream), outer_(std::exchange(current, this)) {}
@@ -142,21 +160,20 @@ struct alignas(64) QELNKLegacyStream::State {
       }
       return stream_;
     }
-    const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
-      const uint64_t version = source_.state_->delegateVersion;
-      if (version != version_ || delegate_.use_count() < 2) {
-        delegate_.reset();
-        delegate_ = source_.delegate();
+    /// The delegate, to be held for one call: it may have several streams, whose passes would keep it for each other.
+    std::shared_ptr<QELNKLegacyStreamDelegate> delegate() {
+      if (const uint64_t version = source_.state_->delegateVersion; version != version_) {
+        delegate_ = source_.state_->locked(source_.state_->delegate);
         version_ = version;
       }
-      return delegate_;
+      return delegate_.lock();
     }
 
    private:
     static thread_local ReadPass *current;
     QELNKLegacyStream &source_;
     std::shared_ptr<QELNKLegacyStream> stream_;
-    std::shared_ptr<QELNKLegacyStreamDelegate> delegate_;
+    std::weak_ptr<QELNKLegacyStreamDelegate> delegate_;
     uint64_t version_ = 0;
     ReadPass *const outer_;
 

@@ -16,13 +16,13 @@ constexpr size_t gatheredAtMost = size_t(1) << 20;
 }  // namespace
 
 void OutgoingBytes::append(std::span<const uint8_t> bytes) {
-  size_ += bytes.size();
   while (!bytes.empty()) {
     if (segments_.empty() || segments_.back().roomLeft() == 0) addSegment();
     Segment &last = segments_.back();
     const auto part = bytes.first(std::min(bytes.size(), last.roomLeft()));
     std::memcpy(last.room + last.filled, part.data(), part.size());
     last.filled += part.size();
+    size_ += part.size();
     bytes = bytes.subspan(part.size());
   }
 }
@@ -70,6 +70,16 @@ void OutgoingBytes::removeFirst(size_t count) {
       front.filled = front.taken = 0;  // for the next ones
     else
       segments_.pop_front();
+  }
+}
+
+void OutgoingBytes::truncate(size_t size) {
+  while (size_ > size) {
+    Segment &back = segments_.back();
+    const size_t part = std::min(size_ - size, back.rest().size());
+    back.filled -= part;
+    size_ -= part;
+    if (back.rest().empty()) segments_.pop_back();
   }
 }
 

@@ -17,6 +17,7 @@ class OutgoingBytes {
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
 
+  /// Where there is no memory, std::bad_alloc; the beginning may have been appended.
   void append(std::span<const uint8_t> bytes);
   void append(const Data &bytes);
   /// The first bytes in one piece: `limit` of them, or all, or at least 1 MiB. Valid until they are removed; what is
@@ -27,6 +28,8 @@ class OutgoingBytes {
   };
   Piece first(size_t limit);
   void removeFirst(size_t count);
+  /// Takes the last bytes away, so that `size` are left.
+  void truncate(size_t size);
   void clear();
 
  private:

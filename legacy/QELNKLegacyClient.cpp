@@ -385,13 +385,15 @@ void QELNKLegacyClient::informDelegateStreamWasTerminated() {
   reconnect();
 }
 
-/// The first sign of life after a reconnect.
+/// The first sign of life after a reconnect, which may come before the handshake is complete.
 void QELNKLegacyClient::informReconnected() {
   {
     const std::lock_guard lock(clientState_->mutex);
     if (!std::exchange(clientState_->isReconnecting, false)) return;
   }
-  informClientIsReady();
+  informClient(false, 0, [](const auto &client, auto *delegate) {
+    if (client->inputStream()) delegate->networkClientIsReady(client);
+  });
 }
 
 void QELNKLegacyClient::informDelegateOfReceivedString(const std::string &string) {

@@ -41,7 +41,9 @@ void QELNKLegacySerializer::cancel() {
     ending.swap(streamThread_);
   }
   if (!ending) return;
-  ending->thread.cancel();
-  while (!ending->thread.isCurrent() && !ending->thread.endsWithin(std::chrono::seconds(1))) {
+  if (ending->thread.isCurrent()) return ending->thread.cancel();
+  ending->thread.runLoop()->perform(
+      [&thread = ending->thread] { thread.cancel(); });  // behind what was asked for before
+  while (!ending->thread.endsWithin(std::chrono::seconds(1))) {
   }
 }

@@ -79,7 +79,6 @@ int64_t QELNKLegacyServer::listen(uint16_t port, std::error_code &reason) {
   if (!state_->ipv6Socket) return noSocket;
   state_->ipv4Socket->setReuseAddress();
   state_->ipv6Socket->setReuseAddress();
-  if (state_->bindingIPAddress != 0) logDefault("*** Binding custom IP Address.");
   if ((reason = state_->ipv4Socket->bind(port, state_->bindingIPAddress))) return ipv4NotBound;
   if (port == 0) port = state_->ipv4Socket->port();
   if ((reason = state_->ipv6Socket->bind(port))) return ipv6NotBound;
@@ -95,6 +94,7 @@ bool QELNKLegacyServer::start(Error *error) {
   }
   std::error_code reason;
   const uint16_t port = state_->port;
+  if (state_->bindingIPAddress != 0) logDefault("*** Binding custom IP Address.");
   int64_t code = listen(port, reason);
   // What the system chose for IPv4 may be taken for IPv6: it chooses again.
   for (int attempt = 1; code == ipv6NotBound && port == 0 && attempt < portsTried; ++attempt)
@@ -105,7 +105,9 @@ bool QELNKLegacyServer::start(Error *error) {
       const auto streams = qelnk::streamsWithSocket(connection);  // closed with the last of them
       if (const auto self = weak.lock()) self->accept(streams, address);
     });
-    if (reason) return returnWithErrorCode(noSocket, reason, error);
+    if (!reason) continue;
+    state_->port = port;  // as given: the next start() may choose again
+    return returnWithErrorCode(noSocket, reason, error);
   }
   return true;
 }

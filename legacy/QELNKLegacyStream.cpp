@@ -241,7 +241,7 @@ std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::State::servingThread
 void QELNKLegacyStream::State::dropConnection() {
   ++connections;
   incoming.clear();
-  droppedLength += outgoing.size();
+  droppedLength += outgoing.size() - std::exchange(handshakeLeft, 0);  // nobody but us asked for that
   outgoing.clear();
   status = 0;
   missedSpaceEvent = flushScheduled = false;
@@ -256,12 +256,14 @@ bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shar
   if (!bytes || state_->handledCloseError || (!ignoringStatus && !isReady())) return false;
   const std::span<const uint8_t> span(static_cast<const uint8_t *>(bytes), length);
   if (logs(logOutgoing)) logOutgoingBytes({static_cast<const char *>(bytes), length});
+  State::Appending appending(state_->outgoing);
   if (shared)
     state_->outgoing.append(*shared);
   else
     state_->outgoing.append(span);
   constexpr uint8_t terminator = 0;
   if (terminated) state_->outgoing.append({&terminator, 1});
+  appending.succeeded();
   if (!state_->missedSpaceEvent || !state_->connectionThread) return true;
   if (logs(logFlushes))
     logDefault("Flushed output in write bytes, missed space event = {:d}", state_->missedSpaceEvent);
@@ -295,11 +297,21 @@ void QELNKLegacyStream::State::FlushesTogether::add(const std::shared_ptr<QELNKL
 void QELNKLegacyStream::State::FlushesTogether::request() {
   if (streams_.empty()) return;
   // A thread that has ended had let go of all its streams.
-  thread_->performSelectorOnTarget(
-      [streams = std::exchange(streams_, {})] {
-        for (const auto &stream : streams) flushAsRequested(stream);
-      },
-      false);
+  try {
+    thread_->performSelectorOnTarget(
+        [streams = streams_] {
+          for (const auto &stream : streams) qelnk::runGuarded("QELNKLegacyStream", [&] { flushAsRequested(stream); });
+        },
+        false);
+  } catch (const std::bad_alloc &) {
+    logError("QELNKLegacyStream has no memory to have written; the next write will try again");
+    for (const auto &stream : streams_)
+      if (const auto self = stream.lock()) {
+        const std::lock_guard lock(self->state_->mutex);
+        self->state_->flushScheduled = false;
+      }
+  }
+  streams_.clear();
 }
 
 bool QELNKLegacyStream::writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator,
@@ -331,7 +343,9 @@ bool QELNKLegacyStream::writeBinaryData(const Data &data, const std::string &con
     logError("QELNKLegacyStream cannot write {} bytes as one binary block", data.size());
     return false;
   }
+  State::Appending appending(state_->outgoing);
   if (!writeString(fmt::format("!bin! {} {}", data.size(), contentType)) || !writeData(data)) return false;
+  appending.succeeded();
   if (fenced) state_->dataFence = state_->outgoing.size();
   return true;
 }
@@ -349,7 +363,13 @@ bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
     return flushed;
   };
   if (outgoing.empty()) return result(false);
-  const auto piece = outgoing.first(maximumWriteSize);
+  qelnk::OutgoingBytes::Piece piece;
+  try {
+    piece = outgoing.first(maximumWriteSize);
+  } catch (const std::bad_alloc &) {
+    logError("QELNKLegacyStream has no memory to write from; it will try again");
+    return result(false);
+  }
   const auto to = output;
   const uint64_t connection = connections;
   lock.unlock();
@@ -363,6 +383,7 @@ bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
   if (written > 0) {
     outgoing.removeFirst(size_t(written));
     dataFence -= std::min(dataFence, uint64_t(written));
+    handshakeLeft -= std::min(handshakeLeft, uint64_t(written));
   }
   return result(written != 0);
 }
@@ -378,6 +399,7 @@ void QELNKLegacyStream::queueHandshake() {
   writeBytes(handshake.data(), handshake.size(), false, true);
   for (const std::string &message : {hostMessage(), ipv4Message(), "appID " + state_->appID})
     writeBytes(message.data(), message.size(), true, true);
+  state_->handshakeLeft = state_->outgoing.size();
 }
 
 // --- Status ---

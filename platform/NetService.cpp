@@ -28,6 +28,8 @@ struct Session {
   bool told = false;  // what is told once
 };
 
+constexpr std::chrono::seconds withoutThreadRetry{5};
+
 struct PublishSession : Session {
   std::unique_ptr<Active<ServicePublication>> publication;
 };
@@ -82,6 +84,7 @@ struct NetService::State : std::enable_shared_from_this<NetService::State> {
   }
 
   void publish();
+  void announce(const std::shared_ptr<PublishSession> &session);
   void published(PublishSession &session, const std::string &announced);
   void notPublished(PublishSession &session, std::error_code error);
   void stopPublishing();
@@ -107,13 +110,30 @@ struct NetService::State : std::enable_shared_from_this<NetService::State> {
 
 void NetService::State::publish() {
   const auto session = std::make_shared<PublishSession>();
+  {
+    const Lock lock(mutex);
+    if (publishing) return;
+    publishing = session;
+  }
+  announce(session);
+}
+
+void NetService::State::announce(const std::shared_ptr<PublishSession> &session) {
   const Lock lock(mutex);
-  if (publishing) return;
-  session->publication = std::make_unique<Active<ServicePublication>>(
-      ServicePublication::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain), port,
-                                  txt},
-      ServicePublication::Listener{onLoop(session, &State::published), onLoop(session, &State::notPublished)});
-  publishing = session;
+  if (!isCurrent(*session)) return;
+  try {
+    session->publication = std::make_unique<Active<ServicePublication>>(
+        ServicePublication::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain), port,
+                                    txt},
+        ServicePublication::Listener{onLoop(session, &State::published), onLoop(session, &State::notPublished)});
+  } catch (const std::system_error &error) {  // no thread is left for the daemon's client
+    onLoop(session, &State::notPublished)(error.code());
+    session->loop->performAfter(withoutThreadRetry, [state = weak_from_this(), weak = std::weak_ptr(session)] {
+      const auto self = state.lock();
+      const auto mine = weak.lock();
+      if (self && mine) self->announce(mine);
+    });
+  }
 }
 
 void NetService::State::published(PublishSession &session, const std::string &announced) {
@@ -145,10 +165,14 @@ void NetService::State::resolve(std::chrono::nanoseconds timeout) {
   if (timeout > timeout.zero())
     session->timeout = session->loop->performAfter(timeout, onLoop(session, &State::timedOut));
   const Lock lock(mutex);
-  session->resolution = std::make_unique<Active<ServiceResolution>>(
-      ServiceResolution::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain)},
-      ServiceResolution::Listener{onLoop(session, &State::found), onLoop(session, &State::hindered)});
   resolving = session;
+  try {
+    session->resolution = std::make_unique<Active<ServiceResolution>>(
+        ServiceResolution::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain)},
+        ServiceResolution::Listener{onLoop(session, &State::found), onLoop(session, &State::hindered)});
+  } catch (const std::system_error &error) {  // no thread is left for the daemon's client
+    session->obstacle = error.code();
+  }
 }
 
 void NetService::State::found(ResolveSession &session, const ServiceResolution::Found &what) {
@@ -219,7 +243,7 @@ void NetService::setDelegate(std::weak_ptr<NetServiceDelegate> delegate) {
 void NetService::setTXTRecordData(std::string data) {
   const std::lock_guard lock(state_->mutex);
   state_->txt = data;
-  if (state_->publishing)
+  if (state_->publishing && state_->publishing->publication)
     state_->publishing->publication->tell(
         [data](ServicePublication &publication) { publication.setTXTRecordData(data); });
 }

@@ -21,7 +21,7 @@ class QELNK_EXPORT QELNKLegacySerializer {
   /// Has the stream write, in the order of the calls, and returns at once. After cancel() nothing happens.
   void writeString(const std::string &string);
   void writeData(const qelnk::Data &data);
-  /// Ends the thread and waits for its end. What is still to be written is dropped.
+  /// Ends the thread behind what it was given before, and waits for its end; on the thread itself it ends at once.
   void cancel();
 
   const std::shared_ptr<QELNKLegacyStream> &stream() const { return stream_; }

@@ -61,7 +61,8 @@ class QELNK_EXPORT Data {
   /// The same bytes as characters.
   std::string_view text() const { return {reinterpret_cast<const char *>(bytes_), size_}; }
 
-  /// The bytes for writing; they are no longer shared. Valid until the next change of this object.
+  /// The bytes for writing; they are no longer shared. Valid until the next change or copy of this object: whoever it
+  /// was given to may share them from then on.
   uint8_t *mutableData();
   void append(std::span<const uint8_t> bytes);
   void append(std::string_view bytes);

@@ -92,9 +92,7 @@ TEST(LegacySerializer, WritesInOrderUntilItIsCancelled) {
     i % 2 ? serializer.writeString(std::to_string(i)) : serializer.writeData(Data(std::to_string(i)));
     expected += zeroed(std::to_string(i));
   }
-  EXPECT_TRUE(eventually([&] { return peer.received().size() == before + expected.size(); }));
-  EXPECT_EQ(peer.received().substr(before), expected);
-  serializer.cancel();
+  serializer.cancel();  // behind them
   serializer.writeString("dropped");
   EXPECT_TRUE(stream->writeString("end"));
   EXPECT_TRUE(eventually([&] { return peer.received().substr(before) == expected + zeroed("end"); }));

@@ -188,12 +188,15 @@ bool Connecting::write(const std::function<bool()> &attempt) {
   return false;
 }
 
+std::string placeOf(size_t line) { return "line " + std::to_string(line) + ": "; }
+
+Failure notWritten(size_t line) { return {Exit::failed, placeOf(line) + "not written, the connection has ended"}; }
+
 /// Does what a line asks for; whether that was to go on.
 bool Connecting::perform(const LegacyInput &input, size_t number) {
-  const std::string place = "line " + std::to_string(number) + ": ";
   if (std::holds_alternative<LegacyDisconnect>(input)) return false;
   if (std::holds_alternative<LegacyTXT>(input))
-    throw Failure(Exit::malformed, place + "only a service that listens has a TXT record to set");
+    throw Failure(Exit::malformed, placeOf(number) + "only a service that listens has a TXT record to set");
   const bool written = write([&] {
     if (const auto *string = std::get_if<LegacyString>(&input)) return client_->writeString(string->text);
     const auto &binary = std::get<LegacyBinary>(input);
@@ -202,7 +205,7 @@ bool Connecting::perform(const LegacyInput &input, size_t number) {
     showDropped(output_, binary.contentType);
     return true;
   });
-  if (!written && hasEnded_) throw Failure(Exit::failed, place + "not written, the connection has ended");
+  if (!written && hasEnded_) throw notWritten(number);
   return written;
 }
 
@@ -236,15 +239,16 @@ Exit Connecting::run() {
   begin();
   std::optional<Failure> failure;  // told once what came before it has been written
   try {
-    bool goesOn = awaitReady();
+    bool goesOn = awaitReady(), isDone = false;
     size_t number = 0;
-    while (goesOn) {
+    while (goesOn && !isDone) {
       const auto line = session_.readLine([this] { return isOver(); });
       if (!line) break;
       ++number;
-      goesOn = perform(legacyInput(*line, number), number);
+      isDone = !perform(legacyInput(*line, number), number);
     }
-    if (goesOn && arguments_.has("stay")) session_.waitUntil([this] { return isOver(); });
+    if (hasEnded_ && !isDone && session_.hasInput()) throw notWritten(number + 1);
+    if (goesOn && !isDone && arguments_.has("stay")) session_.waitUntil([this] { return isOver(); });
   } catch (const Failure &problem) {
     failure = problem;
   }

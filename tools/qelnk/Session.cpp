@@ -3,6 +3,7 @@
 #include <QELNetworkKit/RunLoop.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -135,6 +136,14 @@ std::optional<std::string> Session::readLine(const std::function<bool()> &interr
     searched_ = input_.size();
     awaitInput();
   }
+}
+
+bool Session::hasInput() {
+  if (input_.empty() && !inputEnded_) {
+    pollfd standardInput{STDIN_FILENO, POLLIN, 0};
+    if (poll(&standardInput, 1, 0) > 0) inputEnded_ = !fill();
+  }
+  return !input_.empty();
 }
 
 void Session::serve(bool stay) {

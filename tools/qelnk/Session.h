@@ -42,6 +42,8 @@ class Session {
   /// The next line of standard input without its end, serving the main run loop meanwhile; none once the input has
   /// ended, the tool is asked to end or `interrupted` holds. An input that cannot be read is a Failure.
   std::optional<std::string> readLine(const std::function<bool()> &interrupted = nullptr);
+  /// Whether there is input that was not read yet, as far as is known without waiting.
+  bool hasInput();
   /// Serves the main run loop until the tool is asked to end, or standard input has ended and it is not to stay.
   void serve(bool stay);
   /// The rest of standard input.
