@@ -6,7 +6,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
 #include "legacy/Observers.h"
 #include "legacy/RawPeer.h"
@@ -199,31 +198,6 @@ TEST_P(LegacyStream, MayBeDroppedInAnyCallback) {
     EXPECT_TRUE(eventually([&] { return dropped && weak.expired() && threadCount() <= threads + 1; })) << callback;
   }
   EXPECT_TRUE(eventually([&] { return descriptorCount() <= descriptors + 4; }));  // of the shared thread
-}
-
-TEST(LegacyStreamDelegate, IsHeldForOneCallOnly) {
-  // Of two streams on threads of their own: neither takes the other's hold on it for the host's.
-  const Value options = with(ingest(), "multiThreaded", true);
-  Wired one(Transport::memory, options), other(Transport::memory, options);
-  one.shakeHands();
-  other.shakeHands();
-  auto shared = std::make_shared<StreamObserver>();
-  std::atomic<int> calls = 0;
-  shared->onTold([&](const std::string &) {
-    ++calls;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // so that the passes last
-  });
-  const std::weak_ptr<StreamObserver> weak = shared;
-  std::string strings;
-  for (int i = 0; i < 300; ++i) strings += zeroed("s");
-  for (Wired *wired : {&one, &other}) {
-    wired->stream->setDelegate(shared);
-    wired->peer->send(strings);
-  }
-  ASSERT_TRUE(eventually([&] { return calls > 4; }));
-  shared.reset();
-  EXPECT_TRUE(eventually([&] { return weak.expired(); }));
-  EXPECT_LT(calls, 600);
 }
 
 TEST_P(LegacyStream, FailsCleanlyAtEveryStep) {
