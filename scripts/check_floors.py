@@ -15,6 +15,7 @@ PUBLIC = {
                  "QELNKPublisher QELNKSubscriber QELNKMonitor",
     "legacy": "QELNKLegacyStreamThread QELNKLegacyStream QELNKLegacySerializer QELNKLegacyClient QELNKLegacyServer "
               "QELNKLegacyService",
+    "netutil": "QELNKNetworkInterface QELNKNetworkInterfaceDiscovery qelNKPing QELNKPingleton",
     "daemon": "QELNKOrlinPort QELNKOrlinWorkflow QELNKKORVALConstants QELNKKORVALClient QELNKOrlinDaemon"
     " QELNKKORVALDaemonClient QELNKOrlinDaemonSpawner",
     "tools": "QELNetworkKit",

@@ -6,7 +6,7 @@ for header in include/QELNetworkKit/*.h; do
   name=${header#include/}
   echo "#include <$name>" | "${CXX:-c++}" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -Iinclude -x c++ - || failed=1
 done
-for name in cmp Version Export QELNKKORVALConstants; do
+for name in cmp Version Export QELNKKORVALConstants qelNKPing; do
   echo "#include <QELNetworkKit/$name.h>
         typedef int translation_unit_is_not_empty;" | "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -Iinclude -x c - || failed=1
 done

@@ -5,13 +5,13 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config ccache
-  libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libssl-dev libgtest-dev
-  avahi-daemon avahi-utils dbus-daemon iproute2
+  libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libsdbus-c++-dev libnl-route-3-dev libboost-dev libssl-dev libgtest-dev
+  avahi-daemon avahi-utils dbus-daemon iproute2 python3-dbusmock
   clang clang-format clang-tidy
   python3 python3-zmq python3-msgpack git locales
 )
 if [ "${1:-build}" = bench ]; then
-  packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev libboost-dev)
+  packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)
 fi
 
 missing=()

@@ -25,10 +25,13 @@
 #include <QELNetworkKit/QELNKLegacyStreamThread.h>
 #include <QELNetworkKit/QELNKMessage.h>
 #include <QELNetworkKit/QELNKMonitor.h>
+#include <QELNetworkKit/QELNKNetworkInterface.h>
+#include <QELNetworkKit/QELNKNetworkInterfaceDiscovery.h>
 #include <QELNetworkKit/QELNKOrlinDaemon.h>
 #include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
 #include <QELNetworkKit/QELNKOrlinPort.h>
 #include <QELNetworkKit/QELNKOrlinWorkflow.h>
+#include <QELNetworkKit/QELNKPingleton.h>
 #include <QELNetworkKit/QELNKPublisher.h>
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/QELNKSocket.h>

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Arguments.h"
 #include "Exit.h"
@@ -26,6 +28,8 @@ struct Command {
   Syntax syntax;
   std::string (*notes)();  ///< what its help says besides; may be null
   Exit (*run)(Invocation &invocation);
+  /// In its place, for one that has a command line of its own: gets the words behind the command's as they are.
+  Exit (*runWords)(std::vector<std::string> words) = nullptr;
 };
 
 /// For the commands that run on.

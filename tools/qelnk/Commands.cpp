@@ -3,12 +3,14 @@
 namespace tool {
 
 extern const Command packCommand, unpackCommand, requestCommand, serveCommand, publishCommand, subscribeCommand,
-    monitorCommand, daemonCommand, legacyListenCommand, legacyConnectCommand, demoCommand;
+    monitorCommand, daemonCommand, legacyListenCommand, legacyConnectCommand, interfacesCommand, pingCommand,
+    watchCommand, demoCommand;
 
 std::span<const Command *const> commands() {
-  static const Command *const table[] = {&packCommand,         &unpackCommand,        &requestCommand, &serveCommand,
-                                         &publishCommand,      &subscribeCommand,     &monitorCommand, &daemonCommand,
-                                         &legacyListenCommand, &legacyConnectCommand, &demoCommand};
+  static const Command *const table[] = {
+      &packCommand,       &unpackCommand,  &requestCommand, &serveCommand,        &publishCommand,
+      &subscribeCommand,  &monitorCommand, &daemonCommand,  &legacyListenCommand, &legacyConnectCommand,
+      &interfacesCommand, &pingCommand,    &watchCommand,   &demoCommand};
   return table;
 }
 

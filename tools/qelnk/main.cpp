@@ -112,6 +112,7 @@ Exit run(std::vector<std::string> words, std::string &context) {
   }
   const Command &command = takeCommand(words, place);
   context = "qelnk " + std::string(command.name);
+  if (command.runWords) return command.runWords({words.begin() + ptrdiff_t(place), words.end()});
   Syntax syntax = command.syntax;
   syntax.options.insert(syntax.options.end(), commonOptions().begin(), commonOptions().end());
   const Arguments arguments = Arguments::parse(syntax, words);

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QELNetworkKit/Export.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// A wired network service of this machine, with the IPv4 address that it had when it was looked up.
+///
+/// Properties that are not known are empty. Threads: any; each property is read and written as a whole.
+class QELNK_EXPORT QELNKNetworkInterface {
+ public:
+  static std::shared_ptr<QELNKNetworkInterface> networkInterfaceWithDeviceName(std::string deviceName,
+                                                                               std::string userDefinedName);
+  QELNKNetworkInterface(std::string deviceName, std::string userDefinedName);
+  QELNKNetworkInterface(const QELNKNetworkInterface &) = delete;
+  QELNKNetworkInterface &operator=(const QELNKNetworkInterface &) = delete;
+
+  /// The system's name of the device, "eth0".
+  std::string deviceName() const { return get(deviceName_); }
+  void setDeviceName(std::string name) { set(deviceName_, std::move(name)); }
+  /// What the user calls this network.
+  std::string userDefinedName() const { return get(userDefinedName_); }
+  void setUserDefinedName(std::string name) { set(userDefinedName_, std::move(name)); }
+  /// The first address, as "192.168.1.20".
+  std::string currentIPv4() const { return get(currentIPv4_); }
+  void setCurrentIPv4(std::string address) { set(currentIPv4_, std::move(address)); }
+  /// Stays the same across restarts: what a host remembers of its user's choice.
+  std::string deviceUUID() const { return get(deviceUUID_); }
+  void setDeviceUUID(std::string identifier) { set(deviceUUID_, std::move(identifier)); }
+
+  /// currentIPv4() as a number in host byte order, the first octet highest; 0 without one. A part that is no number
+  /// counts as 0.
+  uint32_t ipAddressAsUInt32() const;
+
+  /// All of it in one line, for logs.
+  std::string description() const;
+
+ private:
+  std::string get(const std::string &property) const {
+    const std::lock_guard lock(mutex_);
+    return property;
+  }
+  void set(std::string &property, std::string value) {
+    const std::lock_guard lock(mutex_);
+    property.swap(value);
+  }
+
+  mutable std::mutex mutex_;  // guards the rest
+  std::string deviceName_, userDefinedName_, currentIPv4_, deviceUUID_;
+};

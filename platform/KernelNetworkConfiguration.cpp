@@ -1,0 +1,228 @@
+// The network as the kernel has it: links, addresses and routes by netlink, the rest from sysfs.
+
+#include <arpa/inet.h>
+#include <linux/ethtool.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netlink/route/addr.h>
+#include <netlink/route/link.h>
+#include <netlink/route/route.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/uuid/name_generator_sha1.hpp>
+#include <boost/uuid/string_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "platform/LogFormat.h"
+#include "platform/NetworkConfiguration.h"
+
+namespace qelnk {
+
+namespace {
+
+struct Link {
+  int index = 0;
+  std::string name, kind, alias;
+  unsigned hardware = 0, flags = 0;
+  bool isMember = false;  // of a bridge or a bond
+};
+
+using NetlinkSocket = std::unique_ptr<nl_sock, void (*)(nl_sock *)>;
+using NetlinkCache = std::unique_ptr<nl_cache, void (*)(nl_cache *)>;
+
+/// Calls `visit` with each object of a table that `read` fetches.
+template <class Object, class Read, class Visit>
+void forEach(const Read &read, const Visit &visit) {
+  nl_cache *table = nullptr;
+  if (const int failure = read(&table); failure < 0) {
+    logError("Network configuration cannot be read: {}", nl_geterror(failure));
+    return;
+  }
+  const NetlinkCache owner(table, nl_cache_free);
+  for (nl_object *at = nl_cache_get_first(table); at; at = nl_cache_get_next(at)) visit(reinterpret_cast<Object *>(at));
+}
+
+std::string orEmpty(const char *text) { return text ? text : ""; }
+
+std::filesystem::path sysfs(const Link &link) { return std::filesystem::path("/sys/class/net") / link.name; }
+
+std::string firstLine(const std::filesystem::path &file) {
+  std::ifstream stream(file);
+  std::string line;
+  std::getline(stream, line);
+  return line;
+}
+
+/// What a driver calls its kind of device; empty for Ethernet.
+std::string deviceType(const Link &link) {
+  std::error_code ignored;
+  if (std::filesystem::exists(sysfs(link) / "wireless", ignored) ||
+      std::filesystem::exists(sysfs(link) / "phy80211", ignored))
+    return "wlan";
+  std::ifstream stream(sysfs(link) / "uevent");
+  constexpr std::string_view key = "DEVTYPE=";
+  for (std::string line; std::getline(stream, line);)
+    if (line.starts_with(key)) return line.substr(key.size());
+  return "";
+}
+
+/// The address that the maker gave the device, as hexadecimal digits; empty when it has none.
+std::string permanentAddress(int socket, const std::string &device) {
+  // As the kernel's structure for it, which ends in an array without a size.
+  struct {
+    uint32_t command = ETHTOOL_GPERMADDR, size = 32;
+    std::array<uint8_t, 32> bytes{};
+  } answer;
+  ifreq request{};
+  std::strncpy(request.ifr_name, device.c_str(), IFNAMSIZ - 1);
+  request.ifr_data = reinterpret_cast<char *>(&answer);
+  if (ioctl(socket, SIOCETHTOOL, &request) < 0) return "";
+  std::string text;
+  bool isAddress = false;
+  for (uint32_t i = 0; i < std::min<uint32_t>(answer.size, 32); ++i) {
+    text += fmt::format("{:02x}", answer.bytes[i]);
+    isAddress |= answer.bytes[i] != 0;
+  }
+  return isAddress ? text : "";
+}
+
+class KernelNetworkConfiguration final : public NetworkConfiguration {
+ public:
+  KernelNetworkConfiguration() {
+    const NetlinkSocket socket(nl_socket_alloc(), nl_socket_free);
+    if (!socket || nl_connect(socket.get(), NETLINK_ROUTE) < 0) {
+      logError("Network configuration cannot be read: no netlink socket");
+      return;
+    }
+    readLinks(socket.get());
+    readAddresses(socket.get());
+    readDefaultRoute(socket.get());
+  }
+
+  std::vector<Service> services() override;
+  std::optional<std::vector<std::string>> ipv4Addresses(const std::string &deviceName) override;
+  std::string primaryInterface() override {
+    const Link *link = linkWith([&](const Link &each) { return each.index == defaultRoute_; });
+    return link ? link->name : "";
+  }
+
+ private:
+  void readLinks(nl_sock *socket);
+  void readAddresses(nl_sock *socket);
+  void readDefaultRoute(nl_sock *socket);
+  template <class Condition>
+  const Link *linkWith(const Condition &condition) const {
+    const auto found = std::find_if(links_.begin(), links_.end(), condition);
+    return found == links_.end() ? nullptr : &*found;
+  }
+
+  std::vector<Link> links_;
+  std::map<int, std::vector<std::string>> addresses_;  // by index
+  int defaultRoute_ = 0;
+};
+
+void KernelNetworkConfiguration::readLinks(nl_sock *socket) {
+  forEach<rtnl_link>(
+      [&](nl_cache **table) { return rtnl_link_alloc_cache(socket, AF_UNSPEC, table); },
+      [&](rtnl_link *link) {
+        links_.push_back({rtnl_link_get_ifindex(link), orEmpty(rtnl_link_get_name(link)),
+                          orEmpty(rtnl_link_get_type(link)), orEmpty(rtnl_link_get_ifalias(link)),
+                          rtnl_link_get_arptype(link), rtnl_link_get_flags(link), rtnl_link_get_master(link) != 0});
+      });
+  std::sort(links_.begin(), links_.end(), [](const Link &a, const Link &b) { return a.index < b.index; });
+}
+
+void KernelNetworkConfiguration::readAddresses(nl_sock *socket) {
+  forEach<rtnl_addr>([&](nl_cache **table) { return rtnl_addr_alloc_cache(socket, table); },
+                     [&](rtnl_addr *address) {
+                       nl_addr *const local = rtnl_addr_get_local(address);
+                       if (rtnl_addr_get_family(address) != AF_INET || !local) return;
+                       std::array<char, INET_ADDRSTRLEN> text{};
+                       if (inet_ntop(AF_INET, nl_addr_get_binary_addr(local), text.data(), text.size()))
+                         addresses_[rtnl_addr_get_ifindex(address)].emplace_back(text.data());
+                     });
+}
+
+void KernelNetworkConfiguration::readDefaultRoute(nl_sock *socket) {
+  std::optional<uint32_t> best;
+  forEach<rtnl_route>([&](nl_cache **table) { return rtnl_route_alloc_cache(socket, AF_INET, 0, table); },
+                      [&](rtnl_route *route) {
+                        nl_addr *const destination = rtnl_route_get_dst(route);
+                        rtnl_nexthop *const hop = rtnl_route_nexthop_n(route, 0);
+                        if (rtnl_route_get_table(route) != RT_TABLE_MAIN || rtnl_route_get_type(route) != RTN_UNICAST ||
+                            (destination && nl_addr_get_prefixlen(destination) != 0) || !hop)
+                          return;
+                        const uint32_t metric = rtnl_route_get_priority(route);
+                        if (best && metric >= *best) return;
+                        best = metric;
+                        defaultRoute_ = rtnl_route_nh_get_ifindex(hop);
+                      });
+}
+
+std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services() {
+  // Built upon wired links, these carry the addresses.
+  static const std::set<std::string> wiredKinds = {"bond", "team", "vlan"};
+  static const std::set<std::string> guestKinds = {"veth", "macvlan", "ipvlan"};
+  std::vector<Service> services;
+  bool hasHardware = false;
+  std::vector<size_t> guests;
+  std::set<std::string> identifiers;
+  const boost::uuids::name_generator_sha1 generator(
+      boost::uuids::string_generator()("8a4f0a3e-6c1b-4a8e-9d53-2f7e1b0c6d94"));
+  const std::string machine = firstLine("/etc/machine-id");
+  const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  for (const Link &link : links_) {
+    if (link.hardware != ARPHRD_ETHER) continue;
+    Service service{"", link.name, link.alias.empty() ? link.name : link.alias, link.kind};
+    std::string own;
+    if (link.kind.empty()) {
+      hasHardware = true;
+      service.type = deviceType(link);
+      if (service.type.empty()) service.type = ethernet;
+      own = permanentAddress(socket, link.name);
+    } else if (wiredKinds.contains(link.kind)) {
+      service.type = ethernet;
+    } else if (guestKinds.contains(link.kind) && !link.isMember) {
+      guests.push_back(services.size());
+    }
+    const auto identify = [&](const std::string &by) {
+      service.identifier = boost::uuids::to_string(generator(machine + ' ' + by));
+      return identifiers.insert(service.identifier).second;
+    };
+    if (own.empty() || !identify(own)) identify("device " + link.name);
+    services.push_back(std::move(service));
+  }
+  if (socket >= 0) close(socket);
+  // A container has nothing else.
+  if (!hasHardware)
+    for (const size_t guest : guests) services[guest].type = ethernet;
+  return services;
+}
+
+/// IPv4 runs on what is up and has a carrier: an address that was set by hand stays without, but reaches nobody.
+std::optional<std::vector<std::string>> KernelNetworkConfiguration::ipv4Addresses(const std::string &deviceName) {
+  const Link *link = linkWith([&](const Link &each) { return each.name == deviceName; });
+  if (!link || !(link->flags & IFF_UP) || !(link->flags & IFF_RUNNING)) return std::nullopt;
+  const auto found = addresses_.find(link->index);
+  return found == addresses_.end() ? std::vector<std::string>() : found->second;
+}
+
+}  // namespace
+
+std::unique_ptr<NetworkConfiguration> NetworkConfiguration::ofKernel() {
+  return std::make_unique<KernelNetworkConfiguration>();
+}
+
+}  // namespace qelnk
