@@ -17,13 +17,15 @@ namespace {
 
 using Properties = std::map<std::string, sdbus::Variant>;
 using Path = sdbus::ObjectPath;
+using Objects = std::map<Path, std::map<std::string, Properties>>;  // what each has, by interface
 
-const std::string theService = "org.freedesktop.NetworkManager", theRoot = "/org/freedesktop/NetworkManager";
+const std::string theService = "org.freedesktop.NetworkManager";
+const Path theManager = "/org/freedesktop/NetworkManager";
 constexpr uint64_t longestCall = 2'000'000;  // microseconds
 
 // Its kinds of devices and states.
 constexpr uint32_t kindEthernet = 1, kindWiFi = 2, kindBond = 10, kindVLAN = 11, kindTeam = 15, kindVeth = 20;
-constexpr uint32_t kindUnknown = 0, stateUnmanaged = 10;
+constexpr uint32_t stateUnmanaged = 10;
 
 template <class Type>
 Type property(const Properties &properties, const char *name, Type otherwise = {}) {
@@ -35,8 +37,7 @@ bool isNone(const Path &path) { return path.empty() || path == "/"; }
 
 class NetworkManagerConfiguration final : public NetworkConfiguration {
  public:
-  explicit NetworkManagerConfiguration(std::unique_ptr<sdbus::IConnection> connection)
-      : connection_(std::move(connection)), kernel_(ofKernel()) {}
+  explicit NetworkManagerConfiguration(Objects objects);
 
   std::vector<Service> services() override;
   std::optional<std::vector<std::string>> ipv4Addresses(const std::string &deviceName) override;
@@ -44,48 +45,38 @@ class NetworkManagerConfiguration final : public NetworkConfiguration {
 
  private:
   /// Empty for an object or an interface that is not there.
-  Properties get(const Path &path, const std::string &interface);
-  void readDevices();
+  const Properties &get(const Path &path, const std::string &interface) const;
 
   struct Device {
     std::string name;
     Path activeConnection, ipv4;
-    uint32_t kind = kindUnknown, state = 0;
+    uint32_t kind, state;
   };
-  const std::unique_ptr<sdbus::IConnection> connection_;
+  const Objects objects_;
   const std::unique_ptr<NetworkConfiguration> kernel_;
-  bool hasRead_ = false;
   std::vector<Device> devices_;
 };
 
-Properties NetworkManagerConfiguration::get(const Path &path, const std::string &interface) {
-  Properties properties;
-  try {
-    const auto proxy = sdbus::createProxy(*connection_, theService, path);
-    proxy->callMethod("GetAll")
-        .onInterface("org.freedesktop.DBus.Properties")
-        .withTimeout(longestCall)
-        .withArguments(interface)
-        .storeResultsTo(properties);
-  } catch (const sdbus::Error &error) {
-    logDebug("NetworkManager does not tell of {}: {}", std::string(path), error.what());
-  }
-  return properties;
-}
-
-void NetworkManagerConfiguration::readDevices() {
-  if (std::exchange(hasRead_, true)) return;
-  for (const Path &path : property<std::vector<Path>>(get(theRoot, theService), "Devices")) {
-    const Properties device = get(path, theService + ".Device");
+NetworkManagerConfiguration::NetworkManagerConfiguration(Objects objects)
+    : objects_(std::move(objects)), kernel_(ofKernel()) {
+  for (const Path &path : property<std::vector<Path>>(get(theManager, theService), "Devices")) {
+    const Properties &device = get(path, theService + ".Device");
     devices_.push_back({property<std::string>(device, "Interface"), property<Path>(device, "ActiveConnection"),
                         property<Path>(device, "Ip4Config"), property<uint32_t>(device, "DeviceType"),
                         property<uint32_t>(device, "State")});
   }
 }
 
+const Properties &NetworkManagerConfiguration::get(const Path &path, const std::string &interface) const {
+  static const auto &none = *new Properties;
+  const auto object = objects_.find(path);
+  if (object == objects_.end()) return none;
+  const auto found = object->second.find(interface);
+  return found == object->second.end() ? none : found->second;
+}
+
 std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services() {
   static const std::set<uint32_t> wiredKinds = {kindEthernet, kindBond, kindVLAN, kindTeam};
-  readDevices();
   const bool hasHardware = std::any_of(devices_.begin(), devices_.end(), [](const Device &device) {
     return device.kind == kindEthernet || device.kind == kindWiFi;
   });
@@ -100,7 +91,7 @@ std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services
     }
     if (isNone(device.activeConnection)) continue;
     const bool isWired = wiredKinds.contains(device.kind) || (device.kind == kindVeth && !hasHardware);
-    const Properties active = get(device.activeConnection, theService + ".Connection.Active");
+    const Properties &active = get(device.activeConnection, theService + ".Connection.Active");
     services.push_back({property<std::string>(active, "Uuid"), device.name, property<std::string>(active, "Id"),
                         isWired ? ethernet : fmt::format("kind {}", device.kind)});
   }
@@ -109,14 +100,13 @@ std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services
 
 /// NetworkManager's, in the kernel's order as far as the kernel has them.
 std::optional<std::vector<std::string>> NetworkManagerConfiguration::ipv4Addresses(const std::string &deviceName) {
-  readDevices();
   const auto device =
       std::find_if(devices_.begin(), devices_.end(), [&](const Device &each) { return each.name == deviceName; });
   if (device == devices_.end()) return std::nullopt;
   if (device->state == stateUnmanaged) return kernel_->ipv4Addresses(deviceName);
   if (isNone(device->ipv4)) return std::nullopt;
   std::vector<std::string> addresses;
-  const Properties config = get(device->ipv4, theService + ".IP4Config");
+  const Properties &config = get(device->ipv4, theService + ".IP4Config");
   for (const auto &entry : property<std::vector<Properties>>(config, "AddressData"))
     if (auto address = property<std::string>(entry, "address"); !address.empty())
       addresses.push_back(std::move(address));
@@ -128,7 +118,7 @@ std::optional<std::vector<std::string>> NetworkManagerConfiguration::ipv4Address
 }
 
 std::string NetworkManagerConfiguration::primaryInterface() {
-  const Path primary = property<Path>(get(theRoot, theService), "PrimaryConnection");
+  const Path primary = property<Path>(get(theManager, theService), "PrimaryConnection");
   if (isNone(primary)) return kernel_->primaryInterface();
   const auto devices = property<std::vector<Path>>(get(primary, theService + ".Connection.Active"), "Devices");
   return devices.empty() ? "" : property<std::string>(get(devices.front(), theService + ".Device"), "Interface");
@@ -147,7 +137,15 @@ std::unique_ptr<NetworkConfiguration> NetworkConfiguration::ofNetworkManager() {
         .withTimeout(longestCall)
         .withArguments(theService)
         .storeResultsTo(runs);
-    if (runs) return std::make_unique<NetworkManagerConfiguration>(std::move(connection));
+    if (!runs) return nullptr;
+    // One answer with everything: to ask for each property costs ten times as much.
+    Objects objects;
+    sdbus::createProxy(*connection, theService, "/org/freedesktop")
+        ->callMethod("GetManagedObjects")
+        .onInterface("org.freedesktop.DBus.ObjectManager")
+        .withTimeout(longestCall)
+        .storeResultsTo(objects);
+    return std::make_unique<NetworkManagerConfiguration>(std::move(objects));
   } catch (const sdbus::Error &error) {
     logDebug("No NetworkManager: {}", error.what());
   }
