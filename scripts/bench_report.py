@@ -260,6 +260,20 @@ def daemon_tables(results):
     return {"daemon": table(["what", "measured", "goal", ""], rows)} if rows else {}
 
 
+def network_tables(results):
+    rows = []
+    for name, peers in read_lines(results / "network_bench.txt").items():
+        kind, detail = name.split("/")
+        figures = peers["qelnk"]
+        if kind == "interfaces":
+            rows.append([f"interfaces, {detail.replace('-', ' ')}", f"{figures['ms']:.2f} ms (the dumps alone {peers['libnl']['ms']:.2f} ms)",
+                         *verdict(figures["ms"], 10)])
+        elif kind == "watches":
+            rows.append([f"{detail} keep-alive watches", f"{figures['cpu_percent']:.2f} % of a core; "
+                         f"{figures['descriptors']:.0f} descriptors, {figures['kib_each']:.0f} KiB each", *verdict(figures["cpu_percent"], 5)])
+    return {"network": table(["what", "measured", "goal", ""], rows)} if rows else {}
+
+
 def machine():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     compiler = subprocess.run(["c++", "--version"], capture_output=True, text=True).stdout.splitlines()
@@ -270,7 +284,7 @@ def machine():
 def main(results, page=None):
     results = pathlib.Path(results)
     tables = {**encoding_tables(results), **request_tables(results), **server_tables(results), **broadcast_tables(results),
-              **daemon_tables(results), **legacy_tables(results)}
+              **daemon_tables(results), **legacy_tables(results), **network_tables(results)}
     for name, text in tables.items():
         print(f"\n{name}\n{text}")
     if not page:
