@@ -8,6 +8,7 @@
 #include <netlink/route/addr.h>
 #include <netlink/route/link.h>
 #include <netlink/route/route.h>
+#include <simdjson.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -78,6 +79,19 @@ std::string deviceType(const Link &link) {
   return "";
 }
 
+/// Whether a name can be shown: interfaces and their aliases may hold any bytes.
+bool isText(const std::string &name) {
+  return simdjson::validate_utf8(name) &&
+         std::none_of(name.begin(), name.end(), [](char c) { return uint8_t(c) < ' ' || c == 0x7F; });
+}
+
+/// Whether there is a device behind it, as there is not behind those that virtual machines' hosts make. Where this
+/// process does not see it there may be.
+bool mayBeHardware(const Link &link) {
+  std::error_code ignored;
+  return !std::filesystem::exists(sysfs(link), ignored) || std::filesystem::exists(sysfs(link) / "device", ignored);
+}
+
 /// The address that the maker gave the device, as hexadecimal digits; empty when it has none.
 std::string permanentAddress(int socket, const std::string &device) {
   // As the kernel's structure for it, which ends in an array without a size.
@@ -98,30 +112,31 @@ std::string permanentAddress(int socket, const std::string &device) {
   return isAddress ? text : "";
 }
 
+NetlinkSocket connect() {
+  NetlinkSocket socket(nl_socket_alloc(), nl_socket_free);
+  if (!socket || nl_connect(socket.get(), NETLINK_ROUTE) < 0) {
+    logError("Network configuration cannot be read: no netlink socket");
+    socket.reset();
+  }
+  return socket;
+}
+
 class KernelNetworkConfiguration final : public NetworkConfiguration {
  public:
   KernelNetworkConfiguration() {
-    const NetlinkSocket socket(nl_socket_alloc(), nl_socket_free);
-    if (!socket || nl_connect(socket.get(), NETLINK_ROUTE) < 0) {
-      logError("Network configuration cannot be read: no netlink socket");
-      return;
-    }
+    const NetlinkSocket socket = connect();
+    if (!socket) return;
     readLinks(socket.get());
     readAddresses(socket.get());
-    readDefaultRoute(socket.get());
   }
 
   std::vector<Service> services() override;
   std::optional<std::vector<std::string>> ipv4Addresses(const std::string &deviceName) override;
-  std::string primaryInterface() override {
-    const Link *link = linkWith([&](const Link &each) { return each.index == defaultRoute_; });
-    return link ? link->name : "";
-  }
+  std::string primaryInterface() override;
 
  private:
   void readLinks(nl_sock *socket);
   void readAddresses(nl_sock *socket);
-  void readDefaultRoute(nl_sock *socket);
   template <class Condition>
   const Link *linkWith(const Condition &condition) const {
     const auto found = std::find_if(links_.begin(), links_.end(), condition);
@@ -130,7 +145,6 @@ class KernelNetworkConfiguration final : public NetworkConfiguration {
 
   std::vector<Link> links_;
   std::map<int, std::vector<std::string>> addresses_;  // by index
-  int defaultRoute_ = 0;
 };
 
 void KernelNetworkConfiguration::readLinks(nl_sock *socket) {
@@ -155,26 +169,36 @@ void KernelNetworkConfiguration::readAddresses(nl_sock *socket) {
                      });
 }
 
-void KernelNetworkConfiguration::readDefaultRoute(nl_sock *socket) {
+/// Of the default routes that lead somewhere, the first choice.
+std::string KernelNetworkConfiguration::primaryInterface() {
+  const NetlinkSocket socket = connect();
+  if (!socket) return "";
   std::optional<uint32_t> best;
-  forEach<rtnl_route>([&](nl_cache **table) { return rtnl_route_alloc_cache(socket, AF_INET, 0, table); },
+  int index = 0;
+  forEach<rtnl_route>([&](nl_cache **table) { return rtnl_route_alloc_cache(socket.get(), AF_INET, 0, table); },
                       [&](rtnl_route *route) {
                         nl_addr *const destination = rtnl_route_get_dst(route);
-                        rtnl_nexthop *const hop = rtnl_route_nexthop_n(route, 0);
                         if (rtnl_route_get_table(route) != RT_TABLE_MAIN || rtnl_route_get_type(route) != RTN_UNICAST ||
-                            (destination && nl_addr_get_prefixlen(destination) != 0) || !hop)
+                            (destination && nl_addr_get_prefixlen(destination) != 0))
                           return;
                         const uint32_t metric = rtnl_route_get_priority(route);
                         if (best && metric >= *best) return;
-                        best = metric;
-                        defaultRoute_ = rtnl_route_nh_get_ifindex(hop);
+                        for (int i = 0; i < rtnl_route_get_nnexthops(route); ++i) {
+                          rtnl_nexthop *const hop = rtnl_route_nexthop_n(route, i);
+                          if (rtnl_route_nh_get_flags(hop) & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) continue;
+                          best = metric;
+                          index = rtnl_route_nh_get_ifindex(hop);
+                          return;
+                        }
                       });
+  const Link *link = linkWith([&](const Link &each) { return each.index == index; });
+  return link ? link->name : "";
 }
 
 std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services() {
-  // Built upon wired links, these carry the addresses.
-  static const std::set<std::string> wiredKinds = {"bond", "team", "vlan"};
-  static const std::set<std::string> guestKinds = {"veth", "macvlan", "ipvlan"};
+  // Built upon wired links, these carry the addresses; so do the ports of a switch on the board ("dsa").
+  static const std::set<std::string> wiredKinds = {"bond", "team", "vlan", "dsa"};
+  static const std::set<std::string> guestKinds = {"veth", "macvlan", "ipvlan", "macvtap", "netkit", "tun"};
   std::vector<Service> services;
   bool hasHardware = false;
   std::vector<size_t> guests;
@@ -184,17 +208,17 @@ std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services(
   const std::string machine = firstLine("/etc/machine-id");
   const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   for (const Link &link : links_) {
-    if (link.hardware != ARPHRD_ETHER) continue;
-    Service service{"", link.name, link.alias.empty() ? link.name : link.alias, link.kind};
+    if (link.hardware != ARPHRD_ETHER || !isText(link.name)) continue;
+    Service service{"", link.name, !link.alias.empty() && isText(link.alias) ? link.alias : link.name, link.kind};
     std::string own;
-    if (link.kind.empty()) {
+    if (link.kind.empty() && mayBeHardware(link)) {
       hasHardware = true;
       service.type = deviceType(link);
-      if (service.type.empty()) service.type = ethernet;
+      if (service.type.empty() || service.type == "dsa") service.type = ethernet;
       own = permanentAddress(socket, link.name);
     } else if (wiredKinds.contains(link.kind)) {
       service.type = ethernet;
-    } else if (guestKinds.contains(link.kind) && !link.isMember) {
+    } else if ((link.kind.empty() || guestKinds.contains(link.kind)) && !link.isMember) {
       guests.push_back(services.size());
     }
     const auto identify = [&](const std::string &by) {
@@ -216,7 +240,9 @@ std::optional<std::vector<std::string>> KernelNetworkConfiguration::ipv4Addresse
   const Link *link = linkWith([&](const Link &each) { return each.name == deviceName; });
   if (!link || !(link->flags & IFF_UP) || !(link->flags & IFF_RUNNING)) return std::nullopt;
   const auto found = addresses_.find(link->index);
-  return found == addresses_.end() ? std::vector<std::string>() : found->second;
+  if (found != addresses_.end()) return found->second;
+  if (link->isMember) return std::nullopt;  // its bridge or bond has them
+  return std::vector<std::string>();
 }
 
 }  // namespace

@@ -3,13 +3,19 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <set>
+#include <system_error>
 #include <utility>
 
 #include "platform/LogFormat.h"
 #include "platform/NetworkConfiguration.h"
+#include "platform/RunLoopThread.h"
 
 namespace qelnk {
 
@@ -21,11 +27,12 @@ using Objects = std::map<Path, std::map<std::string, Properties>>;  // what each
 
 const std::string theService = "org.freedesktop.NetworkManager";
 const Path theManager = "/org/freedesktop/NetworkManager";
-constexpr uint64_t longestCall = 2'000'000;  // microseconds
+constexpr std::chrono::seconds longestWait{2};
 
 // Its kinds of devices and states.
-constexpr uint32_t kindEthernet = 1, kindWiFi = 2, kindBond = 10, kindVLAN = 11, kindTeam = 15, kindVeth = 20;
-constexpr uint32_t stateUnmanaged = 10;
+constexpr uint32_t kindEthernet = 1, kindWiFi = 2, kindBond = 10, kindVLAN = 11, kindTeam = 15, kindMacvlan = 18,
+                   kindVeth = 20;
+constexpr uint32_t stateUnmanaged = 10, flagExternal = 0x80;
 
 template <class Type>
 Type property(const Properties &properties, const char *name, Type otherwise = {}) {
@@ -49,9 +56,13 @@ class NetworkManagerConfiguration final : public NetworkConfiguration {
 
   struct Device {
     std::string name;
-    Path activeConnection, ipv4;
-    uint32_t kind, state;
+    Path ipv4;
+    uint32_t kind;
+    std::string identifier, connection;  // of the active one, if any
+    bool isKernels;                      // somebody else has set it up
   };
+  const Device *deviceWith(const std::string &name) const;
+
   const Objects objects_;
   const std::unique_ptr<NetworkConfiguration> kernel_;
   std::vector<Device> devices_;
@@ -61,10 +72,20 @@ NetworkManagerConfiguration::NetworkManagerConfiguration(Objects objects)
     : objects_(std::move(objects)), kernel_(ofKernel()) {
   for (const Path &path : property<std::vector<Path>>(get(theManager, theService), "Devices")) {
     const Properties &device = get(path, theService + ".Device");
-    devices_.push_back({property<std::string>(device, "Interface"), property<Path>(device, "ActiveConnection"),
-                        property<Path>(device, "Ip4Config"), property<uint32_t>(device, "DeviceType"),
-                        property<uint32_t>(device, "State")});
+    const Properties &active = get(property<Path>(device, "ActiveConnection"), theService + ".Connection.Active");
+    // What it found set up when it started has an identifier that ends with it.
+    const bool isKernels = property<uint32_t>(device, "State") == stateUnmanaged ||
+                           (property<uint32_t>(active, "StateFlags") & flagExternal) != 0;
+    devices_.push_back({property<std::string>(device, "Interface"), property<Path>(device, "Ip4Config"),
+                        property<uint32_t>(device, "DeviceType"), property<std::string>(active, "Uuid"),
+                        property<std::string>(active, "Id"), isKernels});
   }
+}
+
+const NetworkManagerConfiguration::Device *NetworkManagerConfiguration::deviceWith(const std::string &name) const {
+  const auto found =
+      std::find_if(devices_.begin(), devices_.end(), [&](const Device &each) { return each.name == name; });
+  return found == devices_.end() ? nullptr : &*found;
 }
 
 const Properties &NetworkManagerConfiguration::get(const Path &path, const std::string &interface) const {
@@ -83,27 +104,25 @@ std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services
   std::vector<Service> services;
   std::optional<std::vector<Service>> ofKernel;
   for (const Device &device : devices_) {
-    if (device.state == stateUnmanaged) {  // somebody else set it up
+    if (device.isKernels) {
       if (!ofKernel) ofKernel = kernel_->services();
       for (const Service &service : *ofKernel)
         if (service.deviceName == device.name) services.push_back(service);
-      continue;
+    } else if (!device.identifier.empty()) {
+      const bool isGuest = device.kind == kindVeth || device.kind == kindMacvlan;
+      const bool isWired = wiredKinds.contains(device.kind) || (isGuest && !hasHardware);
+      services.push_back({device.identifier, device.name, device.connection,
+                          isWired ? ethernet : fmt::format("kind {}", device.kind)});
     }
-    if (isNone(device.activeConnection)) continue;
-    const bool isWired = wiredKinds.contains(device.kind) || (device.kind == kindVeth && !hasHardware);
-    const Properties &active = get(device.activeConnection, theService + ".Connection.Active");
-    services.push_back({property<std::string>(active, "Uuid"), device.name, property<std::string>(active, "Id"),
-                        isWired ? ethernet : fmt::format("kind {}", device.kind)});
   }
   return services;
 }
 
 /// NetworkManager's, in the kernel's order as far as the kernel has them.
 std::optional<std::vector<std::string>> NetworkManagerConfiguration::ipv4Addresses(const std::string &deviceName) {
-  const auto device =
-      std::find_if(devices_.begin(), devices_.end(), [&](const Device &each) { return each.name == deviceName; });
-  if (device == devices_.end()) return std::nullopt;
-  if (device->state == stateUnmanaged) return kernel_->ipv4Addresses(deviceName);
+  const Device *device = deviceWith(deviceName);
+  if (!device) return std::nullopt;
+  if (device->isKernels) return kernel_->ipv4Addresses(deviceName);
   if (isNone(device->ipv4)) return std::nullopt;
   std::vector<std::string> addresses;
   const Properties &config = get(device->ipv4, theService + ".IP4Config");
@@ -118,38 +137,80 @@ std::optional<std::vector<std::string>> NetworkManagerConfiguration::ipv4Address
 }
 
 std::string NetworkManagerConfiguration::primaryInterface() {
+  // It knows its own connections alone.
+  const std::string ofKernel = kernel_->primaryInterface();
+  if (const Device *device = deviceWith(ofKernel); device && device->isKernels) return ofKernel;
   const Path primary = property<Path>(get(theManager, theService), "PrimaryConnection");
-  if (isNone(primary)) return kernel_->primaryInterface();
+  if (isNone(primary)) return ofKernel;
   const auto devices = property<std::vector<Path>>(get(primary, theService + ".Connection.Active"), "Devices");
   return devices.empty() ? "" : property<std::string>(get(devices.front(), theService + ".Device"), "Interface");
 }
 
-}  // namespace
-
-std::unique_ptr<NetworkConfiguration> NetworkConfiguration::ofNetworkManager() {
+/// None where it does not run.
+std::optional<Objects> askForEverything() {
   try {
-    auto connection = sdbus::createSystemBusConnection();
+    const auto connection = sdbus::createSystemBusConnection();
     // Asked first, for the bus would start it where it is installed but not wanted.
     bool runs = false;
-    const auto bus = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-    bus->callMethod("NameHasOwner")
+    sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
+        ->callMethod("NameHasOwner")
         .onInterface("org.freedesktop.DBus")
-        .withTimeout(longestCall)
+        .withTimeout(longestWait)
         .withArguments(theService)
         .storeResultsTo(runs);
-    if (!runs) return nullptr;
+    if (!runs) return std::nullopt;
     // One answer with everything: to ask for each property costs ten times as much.
     Objects objects;
     sdbus::createProxy(*connection, theService, "/org/freedesktop")
         ->callMethod("GetManagedObjects")
         .onInterface("org.freedesktop.DBus.ObjectManager")
-        .withTimeout(longestCall)
+        .withTimeout(longestWait)
         .storeResultsTo(objects);
-    return std::make_unique<NetworkManagerConfiguration>(std::move(objects));
-  } catch (const sdbus::Error &error) {
+    return objects;
+  } catch (const std::exception &error) {
     logDebug("No NetworkManager: {}", error.what());
+    return std::nullopt;
   }
-  return nullptr;
+}
+
+/// What a thread finds out, and whether anybody still waits for it.
+struct Answer {
+  std::mutex mutex;
+  std::condition_variable found;
+  bool isThere = false, isAwaited = true;
+  std::optional<Objects> objects;
+};
+
+}  // namespace
+
+/// On a thread of its own: signals, which the calling thread may get, do not interrupt it, and a bus that lets callers
+/// wait for a minute and a half makes nobody wait longer than said. Nor is it asked again while it does.
+std::unique_ptr<NetworkConfiguration> NetworkConfiguration::ofNetworkManager() {
+  static std::atomic<int> hanging = 0;
+  if (hanging > 0) return nullptr;
+  const auto answer = std::make_shared<Answer>();
+  try {
+    startThread("qelnk-network", [answer] {
+      auto objects = askForEverything();
+      const std::lock_guard lock(answer->mutex);
+      answer->objects = std::move(objects);
+      answer->isThere = true;
+      if (!answer->isAwaited) --hanging;
+      answer->found.notify_one();
+    }).detach();
+  } catch (const std::system_error &failure) {
+    logError("NetworkManager could not be asked: {}", failure.what());
+    return nullptr;
+  }
+  std::unique_lock lock(answer->mutex);
+  if (!answer->found.wait_for(lock, longestWait, [&] { return answer->isThere; })) {
+    answer->isAwaited = false;
+    ++hanging;
+    logError("NetworkManager does not answer, its interfaces are told as the kernel has them");
+    return nullptr;
+  }
+  if (!answer->objects) return nullptr;
+  return std::make_unique<NetworkManagerConfiguration>(std::move(*answer->objects));
 }
 
 }  // namespace qelnk

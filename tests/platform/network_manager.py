@@ -1,9 +1,11 @@
-"""NetworkManager's interface on the system bus, with a wired device, a wireless one and an idle one. Ends with its input.
+"""NetworkManager's interface on the system bus, with a wired device, a wireless one, an idle one and two that others have set
+up: ve0, which it leaves alone, and ve1, which it has found. Ends with its input.
 
-Each line of its input changes something: wifi-primary, no-primary, drop-wired.
+Each line of its input changes something: wifi-primary, no-primary, drop-wired, hang.
 """
 
 import os
+import signal
 import subprocess
 import sys
 import time
@@ -20,13 +22,13 @@ def main():
         bus = dbus.bus.BusConnection(os.environ["DBUS_SYSTEM_BUS_ADDRESS"])
         while not bus.name_has_owner(NAME):
             time.sleep(0.02)
-        serve(bus)
+        serve(bus, mock)
     finally:
-        mock.terminate()
+        mock.kill()
         mock.wait()
 
 
-def serve(bus):
+def serve(bus, mock):
     manager = dbus.Interface(bus.get_object(NAME, ROOT), dbusmock.MOCK_IFACE)
     settings = dbus.Interface(bus.get_object(NAME, ROOT + "/Settings"), NAME + ".Settings")
 
@@ -51,6 +53,11 @@ def serve(bus):
     wireless_connection = manager.AddWiFiConnection(wireless, "wireless", "Backstage", "")
     wireless_active = manager.AddActiveConnection([wireless], wireless_connection, point, "active2", 2)
     give_addresses(wireless, 2, ["192.168.60.9"])
+    manager.AddEthernetDevice("unmanaged", "ve0", 10)
+    found = manager.AddEthernetDevice("found", "ve1", 100)
+    external = manager.AddActiveConnection([found], connection, "/", "active3", 2)
+    dbus.Interface(bus.get_object(NAME, external), dbusmock.MOCK_IFACE).AddProperties(
+        NAME + ".Connection.Active", {"StateFlags": dbus.UInt32(0x80)})
     manager.AddProperties(NAME, {"PrimaryConnection": dbus.ObjectPath(active)})
     for line in sys.stdin:
         if line == "wifi-primary\n":
@@ -59,6 +66,8 @@ def serve(bus):
             manager.SetProperty(ROOT, NAME, "PrimaryConnection", dbus.ObjectPath("/"))
         elif line == "drop-wired\n":
             manager.RemoveActiveConnection(wired, active)
+        elif line == "hang\n":
+            mock.send_signal(signal.SIGSTOP)
 
 
 main()
