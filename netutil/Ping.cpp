@@ -49,7 +49,8 @@ namespace {
 
 constexpr int icmpFilter = 1;  // ICMP_FILTER, whose header does not go with the others
 constexpr int largestDescriptor = 1024;
-constexpr size_t headerSize = 8, ipHeaderSize = 20;
+constexpr int mostPackets = 1024;
+constexpr size_t timeSize = 8, headerSize = 8, ipHeaderSize = 20;
 constexpr auto fullBufferPause = 20ms;
 
 std::mutex publishedMutex;
@@ -164,13 +165,13 @@ constexpr ErrorName errorNames[] = {{ICMP_DEST_UNREACH, ICMP_NET_UNREACH, "Desti
 Ping::Ping(PingOptions options, PingSurroundings surroundings)
     : options_(std::move(options)),
       surroundings_(std::move(surroundings)),
-      isQuery_(options_.has(QELNKPingMask | QELNKPingTime)),
       dataSize_(options_.has(QELNKPingSweep) ? options_.sweepMinimum : options_.dataSize),
       interval_(options_.interval) {
   publish(qelnk_options, options_.flags);
   publish(qelnk_interval, options_.interval);
   publish(qelnk_waittime, options_.waittime);
   destination_ = addressOf(options_.host);
+  if (destination_.sin_addr.s_addr == INADDR_ANY) destination_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);  // who answers
   isMulticast_ = IN_MULTICAST(ntohl(destination_.sin_addr.s_addr));
   if (isMulticast_ && isFlood()) throw PingExit(PingExit::usage, "-f flag cannot be used with multicast destination");
   if (!isMulticast_ && options_.has(QELNKPingMulticastInterface | QELNKPingNoLoopback | QELNKPingMulticastTTL))
@@ -304,6 +305,12 @@ void Ping::filterReplies() {
   while (recv(socket_, &rest, sizeof rest, MSG_DONTWAIT) >= 0) continue;
 }
 
+/// Of what stands before the data in a request that is no echo request.
+size_t Ping::queryLength() const {
+  if (options_.has(QELNKPingTime)) return 12;
+  return options_.has(QELNKPingMask) ? 4 : 0;
+}
+
 uint8_t Ping::replyType() const {
   if (options_.has(QELNKPingMask)) return ICMP_ADDRESSREPLY;
   return options_.has(QELNKPingTime) ? ICMP_TIMESTAMPREPLY : ICMP_ECHOREPLY;
@@ -333,7 +340,9 @@ void Ping::printBanner() const {
 }
 
 Ping::Bytes Ping::request() const {
-  const size_t query = options_.has(QELNKPingTime) ? 12 : options_.has(QELNKPingMask) ? 4 : 0;
+  const size_t query = queryLength();
+  const Sent &sent = sent_[size_t(transmitted_) % remembered];
+  const size_t timeLength = sent.isTimed ? timeSize : 0;
   Bytes bytes(headerSize + query + dataSize_);
   bytes[0] = uint8_t(options_.has(QELNKPingTime)   ? ICMP_TIMESTAMP
                      : options_.has(QELNKPingMask) ? ICMP_ADDRESS
@@ -342,12 +351,11 @@ Ping::Bytes Ping::request() const {
   put(bytes, 6, htons(uint16_t(transmitted_)));
   if (options_.has(QELNKPingTime)) put(bytes, headerSize, htonl(millisecondsOfDay()));
   uint8_t *const data = bytes.data() + headerSize + query;
-  for (size_t i = timingLength(); i < dataSize_; ++i)
-    data[i] = options_.pattern.empty() ? uint8_t(i) : options_.pattern[i % options_.pattern.size()];
-  if (timingLength()) {
-    const Sent &sent = sent_[size_t(transmitted_) % remembered];
-    put(bytes, headerSize, htonl(sent.seconds));
-    put(bytes, headerSize + 4, htonl(sent.microseconds));
+  for (size_t i = timeLength; i < dataSize_; ++i)
+    data[i] = options_.pattern.empty() ? uint8_t(i) : options_.pattern[(i - timeLength) % options_.pattern.size()];
+  if (sent.isTimed) {
+    put(bytes, headerSize + query, htonl(sent.seconds));
+    put(bytes, headerSize + query + 4, htonl(sent.microseconds));
   }
   put(bytes, 2, checksumOf(bytes));
   return bytes;
@@ -356,7 +364,9 @@ Ping::Bytes Ping::request() const {
 void Ping::sendRequest() {
   const timeval time = now();
   const size_t slot = size_t(transmitted_) % remembered;
-  sent_[slot] = {uint32_t(time.tv_sec), uint32_t(time.tv_usec), std::chrono::steady_clock::now()};
+  sent_[slot] = {uint32_t(time.tv_sec), uint32_t(time.tv_usec), dataSize_ >= timeSize,
+                 std::chrono::steady_clock::now()};
+  isTiming_ |= sent_[slot].isTimed;
   seen_.reset(slot);
   Bytes bytes = request();
   const size_t size = bytes.size();
@@ -367,7 +377,10 @@ void Ping::sendRequest() {
     header.ip_tos = options_.typeOfService;
     header.ip_len = htons(uint16_t(ipHeaderSize + size));
     header.ip_off = htons(IP_DF);
-    header.ip_ttl = options_.has(QELNKPingTTL) ? options_.ttl : uint8_t(MAXTTL);
+    if (isMulticast_)
+      header.ip_ttl = options_.has(QELNKPingMulticastTTL) ? options_.multicastTTL : 1;
+    else
+      header.ip_ttl = options_.has(QELNKPingTTL) ? options_.ttl : uint8_t(MAXTTL);
     header.ip_p = IPPROTO_ICMP;
     header.ip_dst = destination_.sin_addr;
     const auto *begin = reinterpret_cast<const uint8_t *>(&header);
@@ -379,9 +392,13 @@ void Ping::sendRequest() {
                   sizeof destination_);
   };
   ssize_t count = send();
-  if (count < 0 && isConnected_) {  // perhaps the own address has changed, which connecting has fixed
-    setUp();
-    count = send();
+  if (count < 0 && isConnected_) {  // perhaps because the own address has changed, which connecting has fixed
+    try {
+      setUp();
+      count = send();
+    } catch (const PingExit &failure) {
+      warn(failure.what());
+    }
   }
   if (count < 0 && errno == ENOBUFS && isFlood()) {
     std::this_thread::sleep_for(fullBufferPause);
@@ -393,9 +410,8 @@ void Ping::sendRequest() {
     warn(fmt::format("{}: partial write: {} of {} bytes", options_.host, count, bytes.size()));
   publish(qelnk_ntransmitted, ++transmitted_);
   if (options_.has(QELNKPingSweep)) {
-    dataSize_ += options_.sweepIncrement;
-    isSwept_ = dataSize_ > options_.sweepMaximum;
-    if (isSwept_) dataSize_ = options_.sweepMinimum;
+    isSwept_ = options_.sweepIncrement > options_.sweepMaximum - dataSize_;
+    dataSize_ = isSwept_ ? options_.sweepMinimum : dataSize_ + options_.sweepIncrement;
   }
   if (isFlood() && !options_.has(QELNKPingQuiet)) print(".");
 }
@@ -473,13 +489,14 @@ bool Ping::handleReply(Span message, const sockaddr_in &from, int ttl, timeval a
   const auto age = uint16_t(uint16_t(transmitted_ - 1) - sequence);
   if (transmitted_ == 0 || age >= std::min<int64_t>(transmitted_, remembered)) return false;
   const size_t slot = sequence % remembered;
+  const Sent &sent = sent_[slot];
   double time = 0;
-  const bool isTimed = timingLength() && message.size() >= headerSize + timingLength();
-  if (timingLength() && !isTimed) return false;  // cut off
-  if (isTimed) {
-    const Sent &sent = sent_[slot];
-    if (ntohl(take<uint32_t>(message, headerSize)) != sent.seconds ||
-        ntohl(take<uint32_t>(message, headerSize + 4)) != sent.microseconds)
+  if (sent.isTimed) {
+    const size_t place = headerSize + queryLength();
+    const bool bearsTime = message.size() >= place + timeSize;
+    if (!bearsTime && queryLength() == 0) return false;  // cut off; but nobody echoes what is in the other requests
+    if (bearsTime && (ntohl(take<uint32_t>(message, place)) != sent.seconds ||
+                      ntohl(take<uint32_t>(message, place + 4)) != sent.microseconds))
       return false;
     time = double(int64_t(at.tv_sec) - int64_t(sent.seconds)) * 1000 +
            double(int64_t(at.tv_usec) - int64_t(sent.microseconds)) / 1000;
@@ -498,7 +515,7 @@ bool Ping::handleReply(Span message, const sockaddr_in &from, int ttl, timeval a
   else
     publish(qelnk_nreceived, ++received_);
   surroundings_.replied();
-  if (isTimed) {
+  if (sent.isTimed) {
     sum_ += time;
     sumOfSquares_ += time * time;
     shortest_ = std::min(shortest_, time);
@@ -510,7 +527,7 @@ bool Ping::handleReply(Span message, const sockaddr_in &from, int ttl, timeval a
     if (time > qelnk_tmax) publish(qelnk_tmax, time);
   }
   if (surroundings_.print && !options_.has(QELNKPingQuiet))
-    printReply(message, from, sequence, ttl, isTimed ? std::optional(time) : std::nullopt, isDuplicate, ipOptions);
+    printReply(message, from, sequence, ttl, sent.isTimed ? std::optional(time) : std::nullopt, isDuplicate, ipOptions);
   return !isDuplicate;
 }
 
@@ -569,7 +586,7 @@ void Ping::handleError(Span message, const sockaddr_in &from) const {
 void Ping::printStatus() const {
   std::string text = fmt::format("\r{}/{} packets received ({:.1f}%)", received_, transmitted_,
                                  transmitted_ ? double(received_) * 100 / double(transmitted_) : 0.0);
-  if (received_ && timingLength())
+  if (received_ && isTiming_)
     text += fmt::format(" {:.3f} min / {:.3f} avg / {:.3f} max", shortest_, sum_ / double(received_ + duplicates_),
                         longest_);
   printError(text + '\n');
@@ -595,6 +612,7 @@ bool Ping::waitForReply() {
   const auto deadline = std::chrono::steady_clock::now() + 2s + std::chrono::microseconds(microseconds);
   const bool answered = waitForAnswer(deadline);
   if (isInterrupted_) return false;
+  if (isDone()) return false;
   if (!answered || isFlood()) {
     if ((options_.count == 0 || transmitted_ < options_.count) && !isSwept_) {
       sendRequest();
@@ -609,11 +627,17 @@ bool Ping::waitForReply() {
   return false;
 }
 
-/// Whether a request is answered before the deadline, which nothing else that arrives puts off.
+/// Whether every reply that was asked for has come.
+bool Ping::isDone() const {
+  return (options_.has(QELNKPingOnce) && received_ > 0) || (options_.count && received_ >= options_.count);
+}
+
+/// Whether a request is answered before the deadline, which nothing else that arrives puts off, however much it is.
 bool Ping::waitForAnswer(std::chrono::steady_clock::time_point deadline) {
   isInterrupted_ = false;
-  for (;;) {
+  for (int packets = 0;;) {
     const auto left = std::max(deadline - std::chrono::steady_clock::now(), 0ns);
+    if (left == 0ns && ++packets > mostPackets) return false;
     const timespec limit{left / 1s, (left % 1s).count()};
     pollfd ready{socket_, POLLIN, 0};
     const int count = ppoll(&ready, 1, &limit, nullptr);
@@ -647,7 +671,7 @@ int32_t Ping::run() {
       publish(qelnk_nreceived, 0);
       return QELNK_PING_ESCAPE;
     }
-    if (options_.has(QELNKPingOnce) && received_ > 0) break;
+    if (isDone()) break;
   }
   finish();
 }
@@ -665,7 +689,7 @@ void Ping::finish() {
   }
   if (late_) text += fmt::format(", {} packets out of wait time", late_);
   text += '\n';
-  if (received_ && timingLength()) {
+  if (received_ && isTiming_) {
     const double count = double(received_ + duplicates_), average = sum_ / count;
     const double variance = std::max(0.0, sumOfSquares_ / count - average * average);
     text += fmt::format("round-trip min/avg/max/stddev = {:.3f}/{:.3f}/{:.3f}/{:.3f} ms\n", shortest_, average,

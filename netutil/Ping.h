@@ -73,19 +73,20 @@ class Ping {
   void printStatus() const;
   [[noreturn]] void finish();
   std::string nameOf(const in_addr &address) const;
-  size_t timingLength() const { return dataSize_ >= 8 && !isQuery_ ? 8 : 0; }
+  size_t queryLength() const;
+  bool isDone() const;
   bool isFlood() const;
   bool buildsHeader() const;
 
   struct Sent {                              // of the last requests, by sequence number
-    uint32_t seconds = 0, microseconds = 0;  // of the day's time, as the request bears them
+    uint32_t seconds = 0, microseconds = 0;  // of the day's time, as the request bears them if it is long enough
+    bool isTimed = false;
     std::chrono::steady_clock::time_point at;
   };
   static constexpr size_t remembered = 1024;
 
   const PingOptions options_;
   const PingSurroundings surroundings_;
-  const bool isQuery_;  // a mask or timestamp request
   sockaddr_in destination_{};
   bool isMulticast_ = false;
   int socket_ = -1;
@@ -98,7 +99,7 @@ class Ping {
   std::bitset<remembered> seen_;
   std::vector<Sent> sent_{remembered};
   timeval lastSend_{};
-  bool isAlmostDone_ = false, isSwept_ = false, isInterrupted_ = false;
+  bool isAlmostDone_ = false, isSwept_ = false, isInterrupted_ = false, isTiming_ = false;
 };
 
 }  // namespace qelnk

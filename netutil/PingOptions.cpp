@@ -4,10 +4,9 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
-#include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <climits>
-#include <cmath>
 #include <cstdlib>
 #include <string_view>
 #include <system_error>
@@ -46,22 +45,18 @@ int64_t number(const char *what, const std::string &text, int64_t lowest, int64_
 }
 
 std::vector<uint8_t> patternOf(const std::string &text) {
+  if (text.empty() || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+    throw PingExit(PingExit::usage, "patterns must be specified as hex digits");
   std::vector<uint8_t> pattern;
-  for (size_t at = 0; at < text.size() && pattern.size() < longestPattern; at += 2) {
-    const std::string digits = text.substr(at, 2);
-    for (const char c : digits)
-      if (!std::isxdigit(static_cast<unsigned char>(c)))
-        throw PingExit(PingExit::usage, "patterns must be specified as hex digits");
-    pattern.push_back(uint8_t(std::stoul(digits, nullptr, 16)));
-  }
-  if (pattern.empty()) throw PingExit(PingExit::usage, "patterns must be specified as hex digits");
+  for (size_t at = 0; at < text.size() && pattern.size() < longestPattern; at += 2)
+    pattern.push_back(uint8_t(std::stoul(text.substr(at, 2), nullptr, 16)));
   return pattern;
 }
 
 }  // namespace
 
-PingExit PingExit::withUsage(const std::string &before) {
-  PingExit exit(usage, before + usageText);
+PingExit PingExit::ofUsage() {
+  PingExit exit(usage, usageText);
   exit.isUsage_ = true;
   return exit;
 }
@@ -101,7 +96,7 @@ PingOptions PingOptions::parse(const std::vector<std::string> &arguments, bool i
         swept = true;
         return;
       case 'h':
-        result.sweepIncrement = uint32_t(number("invalid increment size", value, 1, largestData));
+        result.sweepIncrement = uint32_t(number("invalid increment size", value, 1, INT_MAX));
         swept = true;
         return;
       case 'I':
@@ -109,9 +104,9 @@ PingOptions PingOptions::parse(const std::vector<std::string> &arguments, bool i
           refuse("invalid multicast interface", value);
         return set(QELNKPingMulticastInterface);
       case 'i': {
-        char *end = nullptr;
-        const double seconds = std::strtod(value.c_str(), &end);
-        if (value.empty() || *end || !(seconds > 0) || seconds * 1000 > INT_MAX)
+        double seconds = 0;
+        const auto [end, failure] = std::from_chars(value.data(), value.data() + value.size(), seconds);
+        if (failure != std::errc() || end != value.data() + value.size() || !(seconds > 0) || seconds * 1000 > INT_MAX)
           refuse("invalid timing interval", value);
         result.interval = int32_t(seconds * 1000);
         if (result.interval < 1000 && !isRoot)
@@ -157,7 +152,7 @@ PingOptions PingOptions::parse(const std::vector<std::string> &arguments, bool i
         result.multicastTTL = uint8_t(number("invalid multicast TTL", value, 0, 255));
         return set(QELNKPingMulticastTTL);
       case 't':
-        result.timeout = int32_t(number("invalid timeout", value, 1, INT_MAX));
+        result.timeout = number("invalid timeout", value, 1, LLONG_MAX);
         if (result.timeout > longestTimeout)
           throw PingExit(PingExit::usage, fmt::format("invalid timeout: `{}' > {}", value, longestTimeout));
         return;
@@ -181,20 +176,18 @@ PingOptions PingOptions::parse(const std::vector<std::string> &arguments, bool i
     for (size_t letter = 1; letter < arguments[at].size(); ++letter) {
       const char option = arguments[at][letter];
       const size_t known = option == ':' ? std::string_view::npos : theOptions.find(option);
-      if (known == std::string_view::npos)
-        throw PingExit::withUsage(fmt::format("ping: invalid option -- '{}'\n", option));
+      if (known == std::string_view::npos) throw PingExit::ofUsage();
       if (known + 1 == theOptions.size() || theOptions[known + 1] != ':') {
         take(option, "");
         continue;
       }
       std::string value = arguments[at].substr(letter + 1);
-      if (value.empty() && ++at == arguments.size())
-        throw PingExit::withUsage(fmt::format("ping: option requires an argument -- '{}'\n", option));
+      if (value.empty() && ++at == arguments.size()) throw PingExit::ofUsage();
       take(option, value.empty() ? arguments[at] : value);
       break;
     }
   }
-  if (arguments.size() != at + 1) throw PingExit::withUsage();
+  if (arguments.size() != at + 1) throw PingExit::ofUsage();
   result.host = arguments[at];
 
   const auto refuseWhen = [](bool condition, const char *text) {

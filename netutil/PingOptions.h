@@ -17,8 +17,7 @@ class PingExit : public std::runtime_error {
   static constexpr int other = 1, usage = 64, unknownHost = 68, system = 71, permission = 77;
 
   PingExit(int code, const std::string &text) : std::runtime_error(text), code_(code) {}
-  /// The usage text, with `before` above it.
-  static PingExit withUsage(const std::string &before = "");
+  static PingExit ofUsage();
   /// A system call that failed, by errno.
   static PingExit ofCall(const std::string &call);
 
@@ -44,7 +43,7 @@ struct PingOptions {
   int32_t interval = 1000;  // milliseconds
   int32_t waittime = 10000;
   int64_t preload = 0;
-  int32_t timeout = 0;  // seconds; 0: none
+  int64_t timeout = 0;  // seconds; 0: none
   uint32_t dataSize = 56;
   uint32_t sweepMinimum = 0, sweepMaximum = 0, sweepIncrement = 1;
   uint8_t ttl = 0, multicastTTL = 0, typeOfService = 0;

@@ -37,6 +37,9 @@ bool pingUntilMissed(const std::string &address, bool prints, const std::functio
       };
     Ping ping(PingOptions::parse({"", "-i", "2", address}, geteuid() == 0), surroundings);
     return ping.run() == QELNK_PING_ESCAPE;
+  } catch (const PingExit &exit) {
+    reason = exit.isUsage() ? "that is no address" : exit.what();
+    return false;
   } catch (const std::exception &failure) {
     reason = failure.what();
     return false;
@@ -55,21 +58,23 @@ void QELNKPingleton::setPrintsPings(bool prints) {
   printsPings_ = prints;
 }
 
-bool QELNKPingleton::printsPings() const {
-  const std::lock_guard lock(mutex_);
-  return printsPings_;
-}
+/// From the start of a watch until it is told of or given up. Further watches of the address share it; one that is
+/// started after has another, so that nobody is told of a reply that was missed before.
+struct QELNKPingleton::Watched {
+  std::weak_ptr<QELNKPingletonDelegate> observer;
+};
 
-bool QELNKPingleton::isAwaited(const std::string &address) const {
-  const std::lock_guard lock(mutex_);
-  const auto found = observers_.find(address);
-  return found != observers_.end() && !found->second.expired();
+bool QELNKPingleton::isAwaited(const std::string &address, const std::shared_ptr<Watched> &watched) const {
+  const auto found = watched_.find(address);
+  return found != watched_.end() && found->second == watched && !watched->observer.expired();
 }
 
 void QELNKPingleton::startWatchingIP(const std::string &address, std::weak_ptr<QELNKPingletonDelegate> observer) {
   {
     const std::lock_guard lock(mutex_);
-    observers_[address].swap(observer);
+    auto &watched = watched_[address];
+    if (!watched) watched = std::make_shared<Watched>();
+    watched->observer.swap(observer);
   }
   try {
     qelnk::startThread("qelnk-ping", [self = shared_from_this(), address] { self->volumeStayAlive(address); }).detach();
@@ -80,22 +85,32 @@ void QELNKPingleton::startWatchingIP(const std::string &address, std::weak_ptr<Q
 
 void QELNKPingleton::volumeStayAlive(const std::string &address) {
   logDefault("Ping Thread starts!");
-  const auto isOver = [&] { return !isAwaited(address); };
-  std::string reason, told;
-  while (!isOver() && !pingUntilMissed(address, printsPings(), isOver, reason)) {
-    if (reason.empty()) continue;
-    if (reason != std::exchange(told, reason)) logError("QELNKPingleton cannot ping {}: {}", address, reason);
-    std::this_thread::sleep_for(pauseAfterFailure);
-  }
-  logDefault("Out of Ping loop!!!");
+  std::unique_lock lock(mutex_);
+  const auto found = watched_.find(address);
+  const auto watched = found == watched_.end() ? nullptr : found->second;
+  const bool prints = printsPings_;
+  const auto isOver = [&] {
+    const std::lock_guard inner(mutex_);
+    return !isAwaited(address, watched);
+  };
   std::shared_ptr<QELNKPingletonDelegate> observer;
-  {
-    const std::lock_guard lock(mutex_);
-    if (const auto found = observers_.find(address); found != observers_.end()) {
-      observer = found->second.lock();
-      observers_.erase(found);
+  std::string reason, told;
+  bool isMissed = false;
+  while (!isMissed && isAwaited(address, watched)) {
+    lock.unlock();
+    isMissed = pingUntilMissed(address, prints, isOver, reason);
+    if (!reason.empty()) {
+      if (reason != std::exchange(told, reason)) logError("QELNKPingleton cannot ping {}: {}", address, reason);
+      std::this_thread::sleep_for(pauseAfterFailure);
     }
+    lock.lock();
   }
+  if (const auto at = watched_.find(address); at != watched_.end() && at->second == watched) {
+    observer = watched->observer.lock();
+    watched_.erase(at);
+  }
+  lock.unlock();
+  logDefault("Out of Ping loop!!!");
   if (observer) qelnk::runGuarded("QELNKPingleton observer", [&] { observer->pingleton(shared_from_this(), address); });
   logDefault("Ping Thread dies!");
 }

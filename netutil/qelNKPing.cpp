@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <mutex>
 
 #include "netutil/Ping.h"
@@ -26,24 +27,26 @@ void onFinish(int signal) {
 void onStatus(int) { statusAsked = true; }
 
 /// What signals mean while runs are under way; what they meant before comes back with the last one's end, unless that
-/// is the end of the process.
+/// is the end of the process. A run that is told to finish but escapes leaves that to the next one.
 class Signals {
  public:
-  Signals() {
+  explicit Signals(unsigned timeout) : timeout_(timeout) {
     const std::lock_guard lock(mutex);
-    if (runs++ > 0) return;
-    finishing = statusAsked = false;
-    for (size_t i = 0; i < 3; ++i) {
-      struct sigaction action {};
-      action.sa_handler = numbers[i] == SIGQUIT ? onStatus : onFinish;
-      sigaction(numbers[i], &action, &before[i]);
-    }
+    if (runs++ == 0)
+      for (size_t i = 0; i < std::size(numbers); ++i) {
+        struct sigaction action {};
+        action.sa_handler = numbers[i] == SIGQUIT ? onStatus : onFinish;
+        action.sa_flags = SA_RESTART;
+        sigaction(numbers[i], &action, &before[i]);
+      }
+    if (timeout_) alarm(timeout_);
   }
   ~Signals() {
     const std::lock_guard lock(mutex);
-    if (--runs > 0 || atEnd) return;
-    alarm(0);
-    for (size_t i = 0; i < 3; ++i) sigaction(numbers[i], &before[i], nullptr);
+    if (atEnd) return;
+    if (timeout_) alarm(0);
+    if (--runs == 0)
+      for (size_t i = 0; i < std::size(numbers); ++i) sigaction(numbers[i], &before[i], nullptr);
   }
   Signals(const Signals &) = delete;
   Signals &operator=(const Signals &) = delete;
@@ -60,7 +63,9 @@ class Signals {
   static inline std::mutex mutex;
   static inline int runs = 0;
   static inline bool atEnd = false;
-  static inline struct sigaction before[3];
+  static inline struct sigaction before[std::size(numbers)];
+
+  const unsigned timeout_;  // seconds
 };
 
 void printTo(FILE *stream, std::string_view text) {
@@ -68,11 +73,23 @@ void printTo(FILE *stream, std::string_view text) {
   std::fflush(stream);
 }
 
+/// Two runs that end at once must not both run what is to be done at exit: the second waits for the end.
+[[noreturn]] void endProcess(int code, std::string_view text) {
+  static auto &once = *new std::mutex;
+  once.lock();
+  printTo(stderr, text);
+  std::exit(code);
+}
+
 }  // namespace
 
 int32_t qelNKPing(int argc, char *const argv[]) {
+  const auto behindName = [](const char *text) {
+    return std::string(program_invocation_short_name) + ": " + text + '\n';
+  };
   try {
-    const auto options = PingOptions::parse({argv, argv + argc}, geteuid() == 0);
+    // What only root may do is for those who are, not for whoever starts a program that has its rights.
+    const auto options = PingOptions::parse({argv, argv + argc}, getuid() == 0);
     endsAtSecondSignal = !options.has(QELNKPingNumeric);
     qelnk::PingSurroundings surroundings;
     surroundings.isTool = true;
@@ -82,19 +99,12 @@ int32_t qelNKPing(int argc, char *const argv[]) {
     surroundings.takeStatusRequest = [] { return statusAsked.exchange(false); };
     surroundings.willFinish = Signals::ignore;
     surroundings.replied = [] { hasReply = true; };
-    hasReply = false;
+    const Signals signals{unsigned(options.timeout)};
     Ping ping(options, surroundings);
-    const Signals signals;
-    if (options.timeout) alarm(unsigned(options.timeout));
     return ping.run();
   } catch (const PingExit &exit) {
-    if (exit.isUsage())
-      printTo(stderr, exit.what());
-    else if (*exit.what())
-      printTo(stderr, std::string(program_invocation_short_name) + ": " + exit.what() + '\n');
-    std::exit(exit.code());
+    endProcess(exit.code(), exit.isUsage() || !*exit.what() ? exit.what() : behindName(exit.what()));
   } catch (const std::exception &failure) {
-    printTo(stderr, std::string(program_invocation_short_name) + ": " + failure.what() + '\n');
-    std::exit(PingExit::system);
+    endProcess(PingExit::system, behindName(failure.what()));
   }
 }

@@ -37,7 +37,8 @@ class QELNK_EXPORT QELNKPingleton : public std::enable_shared_from_this<QELNKPin
   /// the one that misses a reply first tells it.
   void startWatchingIP(const std::string &address, std::weak_ptr<QELNKPingletonDelegate> observer);
 
-  /// Whether the pings print to standard output what qelNKPing() prints; they do not at first.
+  /// Whether the pings of the watches that are started from now on print what qelNKPing() prints to standard output;
+  /// they do not at first.
   void setPrintsPings(bool prints);
 
  protected:
@@ -45,10 +46,10 @@ class QELNK_EXPORT QELNKPingleton : public std::enable_shared_from_this<QELNKPin
   void volumeStayAlive(const std::string &address);
 
  private:
-  bool printsPings() const;
-  bool isAwaited(const std::string &address) const;
+  struct Watched;
+  bool isAwaited(const std::string &address, const std::shared_ptr<Watched> &watched) const;
 
   mutable std::mutex mutex_;  // guards the rest
-  std::map<std::string, std::weak_ptr<QELNKPingletonDelegate>> observers_;
+  std::map<std::string, std::shared_ptr<Watched>> watched_;
   bool printsPings_ = false;
 };

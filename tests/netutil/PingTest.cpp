@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -76,8 +77,9 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{{"-M", "m", "-M", "t"}, 64, "ICMP_TSTAMP and ICMP_MASKREQ are exclusive."},
         Mistake{{"-m", "256"}, 64, "invalid TTL: `256'"}, Mistake{{"-T", "256"}, 64, "invalid multicast TTL: `256'"},
         Mistake{{"-p", "0g"}, 64, "patterns must be specified as hex digits"},
+        Mistake{{"-p", "00112233445566778899aabbccddeeffx"}, 64, "patterns must be specified as hex digits"},
         Mistake{{"-s", "65536"}, 64, "invalid packet size: `65536'"}, Mistake{{"-t", "0"}, 64, "invalid timeout: `0'"},
-        Mistake{{"-t", "3601"}, 64, "invalid timeout: `3601' > 3600"},
+        Mistake{{"-t", "99999999999"}, 64, "invalid timeout: `99999999999' > 3600"},
         Mistake{{"-W", "2147483648"}, 64, "invalid timing interval: `2147483648'"},
         Mistake{{"-z", "256"}, 64, "invalid TOS: `256'"}));
 
@@ -96,6 +98,7 @@ TEST(PingOptions, ReadsALineOfManyOptions) {
       ADD_FAILURE() << "was taken";
     } catch (const PingExit &exit) {
       EXPECT_EQ(exit.code(), 64);
+      EXPECT_TRUE(exit.isUsage());
       EXPECT_TRUE(std::string_view(exit.what())
                       .ends_with("       ping [-AaDdfLnoQqRrv] [-c count] [-I iface] [-i wait] [-l preload]\n"
                                  "            [-M mask | time] [-m ttl] [-p pattern] [-S src_addr]\n"
@@ -166,7 +169,7 @@ class Answerer {
     Bytes bytes;
     const char *from = "127.0.0.1";
   };
-  using Handler = std::function<std::vector<Answer>(const Bytes &request)>;
+  using Handler = std::function<std::vector<Answer>(const Bytes &request, const Bytes &packet)>;
 
   explicit Answerer(Handler handler) : handler_(std::move(handler)) {
     answerPings(false);
@@ -188,12 +191,14 @@ class Answerer {
       Bytes packet(2000);
       packet.resize(size_t(recv(socket_, packet.data(), packet.size(), 0)));
       if (packet[20] != 8) continue;
-      for (const Answer &answer : handler_({packet.begin() + 20, packet.end()})) send(answer);
+      for (const Answer &answer : handler_({packet.begin() + 20, packet.end()}, packet))
+        send(answer, {packet.begin() + 12, packet.begin() + 16});
     }
   }
-  void send(const Answer &answer) const {
+  void send(const Answer &answer, const Bytes &asker) const {
     const int sender = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
-    sockaddr_in from{AF_INET, 0, {inet_addr(answer.from)}, {}}, to{AF_INET, 0, {inet_addr("127.0.0.1")}, {}};
+    sockaddr_in from{AF_INET, 0, {inet_addr(answer.from)}, {}}, to{AF_INET, 0, {}, {}};
+    std::memcpy(&to.sin_addr, asker.data(), asker.size());
     EXPECT_EQ(bind(sender, reinterpret_cast<sockaddr *>(&from), sizeof from), 0);
     EXPECT_EQ(sendto(sender, answer.bytes.data(), answer.bytes.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to),
               ssize_t(answer.bytes.size()));
@@ -227,9 +232,10 @@ class PingRun : public testing::Test {
 TEST_F(PingRun, CountsItsOwnRepliesAlone) {
   onLoopback([] {
     Bytes request;
-    const Answerer answerer([&](const Bytes &bytes) -> std::vector<Answerer::Answer> {
-      request = bytes;
+    const Answerer answerer([&](const Bytes &bytes, const Bytes &) -> std::vector<Answerer::Answer> {
       const Bytes reply = replyTo(bytes);
+      if (!request.empty()) return {{reply}};
+      request = bytes;
       Bytes corrupted = reply;
       corrupted[30] ^= 1;
       return {{corrupted},
@@ -242,17 +248,18 @@ TEST_F(PingRun, CountsItsOwnRepliesAlone) {
               {reply},
               {reply}};
     });
-    const Outcome run({"-c", "1", "-s", "56", "127.0.0.1"});
+    const Outcome run({"-c", "2", "-s", "56", "127.0.0.1"});
     EXPECT_EQ(run.code, 0);
     EXPECT_TRUE(
         run.printed("PING 127.0.0.1 (127.0.0.1): 56 data bytes\nintvl 1.0\n64 bytes from 127.0.0.1: icmp_seq=0 "
                     "ttl=64 time="))
         << run.output;
+    EXPECT_TRUE(run.printed(" (DUP!)\n64 bytes from 127.0.0.1: icmp_seq=1 ttl=64 time=")) << run.output;
     EXPECT_TRUE(
-        run.printed(" (DUP!)\n\n--- 127.0.0.1 ping statistics ---\n1 packets transmitted, 1 packets received, "
+        run.printed("\n\n--- 127.0.0.1 ping statistics ---\n2 packets transmitted, 2 packets received, "
                     "+1 duplicates, 0.0% packet loss\nround-trip min/avg/max/stddev = "))
         << run.output;
-    EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 8) << run.output;
+    EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 9) << run.output;
     ASSERT_EQ(request.size(), 64u);
     EXPECT_EQ(checksum(request), 0);
     EXPECT_EQ(Bytes(request.begin(), request.begin() + 2), (Bytes{8, 0}));
@@ -273,7 +280,6 @@ TEST_F(PingRun, EscapesOnceAReplyIsMissed) {
     EXPECT_EQ(missed.output, "PING 127.0.0.1 (127.0.0.1): 56 data bytes\nintvl 2.0\n\aESCAPE!\n");
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, 2s);
-    EXPECT_LT(took, 4s);
     EXPECT_EQ(ntransmitted, 0);
 
     PingSurroundings twoSends;  // quiet ones go on
@@ -288,6 +294,20 @@ TEST_F(PingRun, EscapesOnceAReplyIsMissed) {
     const Outcome noRoute({"192.0.2.1"});
     EXPECT_EQ(noRoute.result, QELNK_PING_ESCAPE);
     EXPECT_TRUE(noRoute.errors.find("sendto: Network is unreachable") != std::string::npos) << noRoute.errors;
+  });
+}
+
+TEST_F(PingRun, CountsLateRepliesApart) {
+  onLoopback([] {
+    const Answerer answerer([](const Bytes &bytes, const Bytes &) -> std::vector<Answerer::Answer> {
+      std::this_thread::sleep_for(20ms);
+      return {{replyTo(bytes)}};
+    });
+    const Outcome run({"-q", "-c", "1", "-W", "1", "127.0.0.1"});
+    EXPECT_EQ(run.code, 2);
+    EXPECT_TRUE(
+        run.printed("\n1 packets transmitted, 0 packets received, 100.0% packet loss, 1 packets out of wait time\n"))
+        << run.output;
   });
 }
 
@@ -323,15 +343,50 @@ TEST_F(PingRun, NeedsNoPrivileges) {
 
 TEST_F(PingRun, SendsWhatTheOptionsSay) {
   onLoopback([] {
-    EXPECT_TRUE(Outcome({"-o", "-M", "t", "127.0.0.1"}).printed("20 bytes from 127.0.0.1: icmp_seq=0 ttl=64\n"));
+    std::mutex mutex;
+    std::vector<Bytes> packets;  // with their IP headers
+    const Answerer answerer([&](const Bytes &request, const Bytes &packet) -> std::vector<Answerer::Answer> {
+      const std::lock_guard lock(mutex);
+      packets.push_back(packet);
+      return {{replyTo(request)}};
+    });
+    const auto sent = [&](Words words) {
+      {
+        const std::lock_guard lock(mutex);
+        packets.clear();
+      }
+      words.push_back("127.0.0.1");
+      const Outcome outcome(words);
+      EXPECT_EQ(outcome.code, 0) << outcome.end << outcome.output;
+      const std::lock_guard lock(mutex);
+      return packets;
+    };
+    constexpr size_t flags = 6, tos = 1, ttl = 8, source = 15, data = 28;
+    const Bytes plain = sent({"-o", "-z", "16", "-m", "7", "-p", "0aff1", "-s", "14"}).at(0);
+    EXPECT_EQ(plain[tos], 16);
+    EXPECT_EQ(plain[ttl], 7);
+    EXPECT_EQ(Bytes(plain.begin() + data + 8, plain.end()), (Bytes{0x0A, 0xFF, 0x01, 0x0A, 0xFF, 0x01}));
+    const Bytes built = sent({"-o", "-D", "-b", "lo", "-S", "127.0.0.3", "-z", "16", "-m", "7", "-s", "3"}).at(0);
+    EXPECT_EQ(built[flags], 0x40);
+    EXPECT_EQ(built[tos], 16);
+    EXPECT_EQ(built[ttl], 7);
+    EXPECT_EQ(built[source], 3);
+    EXPECT_EQ(Bytes(built.begin() + data, built.end()), (Bytes{0, 1, 2}));
+    EXPECT_EQ(checksum(Bytes(built.begin(), built.begin() + 20)), 0);
+    std::vector<size_t> sizes;
+    for (const Bytes &packet : sent({"-c", "5", "-l", "5", "-G", "58", "-g", "56"}))
+      sizes.push_back(packet.size() - data);
+    EXPECT_EQ(sizes, (std::vector<size_t>{56, 57, 58, 56, 57}));
+
+    answerPings(true);
     EXPECT_TRUE(Outcome({"-o", "-R", "127.0.0.1"}).printed("RR: \t"));
-    EXPECT_TRUE(Outcome({"-o", "-D", "-b", "lo", "-S", "127.0.0.3", "-p", "ff", "-s", "3", "-a", "127.0.0.1"})
-                    .printed("11 bytes from 127.0.0.1: icmp_seq=0 ttl=64\a\n"));
-    const Outcome sweep({"-l", "9", "-G", "58", "-g", "56", "-o", "127.0.0.1"});
-    EXPECT_TRUE(sweep.printed("PING 127.0.0.1 (127.0.0.1): (56 ... 58) data bytes\n")) << sweep.output;
+    EXPECT_TRUE(Outcome({"-o", "-a", "0.0.0.0"}).printed("\a\n"));
     EXPECT_EQ(Outcome({"-b", "none", "127.0.0.1"}).end, "bad interface name");
     EXPECT_EQ(Outcome({"-L", "127.0.0.1"}).end, "-I, -L, -T flags cannot be used with unicast destination");
     EXPECT_EQ(Outcome({"-f", "224.0.0.1"}).end, "-f flag cannot be used with multicast destination");
     EXPECT_TRUE(Outcome({"nobody.invalid"}).end.starts_with("cannot resolve nobody.invalid: "));
+  });
+  onLoopback([] {  // which the system answers
+    EXPECT_TRUE(Outcome({"-o", "-M", "t", "127.0.0.1"}).printed("20 bytes from 127.0.0.1: icmp_seq=0 ttl=64 time="));
   });
 }

@@ -2,7 +2,8 @@
 #include <QELNetworkKit/RunLoop.h>
 #include <arpa/inet.h>
 
-#include <set>
+#include <algorithm>
+#include <vector>
 
 #include "Command.h"
 
@@ -34,10 +35,12 @@ class Watcher : public QELNKPingletonDelegate {
 };
 
 Exit watch(Invocation &invocation) {
-  const std::set<std::string> addresses(invocation.arguments.words().begin(), invocation.arguments.words().end());
-  for (const std::string &address : addresses)
+  std::vector<std::string> addresses;  // each once
+  for (const std::string &address : invocation.arguments.words()) {
     if (in_addr number; inet_pton(AF_INET, address.c_str(), &number) != 1)
       throw Failure(Exit::usage, "watch: " + address + " is no IPv4 address");
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) addresses.push_back(address);
+  }
   const auto watcher = std::make_shared<Watcher>(invocation.output);
   for (const std::string &address : addresses) {
     watcher->print("watching", address);

@@ -112,15 +112,20 @@ Exit run(std::vector<std::string> words, std::string &context) {
   }
   const Command &command = takeCommand(words, place);
   context = "qelnk " + std::string(command.name);
-  if (command.runWords) return command.runWords({words.begin() + ptrdiff_t(place), words.end()});
+  std::vector<std::string> own;  // words of one that has a command line of its own
+  if (command.runWords) {
+    own.assign(words.begin() + ptrdiff_t(place), words.end());
+    words.resize(place);
+  }
   Syntax syntax = command.syntax;
   syntax.options.insert(syntax.options.end(), commonOptions().begin(), commonOptions().end());
+  if (command.runWords) syntax.arguments = "";
   const Arguments arguments = Arguments::parse(syntax, words);
   if (arguments.has("help") || arguments.has("version")) {
     print(arguments.has("help") ? helpFor(command) : std::string(QELNetworkKitVersionString) + "\n");
     return Exit::done;
   }
-  return runCommand(command, arguments);
+  return command.runWords ? command.runWords(std::move(own)) : runCommand(command, arguments);
 }
 
 }  // namespace
