@@ -15,7 +15,7 @@ PUBLIC = {
                  "QELNKPublisher QELNKSubscriber QELNKMonitor",
     "legacy": "QELNKLegacyStreamThread QELNKLegacyStream QELNKLegacySerializer QELNKLegacyClient QELNKLegacyServer "
               "QELNKLegacyService",
-    "netutil": "QELNKNetworkInterface QELNKNetworkInterfaceDiscovery qelNKPing QELNKPingleton",
+    "netutil": "QELNKNetworkInterface QELNKNetworkInterfaceDiscovery qelNKPing QELNKPingleton QELNKWebSocket",
     "daemon": "QELNKOrlinPort QELNKOrlinWorkflow QELNKKORVALConstants QELNKKORVALClient QELNKOrlinDaemon"
     " QELNKKORVALDaemonClient QELNKOrlinDaemonSpawner",
     "tools": "QELNetworkKit",

@@ -36,6 +36,7 @@
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/QELNKSocket.h>
 #include <QELNetworkKit/QELNKSubscriber.h>
+#include <QELNetworkKit/QELNKWebSocket.h>
 #include <QELNetworkKit/QELProjectTimecode.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>

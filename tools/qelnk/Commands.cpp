@@ -4,13 +4,13 @@ namespace tool {
 
 extern const Command packCommand, unpackCommand, requestCommand, serveCommand, publishCommand, subscribeCommand,
     monitorCommand, daemonCommand, legacyListenCommand, legacyConnectCommand, interfacesCommand, pingCommand,
-    watchCommand, demoCommand;
+    watchCommand, webSocketCommand, demoCommand;
 
 std::span<const Command *const> commands() {
   static const Command *const table[] = {
       &packCommand,       &unpackCommand,  &requestCommand, &serveCommand,        &publishCommand,
       &subscribeCommand,  &monitorCommand, &daemonCommand,  &legacyListenCommand, &legacyConnectCommand,
-      &interfacesCommand, &pingCommand,    &watchCommand,   &demoCommand};
+      &interfacesCommand, &pingCommand,    &watchCommand,   &webSocketCommand,    &demoCommand};
   return table;
 }
 

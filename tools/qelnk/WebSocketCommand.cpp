@@ -1,0 +1,143 @@
+#include <QELNetworkKit/QELNKWebSocket.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "Command.h"
+
+namespace tool {
+namespace {
+
+using Target = std::shared_ptr<QELNKWebSocket>;
+
+/// How much may wait to be sent before no further line is read.
+constexpr size_t longestQueue = size_t(16) << 20;
+
+/// A WebSocket with what it tells, all of it on the main thread.
+class Client final : public QELNKWebSocketDelegate, public std::enable_shared_from_this<Client> {
+ public:
+  explicit Client(Invocation &invocation);
+  Exit run();
+
+  void webSocketDidOpen(const Target &) override {
+    if (output_.json()) output_.event("open");
+  }
+  void webSocketDidClose(const Target &) override {
+    if (output_.json()) output_.event("closed");
+  }
+  void webSocket(const Target &, const std::string &text) override {
+    if (wanted_ && count_ == *wanted_) return;
+    ++count_;
+    if (output_.json())
+      output_.event("text", {{"text", text}});
+    else
+      output_.line(text);
+  }
+
+ private:
+  void open();
+  void send();
+  void check(bool sent, const qelnk::Error &error) const {
+    if (!sent) throw Failure(Exit::failed, "not sent: " + error.description);
+    if (ended_) throw Failure(Exit::failed, "not sent, the connection has ended");
+  }
+  void close();
+  bool isDone() const { return ended_ || (wanted_ && count_ == *wanted_); }
+
+  const Arguments &arguments_;
+  Session &session_;
+  Output &output_;
+  const double timeout_;
+  const std::optional<int64_t> wanted_;
+  std::vector<qelnk::Data> files_;
+  int64_t count_ = 0;
+  Target webSocket_;
+  bool ended_ = false;
+  std::optional<Failure> failure_;
+};
+
+qelnk::Data contentsOf(const std::string &file) {
+  std::ifstream stream(file, std::ios::binary);
+  const std::string bytes(std::istreambuf_iterator<char>(stream), {});
+  if (!stream || std::filesystem::is_directory(file)) throw Failure(Exit::system, file + " cannot be read");
+  return qelnk::Data(bytes);
+}
+
+Client::Client(Invocation &invocation)
+    : arguments_(invocation.arguments),
+      session_(invocation.session),
+      output_(invocation.output),
+      timeout_(invocation.timeout),
+      wanted_(arguments_.integer("count", 1, INT64_MAX)) {
+  for (const std::string &file : arguments_.all("binary")) files_.push_back(contentsOf(file));
+}
+
+void Client::open() {
+  QELNKWebSocketOptions options;
+  options.checksCertificate = arguments_.has("strict") || arguments_.has("ca");
+  options.certificateAuthorityFile = arguments_.text("ca").value_or("");
+  options.openTimeout = std::chrono::milliseconds(std::max<int64_t>(1, int64_t(timeout_ * 1000)));
+  options.closedBlock = [this](const Target &, uint16_t, const std::string &reason, bool wasClean) {
+    ended_ = true;
+    if (!wasClean) failure_ = Failure(Exit::failed, arguments_[0] + ": " + reason);
+  };
+  webSocket_ = QELNKWebSocket::create(arguments_[0], weak_from_this(), std::move(options));
+  session_.waitUntil([this] { return ended_ || webSocket_->readyState() != QELNKWebSocket::connecting; });
+}
+
+/// Sends the lines of the input, then the files.
+void Client::send() {
+  qelnk::Error error;
+  const auto room = [this] {
+    session_.waitUntil([this] { return isDone() || webSocket_->bufferedAmount() <= longestQueue; }, std::nullopt,
+                       std::chrono::milliseconds(5));
+    return !isDone() && !session_.stopped();
+  };
+  while (const auto line = session_.readLine([this] { return isDone(); })) {
+    check(webSocket_->sendString(*line, &error), error);
+    if (!room()) return;
+  }
+  for (const qelnk::Data &file : files_) {
+    if (!room()) return;
+    check(webSocket_->sendData(file, &error), error);
+  }
+}
+
+/// Lets go, and waits until what was sent has gone out.
+void Client::close() {
+  if (!webSocket_) return;
+  session_.waitUntil([this] { return ended_ || webSocket_->bufferedAmount() == 0; }, std::nullopt,
+                     std::chrono::milliseconds(5));
+  webSocket_ = nullptr;
+  QELNKWebSocket::waitUntilClosed(std::chrono::seconds(10));
+}
+
+Exit Client::run() {
+  const std::shared_ptr<void> atEnd(nullptr, [this](void *) { close(); });
+  open();
+  if (!ended_) send();
+  const bool waits = wanted_ || arguments_.has("stay");
+  if (waits) session_.waitUntil([this] { return isDone(); });
+  if (failure_) throw *failure_;
+  return Exit::done;
+}
+
+Exit webSocket(Invocation &invocation) { return std::make_shared<Client>(invocation)->run(); }
+
+}  // namespace
+
+extern const Command webSocketCommand;
+const Command webSocketCommand = {
+    "ws",
+    "Opens a WebSocket, prints the text that comes, and sends each line of standard input as text.",
+    {"URL",
+     {{"binary", "FILE", "send this file as a binary message behind the lines; may be given several times"},
+      {"count", "N", "end after N messages of text"},
+      {"strict", "", "accept no certificate that is not valid for the host"},
+      {"ca", "FILE", "accept those only that are signed by one in this PEM file"},
+      stayOption}},
+    nullptr,
+    webSocket};
+
+}  // namespace tool
