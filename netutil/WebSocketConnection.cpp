@@ -49,6 +49,8 @@ constexpr size_t messageOverhead = 128;
 constexpr size_t writeBufferSize = size_t(256) << 10;
 /// Binary messages are read and forgotten in pieces of so many bytes.
 constexpr size_t droppedPiece = size_t(64) << 10;
+/// What stands for a closing without a code.
+constexpr uint16_t noCode = 1005;
 /// The room for a long text is not kept beyond so many bytes.
 constexpr size_t keptCapacity = size_t(4) << 20;
 
@@ -486,9 +488,10 @@ void Connection::readEnded(const error_code &error) {
   if (closeBegun_ && error == asio::error::operation_aborted) return;  // the closing goes on
   if (!peerCloses_) return fail(reasonOf(error));
   const auto reason = stream_->reason();
+  const uint16_t code = reason.code == websocket::close_code::none ? noCode : reason.code;
   const auto events = events_;
   finish();
-  if (events) events->closed(reason.code, {reason.reason.data(), reason.reason.size()});
+  if (events) events->closed(code, {reason.reason.data(), reason.reason.size()});
 }
 
 void Connection::fail(const std::string &why) {
@@ -538,7 +541,8 @@ void Connection::deadlinePassed() {
 }
 
 std::string Connection::reasonOf(const error_code &error) const {
-  if (error == asio::error::eof || error == asio::ssl::error::stream_truncated)
+  if (error == asio::error::eof || error == asio::ssl::error::stream_truncated || error == http::error::end_of_stream ||
+      error == http::error::partial_message)
     return "the other side has ended the connection without closing it";
   if (error == websocket::error::message_too_big)
     return fmt::format("a message is longer than the {} bytes allowed", maximumMessageSize_);

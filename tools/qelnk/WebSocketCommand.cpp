@@ -21,6 +21,7 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
   Exit run();
 
   void webSocketDidOpen(const Target &) override {
+    isOpen_ = true;
     if (output_.json()) output_.event("open");
   }
   void webSocketDidClose(const Target &) override {
@@ -40,7 +41,6 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
   void send();
   void check(bool sent, const qelnk::Error &error) const {
     if (!sent) throw Failure(Exit::failed, "not sent: " + error.description);
-    if (ended_) throw Failure(Exit::failed, "not sent, the connection has ended");
   }
   void close();
   bool isDone() const { return ended_ || (wanted_ && count_ == *wanted_); }
@@ -53,7 +53,7 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
   std::vector<qelnk::Data> files_;
   int64_t count_ = 0;
   Target webSocket_;
-  bool ended_ = false;
+  bool isOpen_ = false, ended_ = false;
   std::optional<Failure> failure_;
 };
 
@@ -83,7 +83,7 @@ void Client::open() {
     if (!wasClean) failure_ = Failure(Exit::failed, arguments_[0] + ": " + reason);
   };
   webSocket_ = QELNKWebSocket::create(arguments_[0], weak_from_this(), std::move(options));
-  session_.waitUntil([this] { return ended_ || webSocket_->readyState() != QELNKWebSocket::connecting; });
+  session_.waitUntil([this] { return ended_ || isOpen_; });
 }
 
 /// Sends the lines of the input, then the files.
@@ -104,22 +104,30 @@ void Client::send() {
   }
 }
 
-/// Lets go, and waits until what was sent has gone out.
+/// Lets go of it, and waits until what was sent has gone out.
 void Client::close() {
-  if (!webSocket_) return;
-  session_.waitUntil([this] { return ended_ || webSocket_->bufferedAmount() == 0; }, std::nullopt,
+  session_.acknowledgeStop();
+  session_.waitUntil([this] { return ended_ || webSocket_->bufferedAmount() == 0; }, after(timeout_),
                      std::chrono::milliseconds(5));
+  const size_t unsent = ended_ ? 0 : webSocket_->bufferedAmount();
   webSocket_ = nullptr;
-  QELNKWebSocket::waitUntilClosed(std::chrono::seconds(10));
+  const auto limit = std::chrono::milliseconds(unsent == 0 ? int64_t(timeout_ * 1000) : 0);
+  QELNKWebSocket::waitUntilClosed(limit);
+  if (unsent > 0) throw Failure(Exit::unanswered, std::to_string(unsent) + " bytes could not be sent in time");
 }
 
 Exit Client::run() {
-  const std::shared_ptr<void> atEnd(nullptr, [this](void *) { close(); });
   open();
-  if (!ended_) send();
-  const bool waits = wanted_ || arguments_.has("stay");
-  if (waits) session_.waitUntil([this] { return isDone(); });
+  std::optional<Failure> failure;  // told once what came before it has gone out
+  try {
+    if (isOpen_) send();
+    if (wanted_ || arguments_.has("stay")) session_.waitUntil([this] { return isDone(); });
+  } catch (const Failure &problem) {
+    failure = problem;
+  }
+  if (!failure_) close();
   if (failure_) throw *failure_;
+  if (failure) throw *failure;
   return Exit::done;
 }
 
