@@ -197,6 +197,14 @@ TEST_P(QELNKWebSocketFailureTest, IsToldOnce) {
   EXPECT_EQ(log.lines().size(), 1U);
 }
 
+/// Takes the request, sends these bytes and ends.
+Server::RawScript ending(const std::string &bytes) {
+  return Server::raw([bytes](tcp::socket &socket) {
+    std::array<char, 4096> request;
+    socket.read_some(asio::buffer(request));
+    asio::write(socket, asio::buffer(bytes));
+  });
+}
 /// Answers the request for a WebSocket with this.
 Server::RawScript answering(const std::string &answer) {
   return Server::raw([answer](tcp::socket &socket) {
@@ -228,10 +236,8 @@ INSTANTIATE_TEST_SUITE_P(
                 answering("HTTP/1.1 101 Switching Protocols\r\nConnection: upgrade\r\nUpgrade: websocket\r\n"
                           "Sec-WebSocket-Accept: AAAA\r\n\r\n"),
                 noWebSocket},
-        Failing{"EndBeforeTheAnswer", Server::raw([](tcp::socket &) {}), "the other side has ended the connection"},
-        Failing{"EndWithinTheAnswer",
-                Server::raw([](tcp::socket &socket) { asio::write(socket, asio::buffer("HTTP/1.1 1", 10)); }),
-                "the other side has ended the connection"},
+        Failing{"EndBeforeTheAnswer", ending(""), "the other side has ended the connection"},
+        Failing{"EndWithinTheAnswer", ending("HTTP/1.1 1"), "the other side has ended the connection"},
         Failing{"End", Server::shaken([](Server::Stream &) {}), "the other side has ended the connection", true},
         Failing{"Reset", Server::shaken([](Server::Stream &stream) { Server::reset(stream.next_layer()); }),
                 "Connection reset by peer", true},

@@ -11,7 +11,7 @@ const char usage[] =
     "usage: orlin-sim -ffpath FOLDER -tcp PORT [-web PORT] [faults] PROJECT\n"
     "\n"
     "A simulated processing daemon for the project file PROJECT (JSON). With port 0 the system chooses one, which is\n"
-    "printed.\n"
+    "printed. WebSocket clients of the port of -web get each change of an output port, as JSON.\n"
     "\n"
     "faults, also taken from the environment variable ORLIN_SIM_OPTIONS:\n"
     "  --delay MS         send each reply that much later\n"

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,8 +19,8 @@ class UsageError : public std::runtime_error {
 struct Options {
   std::string project;
   std::string ffmpegPath;
-  int port = 0;     ///< 0 has the system choose one, which is then printed
-  int webPort = 0;  ///< 0 for none
+  int port = 0;                ///< 0 has the system choose one, which is then printed
+  std::optional<int> webPort;  ///< for WebSocket clients, likewise; none where they are not served
 
   std::chrono::milliseconds delay{0};  ///< each reply leaves that much later
   uint64_t dropReplies = 0;            ///< so many replies from the first on are lost

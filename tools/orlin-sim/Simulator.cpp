@@ -1,5 +1,6 @@
 #include "Simulator.h"
 
+#include <QELNetworkKit/JSON.h>
 #include <QELNetworkKit/MPMessagePack.h>
 
 #include <zmq.h>
@@ -22,6 +23,7 @@ void tell(const std::string &line) { std::fprintf(stderr, "orlin-sim: %s\n", lin
 
 Simulator::Simulator(const Options &options)
     : options_(options), project_(Project::open(options.project)), router_(options.port) {
+  if (options.webPort) web_.emplace(*options.webPort);
   collectCounters();
 }
 
@@ -168,11 +170,21 @@ void Simulator::send(const Address &to, const Value &message) {
 
 void Simulator::push(const Port &port) {
   const auto registered = registrations_.find(port.id);
-  if (registered == registrations_.end()) return;
+  if (registered == registrations_.end() && !web_) return;
   const Value message =
       Value::map({{"command", "portValueUpdate"}, {"data", Value::map({{"id", port.id}, {"value", port.value}})}});
+  if (web_) publish(message);
+  if (registered == registrations_.end()) return;
   const std::set<Address> clients = registered->second;  // one that is gone is taken out meanwhile
   for (const Address &client : clients) send(client, message);
+}
+
+void Simulator::publish(const Value &message) {
+  qelnk::Error error;
+  if (const auto text = qelnk::jsonData(message, &error))
+    web_->publish(std::string(text->text()));
+  else
+    tell("an update that JSON cannot hold is not for WebSocket clients: " + error.description);
 }
 
 void Simulator::forget(const Address &client) {

@@ -3,18 +3,21 @@
 #include <chrono>
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "Options.h"
 #include "Project.h"
 #include "Router.h"
+#include "WebServer.h"
 
 namespace sim {
 
-/// The daemon: answers commands, counts, and pushes the values of output ports to whom has registered for them.
+/// The daemon: answers commands, counts, and pushes the values of output ports to whom has registered for them, and to
+/// every WebSocket client.
 ///
-/// One thread.
+/// One thread, beside that of the WebSocket clients.
 class Simulator {
  public:
   using Time = std::chrono::steady_clock::time_point;
@@ -23,6 +26,7 @@ class Simulator {
   explicit Simulator(const Options &options);
 
   int port() const { return router_.port(); }
+  int webPort() const { return web_ ? web_->port() : 0; }
   /// Serves until it is told to quit, `stopDescriptor` is readable or a fault switch ends it. Told to quit, it sends
   /// what is still delayed before it returns.
   void run(int stopDescriptor);
@@ -55,6 +59,7 @@ class Simulator {
 
   void changed(const Port &input);
   void push(const Port &port);
+  void publish(const qelnk::Value &message);
   void forget(const Address &client);
 
   void collectCounters();
@@ -66,6 +71,7 @@ class Simulator {
   const Options options_;
   Project project_;
   Router router_;
+  std::optional<WebServer> web_;
   std::map<std::string, std::set<Address>, std::less<>> registrations_;  // by port identifier
   std::vector<const Port *> toPush_;                                     // once the command at hand is answered
   std::deque<Delayed> delayed_;

@@ -32,11 +32,9 @@ int stopDescriptor() {
 int serve(const sim::Options &options) {
   const int stop = stopDescriptor();
   sim::Simulator simulator(options);
-  if (options.webPort != 0) std::fprintf(stderr, "orlin-sim: this build serves no WebSocket clients\n");
-  if (options.port == 0) {
-    std::printf("listening on port %d\n", simulator.port());
-    std::fflush(stdout);
-  }
+  if (options.port == 0) std::printf("listening on port %d\n", simulator.port());
+  if (options.webPort == 0) std::printf("web clients on port %d\n", simulator.webPort());
+  std::fflush(stdout);
   simulator.run(stop);
   return 0;
 }
