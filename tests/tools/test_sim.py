@@ -173,13 +173,13 @@ class Simulator(ToolTest):
         java = BUNDLE / "Contents/PlugIns/jdk1.8.0_131.jdk/Contents/Home/jre/bin/java"
         process = self.start(java, "-Xmx64m", "-Dpluginroot=x", "-Dpluginmask=", "-noverify", "-jar",
                              BUNDLE / "Contents/Java/orlin-Daemon.jar", "-ffpath", BUNDLE.parent / "tools", "-tcp", "0",
-                             "-web", "1", self.project())
+                             "-web", "0", self.project())
         port = int(process.stdout.readline().split()[-1])
         client = Client(self, port)
         self.assertEqual(client.ask("getProject")["data"]["name"], "Studio")
         self.assertIsNone(client.ask("quit")["data"])
         self.assertEqual(process.wait(LIMIT), 0)
-        self.assertIn(b"WebSocket", process.stderr.read())
+        self.assertRegex(process.stdout.read(), rb"^web clients on port \d+$")
         self.assertTrue((BUNDLE.parent / "tools").is_dir())
         self.assertEqual(subprocess.run([java, "-version"], stderr=subprocess.DEVNULL).returncode, 1)
 
