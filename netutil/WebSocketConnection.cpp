@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -24,6 +25,7 @@
 #include <system_error>
 #include <utility>
 
+#include "netutil/LockedExecutor.h"
 #include "netutil/WebSocketTransport.h"
 #include "platform/Connector.h"
 #include "platform/Guard.h"
@@ -179,12 +181,13 @@ bool isIPv6(int socket) {
   return address.ss_family == AF_INET6;
 }
 
-/// Threads: what does not say otherwise belongs to the io thread.
+/// Threads: everything happens under the executor's lock, on the io thread or on one that sends.
 class Connection final : public WebSocketConnection, public std::enable_shared_from_this<Connection> {
  public:
   Connection(WebSocketURL url, const QELNKWebSocketOptions &options, std::shared_ptr<WebSocketEvents> events)
       : tlsContext_(tlsContextFor(url, options)),
         context_(sharedContext()),
+        executor_(*context_),
         url_(std::move(url)),
         checksCertificate_(options.checksCertificate),
         openTimeout_(options.openTimeout),
@@ -204,30 +207,43 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   size_t bufferedAmount() const override { return buffered_; }
 
  private:
-  // Any thread.
+  /// Has a step done on the io thread. Needs no lock.
   void post(std::function<void(Connection &)> step) {
-    asio::post(*context_, [self = shared_from_this(), step = std::move(step)] { step(*self); });
+    asio::post(executor_, [self = shared_from_this(), step = std::move(step)] { step(*self); });
+  }
+  /// Tells something, on the io thread in order, without the lock: who is told may have locks of its own.
+  template <class Call>
+  void tell(Call call) {
+    if (events_) asio::post(*context_, [events = events_, own = std::move(call)]() mutable { own(*events); });
+  }
+  /// The handler of an operation, which is called under the lock, as are those between.
+  template <class... Arguments>
+  auto then(void (Connection::*step)(Arguments...)) {
+    return asio::bind_executor(executor_,
+                               [self = shared_from_this(), step](auto... arguments) { (*self.*step)(arguments...); });
   }
 
   // Opening.
   void lookUp();
   void connected(int socket, std::error_code error);
   void encrypt();
+  void encrypted(error_code error);
   void shakeHands();
-  void handshakeDone(const error_code &error);
+  void handshakeDone(error_code error);
 
   // Open.
   void read();
-  void readDone(const error_code &error);
+  void readDone(error_code error, size_t);
   void messageDone();
   void controlFrameCame(websocket::frame_type kind);
   void writeNext();
-  void written(const error_code &error);
+  void written(error_code error, size_t);
 
   // The end.
   void release(std::shared_ptr<Lingering> lingering);
   void closeWhenSent();
   void readEnded(const error_code &error);
+  void closed(error_code) { finish(); }
   void fail(const std::string &why);
   void finish();
   void setDeadline(std::chrono::milliseconds limit);
@@ -237,6 +253,7 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
 
   const std::shared_ptr<asio::ssl::context> tlsContext_;
   const std::shared_ptr<asio::io_context> context_;  // goes after all that uses it
+  const LockedExecutor executor_;
   const WebSocketURL url_;
   const bool checksCertificate_;
   const std::chrono::milliseconds openTimeout_, closeTimeout_;
@@ -258,11 +275,9 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   std::atomic<size_t> unconsumed_ = 0;  // bytes told to the observer and not dealt with
   std::atomic<bool> isPaused_ = false;  // nothing is being read, for there is too much of that
 
-  std::mutex sendMutex_;  // guards the next two
-  std::deque<Payload> queued_;
-  bool isWriting_ = false;  // or about to
+  std::deque<Payload> queued_;  // the first one is being written
+  bool isWriting_ = false;
   std::atomic<size_t> buffered_ = 0;
-  Payload current_;
 };
 
 size_t sizeOf(const WebSocketConnection::Payload &payload) {
@@ -309,14 +324,16 @@ void Connection::connected(int socket, std::error_code error) {
 void Connection::encrypt() {
   auto &tls = *stream_->next_layer().tls();
   setPeerName(tls.native_handle(), url_.host, checksCertificate_);
-  tls.async_handshake(asio::ssl::stream_base::client, [self = shared_from_this()](const error_code &error) {
-    if (self->isOver()) return;
-    if (!error) return self->shakeHands();
-    const long verdict = SSL_get_verify_result(self->stream_->next_layer().tls()->native_handle());
-    const bool isRefused = self->checksCertificate_ && verdict != X509_V_OK;
-    self->fail(isRefused ? fmt::format("the certificate is not accepted: {}", X509_verify_cert_error_string(verdict))
-                         : "encryption: " + self->reasonOf(error));
-  });
+  tls.async_handshake(asio::ssl::stream_base::client, then(&Connection::encrypted));
+}
+
+void Connection::encrypted(error_code error) {
+  if (isOver()) return;
+  if (!error) return shakeHands();
+  const long verdict = SSL_get_verify_result(stream_->next_layer().tls()->native_handle());
+  const bool isRefused = checksCertificate_ && verdict != X509_V_OK;
+  fail(isRefused ? fmt::format("the certificate is not accepted: {}", X509_verify_cert_error_string(verdict))
+                 : "encryption: " + reasonOf(error));
 }
 
 void Connection::shakeHands() {
@@ -324,11 +341,10 @@ void Connection::shakeHands() {
   stream_->write_buffer_bytes(writeBufferSize);
   stream_->read_message_max(maximumMessageSize_);
   stream_->control_callback([this](websocket::frame_type kind, beast::string_view) { controlFrameCame(kind); });
-  stream_->async_handshake(response_, url_.authority, url_.target,
-                           [self = shared_from_this()](const error_code &error) { self->handshakeDone(error); });
+  stream_->async_handshake(response_, url_.authority, url_.target, then(&Connection::handshakeDone));
 }
 
-void Connection::handshakeDone(const error_code &error) {
+void Connection::handshakeDone(error_code error) {
   if (isOver()) return;
   if (error == websocket::error::upgrade_declined) {
     std::string why = fmt::format("the server answered HTTP {}", response_.result_int());
@@ -342,7 +358,7 @@ void Connection::handshakeDone(const error_code &error) {
   response_ = {};
   setDeadline({});
   state_ = ReadyState::open;
-  events_->opened();
+  tell([](WebSocketEvents &events) { events.opened(); });
   read();
 }
 
@@ -350,11 +366,10 @@ void Connection::handshakeDone(const error_code &error) {
 
 void Connection::read() {
   const bool isDropped = !stream_->is_message_done() && stream_->got_binary();
-  stream_->async_read_some(message_, isDropped ? droppedPiece : 0,
-                           [self = shared_from_this()](const error_code &error, size_t) { self->readDone(error); });
+  stream_->async_read_some(message_, isDropped ? droppedPiece : 0, then(&Connection::readDone));
 }
 
-void Connection::readDone(const error_code &error) {
+void Connection::readDone(error_code error, size_t) {
   if (isOver()) return;
   if (error) return readEnded(error);
   if (stream_->got_binary() || !events_) message_.clear();
@@ -364,14 +379,14 @@ void Connection::readDone(const error_code &error) {
 
 void Connection::messageDone() {
   if (!events_) return;
-  if (stream_->got_binary()) return logDefault("webSocket:didReceiveMessageWithData");
+  if (stream_->got_binary()) return tell([](WebSocketEvents &) { logDefault("webSocket:didReceiveMessageWithData"); });
   const auto bytes = message_.cdata();
   std::string text(static_cast<const char *>(bytes.data()), bytes.size());
   message_.clear();
   if (message_.capacity() > keptCapacity) message_.shrink_to_fit();
   const size_t weight = text.size() + messageOverhead;
   const size_t before = unconsumed_.fetch_add(weight);
-  events_->received(std::move(text));
+  tell([own = std::move(text)](WebSocketEvents &events) mutable { events.received(std::move(own)); });
   if (before + weight <= highestUnconsumed) return;
   isPaused_ = true;
   // The observer may have done with all of it just before that.
@@ -390,10 +405,10 @@ void Connection::consumed(size_t bytes) {
 void Connection::controlFrameCame(websocket::frame_type kind) {
   switch (kind) {
     case websocket::frame_type::ping:
-      if (events_) logDefault("webSocket:didReceivePingWithData");
+      tell([](WebSocketEvents &) { logDefault("webSocket:didReceivePingWithData"); });
       break;
     case websocket::frame_type::pong:
-      if (events_) logDefault("webSocket:didReceivePong");
+      tell([](WebSocketEvents &) { logDefault("webSocket:didReceivePong"); });
       break;
     case websocket::frame_type::close:  // is being answered
       peerCloses_ = true;
@@ -408,7 +423,7 @@ void Connection::controlFrameCame(websocket::frame_type kind) {
 
 bool Connection::send(Payload payload, Error &error) {
   const size_t size = sizeOf(payload);
-  const std::lock_guard lock(sendMutex_);
+  const std::lock_guard lock(executor_.mutex());
   if (state_ != ReadyState::open) return true;
   if (buffered_ > 0 && buffered_ + size > maximumBufferedAmount_) {
     error = {
@@ -420,32 +435,25 @@ bool Connection::send(Payload payload, Error &error) {
   }
   buffered_ += size;
   queued_.push_back(std::move(payload));
-  if (!std::exchange(isWriting_, true)) post([](Connection &self) { self.writeNext(); });
+  if (!isWriting_) writeNext();
   return true;
 }
 
 void Connection::writeNext() {
-  bool hasMore = false;
-  {
-    const std::lock_guard lock(sendMutex_);
-    hasMore = isWriting_ = !queued_.empty() && !isOver() && !peerCloses_;
-    if (hasMore) {
-      current_ = std::move(queued_.front());
-      queued_.pop_front();
-    }
-  }
-  if (!hasMore) return closeWhenSent();
-  stream_->text(std::holds_alternative<std::string>(current_));
-  const auto bytes =
-      std::visit([](const auto &payload) { return asio::buffer(payload.data(), payload.size()); }, current_);
-  stream_->async_write(bytes, [self = shared_from_this()](const error_code &error, size_t) { self->written(error); });
+  isWriting_ = !queued_.empty() && !peerCloses_;
+  if (!isWriting_) return closeWhenSent();
+  const Payload &payload = queued_.front();
+  stream_->text(std::holds_alternative<std::string>(payload));
+  const auto bytes = std::visit([](const auto &it) { return asio::buffer(it.data(), it.size()); }, payload);
+  stream_->async_write(bytes, then(&Connection::written));
 }
 
-void Connection::written(const error_code &error) {
-  if (isOver()) return;
+void Connection::written(error_code error, size_t) {
+  if (isOver()) return queued_.clear();
   if (error && peerCloses_) return;  // the peer takes no more, which is told once it has closed
   if (error) return fail(reasonOf(error));
-  buffered_ -= sizeOf(current_);
+  buffered_ -= sizeOf(queued_.front());
+  queued_.pop_front();
   writeNext();
 }
 
@@ -460,10 +468,7 @@ void Connection::release(std::shared_ptr<Lingering> lingering) {
   lingering_ = std::move(lingering);
   events_ = nullptr;
   if (state_ == ReadyState::connecting) return finish();
-  {
-    const std::lock_guard lock(sendMutex_);
-    state_ = ReadyState::closing;
-  }
+  state_ = ReadyState::closing;
   if (isPaused_.exchange(false)) read();
   if (peerCloses_) return;
   setDeadline(closeTimeout_);
@@ -472,16 +477,11 @@ void Connection::release(std::shared_ptr<Lingering> lingering) {
 
 /// Begins the closing handshake where the connection was let go of and nothing is left to send.
 void Connection::closeWhenSent() {
-  if (!lingering_ || isOver() || peerCloses_ || closeBegun_) return;
-  {
-    const std::lock_guard lock(sendMutex_);
-    if (isWriting_) return;
-  }
+  if (!lingering_ || isWriting_ || peerCloses_ || closeBegun_) return;
   closeBegun_ = true;
   setDeadline(closeTimeout_);
   stream_->next_layer().setClosing();
-  stream_->async_close(websocket::close_code::normal,
-                       [self = shared_from_this()](const error_code &) { self->finish(); });
+  stream_->async_close(websocket::close_code::normal, then(&Connection::closed));
 }
 
 void Connection::readEnded(const error_code &error) {
@@ -489,30 +489,25 @@ void Connection::readEnded(const error_code &error) {
   if (!peerCloses_) return fail(reasonOf(error));
   const auto reason = stream_->reason();
   const uint16_t code = reason.code == websocket::close_code::none ? noCode : reason.code;
-  const auto events = events_;
+  tell([code, text = std::string(reason.reason.data(), reason.reason.size())](WebSocketEvents &events) {
+    events.closed(code, text);
+  });
   finish();
-  if (events) events->closed(code, {reason.reason.data(), reason.reason.size()});
 }
 
 void Connection::fail(const std::string &why) {
   if (isOver()) return;
   if (const size_t unsent = buffered_; !events_ && unsent > 0)
     logError("QELNKWebSocket {} has not sent its last {} bytes: {}", url_.description(), unsent, why);
-  const auto events = events_;
+  tell([why](WebSocketEvents &events) { events.failed(why); });
   finish();
-  if (events) events->failed(why);
 }
 
 /// Nothing happens any more.
 void Connection::finish() {
   if (isOver()) return;
-  std::deque<Payload> unsent;
-  {
-    const std::lock_guard lock(sendMutex_);
-    state_ = ReadyState::closed;
-    unsent.swap(queued_);
-    buffered_ = 0;
-  }
+  state_ = ReadyState::closed;
+  buffered_ = 0;
   ++deadlineNumber_;
   deadline_.cancel();
   if (const auto connector = std::exchange(connector_, nullptr)) connector->cancel();
@@ -527,9 +522,9 @@ void Connection::setDeadline(std::chrono::milliseconds limit) {
   deadline_.cancel();
   if (limit.count() == 0) return;
   deadline_.expires_after(limit);
-  deadline_.async_wait([self = shared_from_this(), number](const error_code &) {
+  deadline_.async_wait(asio::bind_executor(executor_, [self = shared_from_this(), number](error_code) {
     if (number == self->deadlineNumber_) self->deadlinePassed();
-  });
+  }));
 }
 
 void Connection::deadlinePassed() {

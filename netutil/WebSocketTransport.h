@@ -8,6 +8,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
+#include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/beast/websocket/teardown.hpp>
 #include <cstddef>
@@ -67,7 +68,7 @@ class WebSocketTransport {
       boost::system::error_code error;
       transport.socket_.shutdown(Socket::shutdown_both, error);
       asio::post(transport.get_executor(),
-                 [handler = std::forward<Handler>(handler)]() mutable { handler(boost::system::error_code()); });
+                 boost::beast::bind_front_handler(std::forward<Handler>(handler), boost::system::error_code()));
     } else if (transport.tls_) {
       transport.tls_->stream.async_shutdown(std::forward<Handler>(handler));
     } else {
