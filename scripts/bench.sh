@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks beside their peers, prints their tables and puts them into docs/benchmarks.md.
-#   scripts/bench.sh [encoding|request|broadcast|daemon|legacy|network|all]
+#   scripts/bench.sh [encoding|request|broadcast|daemon|legacy|network|websocket|all]
 # All takes about ten minutes; let the machine do nothing else.
 source "$(dirname "$0")/common.sh"
 what=${1:-all}
-case $what in encoding | request | broadcast | daemon | legacy | network | all) ;; *) sed -n '2,4s/^# //p' "$0" >&2; exit 2 ;; esac
+case $what in encoding | request | broadcast | daemon | legacy | network | websocket | all) ;; *) sed -n '2,4s/^# //p' "$0" >&2; exit 2 ;; esac
 scripts/setup.sh
 scripts/setup.sh bench
 echo "Building ..."
@@ -34,4 +34,5 @@ if wants broadcast; then run broadcast_bench; fi
 if wants daemon; then run daemon_bench; run log_bench; fi
 if wants legacy; then run legacy_bench; fi
 if wants network; then run network_bench; fi
+if wants websocket; then run websocket_bench; fi
 scripts/bench_report.py "$results" docs/benchmarks.md

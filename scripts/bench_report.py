@@ -274,6 +274,19 @@ def network_tables(results):
     return {"network": table(["what", "measured", "goal", ""], rows)} if rows else {}
 
 
+def websocket_tables(results):
+    rows = []
+    names = {"round-trips": "texts of 64 bytes, there and back", "one-way": "1 MiB binary, one way",
+             "echo": "1 MiB binary, there and back"}
+    for name, peers in read_lines(results / "websocket_bench.txt").items():
+        rates = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})"
+                 for p in ("ours", "beast-handing-over", "beast-one-thread")]
+        rows.append([names[name.split("/")[1]], *rates, f"{peers['ours']['ratio']:.2f}",
+                     *verdict(peers["ours"]["ratio"], 0.9, at_most=False)])
+    headings = ["WebSocket", "QELNetworkKit", "Beast, handing over", "Beast, one thread", "ratio", "goal", ""]
+    return {"websocket": table(headings, rows)} if rows else {}
+
+
 def machine():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     compiler = subprocess.run(["c++", "--version"], capture_output=True, text=True).stdout.splitlines()
@@ -284,7 +297,7 @@ def machine():
 def main(results, page=None):
     results = pathlib.Path(results)
     tables = {**encoding_tables(results), **request_tables(results), **server_tables(results), **broadcast_tables(results),
-              **daemon_tables(results), **legacy_tables(results), **network_tables(results)}
+              **daemon_tables(results), **legacy_tables(results), **network_tables(results), **websocket_tables(results)}
     for name, text in tables.items():
         print(f"\n{name}\n{text}")
     if not page:

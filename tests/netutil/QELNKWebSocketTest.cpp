@@ -278,7 +278,6 @@ TEST(QELNKWebSocketTest, WhatCannotEvenConnect) {
 }
 
 TEST(QELNKWebSocketTest, NoDescriptorLeft) {
-  ASSERT_TRUE(eventually([] { return QELNKWebSocket::waitUntilClosed(0ms); }));
   RunLoop::current()->wakeDescriptor();  // the test's own
   const CapturedLog log(LogLevel::standard);
   rlimit before{};
@@ -288,8 +287,8 @@ TEST(QELNKWebSocketTest, NoDescriptorLeft) {
   setrlimit(RLIMIT_NOFILE, &few);
   Host host;
   const auto webSocket = host.open("ws://127.0.0.1:1/");
+  EXPECT_TRUE(host.awaits("closed 1006"));
   setrlimit(RLIMIT_NOFILE, &before);
-  ASSERT_TRUE(host.awaits("closed 1006"));
   EXPECT_TRUE(log.contains("Too many open files")) << testing::PrintToString(log.lines());
 }
 
@@ -570,6 +569,31 @@ TEST(QELNKWebSocketTest, ASlowObserverHoldsThePeerUp) {
   go.set_value();
   ASSERT_TRUE(host.awaits("done"));
   EXPECT_EQ(host.observer->told().size(), count + 2);
+}
+
+namespace {
+
+/// Leaves the program while connections are at work on their threads.
+void exitAtWork() {
+  static auto &certificate = *new TestCertificate;
+  static auto &server = *new Server(Server::encryptedEcho(certificate.server()));
+  static auto &host = *new Host;
+  static auto &webSockets = *new std::vector<WebSocket>;
+  host.options.queue = Queue::serial("own");
+  host.observer->then = [](const std::string &, const WebSocket &webSocket) {
+    webSocket->sendString(std::string(100'000, 'x'));
+  };
+  for (int i = 0; i < 4; ++i) webSockets.push_back(host.open(server.url("wss")));
+  eventually([] { return host.observer->told().size() > 20; });
+  unlink(certificate.file().c_str());
+  std::exit(0);
+}
+
+}  // namespace
+
+TEST(QELNKWebSocketDeathTest, ConnectionsAtWorkDoNotDisturbTheEndOfTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (int round = 0; round < 5; ++round) EXPECT_EXIT(exitAtWork(), testing::ExitedWithCode(0), "^$");
 }
 
 }  // namespace qelnk::test
