@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -53,6 +54,8 @@ constexpr size_t writeBufferSize = size_t(256) << 10;
 constexpr size_t droppedPiece = size_t(64) << 10;
 /// What stands for a closing without a code.
 constexpr uint16_t noCode = 1005;
+/// Clocks cannot count further than some centuries.
+constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);
 /// The room for a long text is not kept beyond so many bytes.
 constexpr size_t keptCapacity = size_t(4) << 20;
 
@@ -94,7 +97,7 @@ class Lingering {
 
   static bool awaitNone(std::chrono::milliseconds limit) {
     std::unique_lock lock(mutex());
-    return noneLeft().wait_for(lock, limit, [] { return count() == 0; });
+    return noneLeft().wait_for(lock, std::min(limit, longest), [] { return count() == 0; });
   }
 
  private:
@@ -521,7 +524,7 @@ void Connection::setDeadline(std::chrono::milliseconds limit) {
   const uint64_t number = ++deadlineNumber_;
   deadline_.cancel();
   if (limit.count() == 0) return;
-  deadline_.expires_after(limit);
+  deadline_.expires_after(std::min(limit, longest));
   deadline_.async_wait(asio::bind_executor(executor_, [self = shared_from_this(), number](error_code) {
     if (number == self->deadlineNumber_) self->deadlinePassed();
   }));

@@ -45,9 +45,9 @@ struct QELNKWebSocketOptions {
   /// The certificates (a PEM file) that a valid one may be signed by; empty for the system's. A file that cannot be
   /// read is a failure of the connection.
   std::string certificateAuthorityFile;
-  /// How long looking up, connecting and both handshakes may take together.
+  /// How long looking up, connecting and both handshakes may take together; zero for no limit.
   std::chrono::milliseconds openTimeout = std::chrono::seconds(10);
-  /// How long the other side may take to close, and to take in more of what is still to be sent.
+  /// How long the other side may take to close, and to take in more of what is still to be sent; zero for no limit.
   std::chrono::milliseconds closeTimeout = std::chrono::seconds(5);
   /// Where callbacks are called; null for the main queue.
   std::shared_ptr<qelnk::Queue> queue;
