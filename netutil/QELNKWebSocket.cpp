@@ -1,10 +1,10 @@
 #include <QELNetworkKit/QELNKWebSocket.h>
-#include <simdjson.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
+#include "encoding/Text.h"
 #include "netutil/WebSocketConnection.h"
 #include "platform/Guard.h"
 #include "platform/LogFormat.h"
@@ -114,7 +114,7 @@ QELNKWebSocket::~QELNKWebSocket() {
 bool QELNKWebSocket::sendString(std::string text, Error *error) {
   if (readyState() != open) return true;
   Error problem;
-  if (!simdjson::validate_utf8(text))
+  if (!qelnk::detail::isUTF8(text))
     problem = {"QELNKWebSocket", EILSEQ, "the text is not UTF-8", {}};
   else if (connection_->send(std::move(text), problem))
     return true;

@@ -72,7 +72,7 @@ class WebSocketServer {
     {
       const std::lock_guard lock(mutex_);
       isEnding_ = true;
-      for (tcp::socket *socket : sockets_) ::shutdown(socket->native_handle(), SHUT_RDWR);
+      for (const int socket : sockets_) ::shutdown(socket, SHUT_RDWR);
     }
     ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
     thread_.join();
@@ -105,11 +105,8 @@ class WebSocketServer {
     while (socket.read_some(asio::buffer(bytes)) > 0) {
     }
   }
-  /// Ends the connection with a reset.
-  static void reset(tcp::socket &socket) {
-    socket.set_option(tcp::socket::linger(true, 0));
-    socket.close();
-  }
+  /// Has the connection end with a reset.
+  static void reset(tcp::socket &socket) { socket.set_option(tcp::socket::linger(true, 0)); }
 
  private:
   void accept() {
@@ -122,26 +119,28 @@ class WebSocketServer {
     }
   }
   void serve(tcp::socket &socket) {
+    const int another = dup(socket.native_handle());  // the script may close its own
     {
       const std::lock_guard lock(mutex_);
-      if (isEnding_) return;
-      sockets_.push_back(&socket);
+      sockets_.push_back(another);
+      if (isEnding_) ::shutdown(another, SHUT_RDWR);
     }
     try {
       script_(socket);
     } catch (const std::exception &) {
     }
-    const std::lock_guard lock(mutex_);
-    std::erase(sockets_, &socket);
     boost::system::error_code ignored;
     socket.close(ignored);
+    const std::lock_guard lock(mutex_);
+    std::erase(sockets_, another);
+    ::close(another);
   }
 
   asio::io_context context_;
   tcp::acceptor acceptor_{context_, {asio::ip::address_v4::loopback(), 0}};
   const RawScript script_;
   std::mutex mutex_;  // guards the next three
-  std::vector<tcp::socket *> sockets_;
+  std::vector<int> sockets_;
   std::vector<std::thread> served_;
   bool isEnding_ = false;
   std::thread thread_;
