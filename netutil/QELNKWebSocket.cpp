@@ -14,17 +14,6 @@ using qelnk::Queue;
 using qelnk::WebSocketConnection;
 using qelnk::WebSocketURL;
 
-namespace {
-
-/// For a line of the log.
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, '?');
-  return text;
-}
-
-}  // namespace
-
 /// Brings what happens to the host's queue. What waits there holds the WebSocket weakly.
 class QELNKWebSocket::Courier final : public qelnk::WebSocketEvents {
  public:
@@ -49,7 +38,8 @@ class QELNKWebSocket::Courier final : public qelnk::WebSocketEvents {
   }
 
   void closed(uint16_t code, std::string reason) override {
-    qelnk::logDefault("webSocket - {}, didCloseWithCode - {}, reason - {}, wasClean: {:d}", url_, code, reason, true);
+    qelnk::logDefault("webSocket - {}, didCloseWithCode - {}, reason - {}, wasClean: {:d}", url_, code,
+                      qelnk::printable(reason), true);
     tellClosedBlock(code, std::move(reason), true);
   }
 
@@ -91,7 +81,7 @@ std::shared_ptr<QELNKWebSocket> QELNKWebSocket::create(const std::string &url,
                                                        QELNKWebSocketOptions options) {
   std::shared_ptr<QELNKWebSocket> webSocket(new QELNKWebSocket(std::move(delegate), std::move(options.closedBlock)));
   const auto target = WebSocketURL::parse(url);
-  const auto courier = std::make_shared<Courier>(webSocket, target ? target->description() : printable(url),
+  const auto courier = std::make_shared<Courier>(webSocket, target ? target->description() : qelnk::printable(url),
                                                  options.queue ? options.queue : Queue::main());
   if (!target) {
     courier->failed("this is no URL of a WebSocket");

@@ -50,8 +50,9 @@ constexpr size_t highestUnconsumed = size_t(4) << 20;
 constexpr size_t messageOverhead = 128;
 /// Messages are masked on their way out in pieces of so many bytes, which stay in the cache.
 constexpr size_t writeBufferSize = size_t(256) << 10;
-/// Binary messages are read and forgotten in pieces of so many bytes.
-constexpr size_t droppedPiece = size_t(64) << 10;
+/// Binary messages are read and forgotten in pieces of so many bytes. Text grows by so many: a length that is announced
+/// costs nothing until it arrives.
+constexpr size_t droppedPiece = size_t(64) << 10, textPiece = size_t(1) << 20;
 /// What stands for a closing without a code.
 constexpr uint16_t noCode = 1005;
 /// Clocks cannot count further than some centuries.
@@ -70,13 +71,15 @@ std::shared_ptr<asio::io_context> sharedContext() {
   };
   const std::lock_guard lock(mutex);
   if (auto context = current.lock()) return context;
-  const auto running = std::make_shared<Running>();
+  auto running = std::make_shared<Running>();
   startThread("qelnk-websocket", [running] {
     while (!runGuarded("The WebSockets' thread", [&] { running->context.run(); })) {
     }
   }).detach();
   // The thread ends by itself once nobody has anything to do for it: nobody waits for it.
-  std::shared_ptr<asio::io_context> context(&running->context, [running](auto *) { running->work.reset(); });
+  std::shared_ptr<asio::io_context> context(&running->context, [running = std::shared_ptr(running)](auto *) mutable {
+    std::exchange(running, nullptr)->work.reset();  // the context goes with its thread, whoever keeps weak references
+  });
   current = context;
   return context;
 }
@@ -156,12 +159,14 @@ bool isNumeric(const std::string &host) {
 
 /// Whom the other side has to be.
 void setPeerName(SSL *tls, const std::string &host, bool isChecked) {
-  if (isNumeric(host)) {
-    if (isChecked) X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(tls), host.substr(0, host.find('%')).c_str());
-    return;
+  bool isSet = true;
+  if (!isNumeric(host)) {
+    SSL_set_tlsext_host_name(tls, host.c_str());
+    if (isChecked) isSet = SSL_set1_host(tls, host.c_str()) == 1;
+  } else if (isChecked) {
+    isSet = X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(tls), host.substr(0, host.find('%')).c_str()) == 1;
   }
-  SSL_set_tlsext_host_name(tls, host.c_str());
-  if (isChecked) SSL_set1_host(tls, host.c_str());
+  if (!isSet) throw std::runtime_error("the certificate cannot be checked for " + host);
 }
 
 // --- The connection ---
@@ -212,7 +217,7 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
  private:
   /// Has a step done on the io thread. Needs no lock.
   void post(std::function<void(Connection &)> step) {
-    asio::post(executor_, [self = shared_from_this(), step = std::move(step)] { step(*self); });
+    asio::post(executor_, [self = shared_from_this(), step = std::move(step)] { self->attempt([&] { step(*self); }); });
   }
   /// Tells something, on the io thread in order, without the lock: who is told may have locks of its own.
   template <class Call>
@@ -222,8 +227,18 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   /// The handler of an operation, which is called under the lock, as are those between.
   template <class... Arguments>
   auto then(void (Connection::*step)(Arguments...)) {
-    return asio::bind_executor(executor_,
-                               [self = shared_from_this(), step](auto... arguments) { (*self.*step)(arguments...); });
+    return asio::bind_executor(executor_, [self = shared_from_this(), step](auto... arguments) {
+      self->attempt([&] { (*self.*step)(arguments...); });
+    });
+  }
+  /// A step that cannot be done ends the connection: nothing would go on.
+  template <class Step>
+  void attempt(const Step &step) {
+    try {
+      step();
+    } catch (const std::exception &problem) {
+      fail(problem.what());
+    }
   }
 
   // Opening.
@@ -233,6 +248,7 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   void encrypted(error_code error);
   void shakeHands();
   void handshakeDone(error_code error);
+  std::optional<std::string> refusal() const;
 
   // Open.
   void read();
@@ -344,11 +360,13 @@ void Connection::shakeHands() {
   stream_->write_buffer_bytes(writeBufferSize);
   stream_->read_message_max(maximumMessageSize_);
   stream_->control_callback([this](websocket::frame_type kind, beast::string_view) { controlFrameCame(kind); });
+  stream_->next_layer().setAnswerAwaited(true);
   stream_->async_handshake(response_, url_.authority, url_.target, then(&Connection::handshakeDone));
 }
 
 void Connection::handshakeDone(error_code error) {
   if (isOver()) return;
+  stream_->next_layer().setAnswerAwaited(false);
   if (error == websocket::error::upgrade_declined) {
     std::string why = fmt::format("the server answered HTTP {}", response_.result_int());
     if (!response_.reason().empty())
@@ -357,7 +375,7 @@ void Connection::handshakeDone(error_code error) {
       why += fmt::format(", which points to {}", std::string_view(place->value().data(), place->value().size()));
     return fail(why);
   }
-  if (error) return fail(reasonOf(error));
+  if (error) return fail(refusal().value_or(reasonOf(error)));
   response_ = {};
   setDeadline({});
   state_ = ReadyState::open;
@@ -365,11 +383,22 @@ void Connection::handshakeDone(error_code error) {
   read();
 }
 
+/// What a server answered whose answer has not come whole; none where that is no refusal.
+std::optional<std::string> Connection::refusal() const {
+  const std::string &answer = stream_->next_layer().answer();
+  const std::string line = answer.substr(0, answer.find_first_of("\r\n"));
+  const size_t code = line.find(' ');
+  if (!line.starts_with("HTTP/") || code == std::string::npos) return std::nullopt;
+  const std::string digits = line.substr(code + 1, 3);
+  if (digits.size() < 3 || digits == "101") return std::nullopt;
+  return "the server answered HTTP" + printable(line.substr(code));
+}
+
 // --- Receiving ---
 
 void Connection::read() {
   const bool isDropped = !stream_->is_message_done() && stream_->got_binary();
-  stream_->async_read_some(message_, isDropped ? droppedPiece : 0, then(&Connection::readDone));
+  stream_->async_read_some(message_, isDropped ? droppedPiece : textPiece, then(&Connection::readDone));
 }
 
 void Connection::readDone(error_code error, size_t) {
@@ -406,6 +435,7 @@ void Connection::consumed(size_t bytes) {
 }
 
 void Connection::controlFrameCame(websocket::frame_type kind) {
+  if (isOver()) return;
   switch (kind) {
     case websocket::frame_type::ping:
       tell([](WebSocketEvents &) { logDefault("webSocket:didReceivePingWithData"); });
@@ -502,6 +532,8 @@ void Connection::fail(const std::string &why) {
   if (isOver()) return;
   if (const size_t unsent = buffered_; !events_ && unsent > 0)
     logError("QELNKWebSocket {} has not sent its last {} bytes: {}", url_.description(), unsent, why);
+  else if (!events_)
+    logDefault("QELNKWebSocket {} has not closed in good order: {}", url_.description(), why);
   tell([why](WebSocketEvents &events) { events.failed(why); });
   finish();
 }
@@ -531,7 +563,10 @@ void Connection::setDeadline(std::chrono::milliseconds limit) {
 }
 
 void Connection::deadlinePassed() {
-  if (state_ == ReadyState::connecting) return fail(fmt::format("it was not open within {} ms", openTimeout_.count()));
+  if (state_ == ReadyState::connecting) {
+    const auto answer = stream_ ? refusal() : std::nullopt;
+    return fail(answer.value_or(fmt::format("it was not open within {} ms", openTimeout_.count())));
+  }
   if (peerCloses_) return readEnded(asio::error::timed_out);  // it has said that it closes, and does not
   if (!closeBegun_ && std::exchange(writesSeen_, stream_->next_layer().writes()) != stream_->next_layer().writes())
     return setDeadline(closeTimeout_);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <boost/asio/associated_executor.hpp>
 #include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -9,11 +12,13 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/beast/websocket/teardown.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace qelnk {
@@ -43,8 +48,27 @@ class WebSocketTransport {
   /// Whether the other side has said, or is to say, that it closes, so that its end is worth waiting for.
   void setClosing() { isClosing_ = true; }
 
+  /// While the answer to the opening is awaited its begin is kept: of one that does not come whole nothing else is
+  /// seen.
+  void setAnswerAwaited(bool is) { isAnswerAwaited_ = is; }
+  const std::string &answer() const { return answer_; }
+
   template <class Buffers, class Handler>
   void async_read_some(const Buffers &buffers, Handler &&handler) {
+    if (isAnswerAwaited_) {
+      const auto executor = asio::get_associated_executor(handler, get_executor());
+      readSome(buffers, asio::bind_executor(executor, [this, buffers, own = std::forward<Handler>(handler)](
+                                                          boost::system::error_code error, size_t size) mutable {
+                 keep(buffers, size);
+                 own(error, size);
+               }));
+    } else {
+      readSome(buffers, std::forward<Handler>(handler));
+    }
+  }
+
+  template <class Buffers, class Handler>
+  void readSome(const Buffers &buffers, Handler &&handler) {
     if (tls_)
       tls_->stream.async_read_some(buffers, std::forward<Handler>(handler));
     else
@@ -86,8 +110,20 @@ class WebSocketTransport {
     TLS stream;
     std::array<uint8_t, 16384> record;
   };
+  template <class Buffers>
+  void keep(const Buffers &buffers, size_t size) {
+    constexpr size_t longest = 128;
+    for (const asio::const_buffer part : boost::beast::buffers_range_ref(buffers)) {
+      const size_t count = std::min({size, part.size(), longest - answer_.size()});
+      answer_.append(static_cast<const char *>(part.data()), count);
+      size -= std::min(size, part.size());
+    }
+  }
+
   Socket socket_;
   std::unique_ptr<Encryption> tls_;
+  bool isAnswerAwaited_ = false;
+  std::string answer_;
   uint64_t writes_ = 0;
   bool isClosing_ = false;
 };

@@ -48,6 +48,12 @@ std::string escaped(std::string_view target) {
 
 }  // namespace
 
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }, '?');
+  return text;
+}
+
 std::optional<WebSocketURL> WebSocketURL::parse(std::string_view text) {
   // None of these belongs into a URL, and they would end a line of the request.
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == 0x7F; };
@@ -76,7 +82,8 @@ std::optional<WebSocketURL> WebSocketURL::parse(std::string_view text) {
   } else {
     url.host = place.substr(0, place.find(':'));
     place.remove_prefix(url.host.size());
-    if (url.host.empty()) return std::nullopt;
+    const auto isASCII = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    if (url.host.empty() || !std::all_of(url.host.begin(), url.host.end(), isASCII)) return std::nullopt;
     url.authority = url.host;
   }
   const uint16_t usual = url.isSecure ? 443 : 80;

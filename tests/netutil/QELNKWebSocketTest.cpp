@@ -95,6 +95,15 @@ TEST(WebSocketURLTest, Parts) {
     EXPECT_EQ(parts(text), "none") << text;
 }
 
+/// What a server's script has found, unless that fails.
+template <class Result>
+Result resultOf(std::promise<Result> &promise) {
+  auto future = promise.get_future();
+  if (future.wait_for(60s) == std::future_status::ready) return future.get();
+  ADD_FAILURE() << "the server did not come to an end";
+  return {};
+}
+
 TEST(QELNKWebSocketTest, MessagesBothWays) {
   const CapturedLog log(LogLevel::standard);
   std::promise<std::vector<std::string>> received;
@@ -124,7 +133,7 @@ TEST(QELNKWebSocketTest, MessagesBothWays) {
   EXPECT_TRUE(webSocket->sendData(Data("\xFF bytes")));
   EXPECT_TRUE(webSocket->sendString(""));
   EXPECT_TRUE(webSocket->sendString("last"));
-  EXPECT_EQ(received.get_future().get(), (std::vector<std::string>{"\xC3\xA4", "\xFF bytes as bytes", "", "last"}));
+  EXPECT_EQ(resultOf(received), (std::vector<std::string>{"\xC3\xA4", "\xFF bytes as bytes", "", "last"}));
   ASSERT_TRUE(host.awaits("16777216 bytes"));
   EXPECT_EQ(host.observer->told(), (std::vector<std::string>{"open", "", "\xC3\xA4!", "16777216 bytes"}));
   EXPECT_EQ(log.lines(), (std::vector<std::string>{"webSocket:didReceivePingWithData", "webSocket:didReceivePong",
@@ -228,6 +237,7 @@ INSTANTIATE_TEST_SUITE_P(
         Failing{"StallWithinTheAnswer", answering("HTTP/1.1 101 Swi"), "it was not open within 300 ms"},
         Failing{"NotFound", answering("HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno"),
                 "the server answered HTTP 404 Not Found"},
+        Failing{"RefusalWithoutAnEnd", answering("HTTP/1.1 503 Busy\r\n\r\nno"), "the server answered HTTP 503 Busy"},
         Failing{"Redirect", answering("HTTP/1.1 301 Moved\r\nLocation: ws://other/\r\nContent-Length: 0\r\n\r\n"),
                 "the server answered HTTP 301 Moved, which points to ws://other/"},
         Failing{"Garbage", answering("SSH-2.0-OpenSSH\r\n\r\n"), noWebSocket},
@@ -336,7 +346,7 @@ TEST(QELNKWebSocketTest, SendsThatFail) {
   std::promise<void> go;
   std::promise<size_t> size;
   const Server server(Server::shaken([&](Server::Stream &stream) {
-    go.get_future().wait();
+    go.get_future().wait_for(60s);
     size.set_value(Server::receive(stream).size());
   }));
   Host host;
@@ -355,7 +365,7 @@ TEST(QELNKWebSocketTest, SendsThatFail) {
   EXPECT_FALSE(webSocket->sendString("more"));
   EXPECT_EQ(webSocket->bufferedAmount(), size_t(16) << 20);
   go.set_value();
-  EXPECT_EQ(size.get_future().get(), size_t(16) << 20);
+  EXPECT_EQ(resultOf(size), size_t(16) << 20);
 }
 
 TEST(QELNKWebSocketTest, ManyThreadsSend) {
@@ -375,7 +385,7 @@ TEST(QELNKWebSocketTest, ManyThreadsSend) {
     });
   webSocket = nullptr;  // the last of the threads lets go of it
   for (std::thread &thread : threads) thread.join();
-  EXPECT_EQ(received.get_future().get().count(std::string(9900, 'c')), 1U);
+  EXPECT_EQ(resultOf(received).count(std::string(9900, 'c')), 1U);
 }
 
 // --- The end ---
@@ -395,7 +405,7 @@ TEST(QELNKWebSocketTest, WhatWasSentGoesOutBeforeItCloses) {
   webSocket = nullptr;
   EXPECT_TRUE(weak.expired());
   EXPECT_TRUE(QELNKWebSocket::waitUntilClosed(30s));
-  EXPECT_EQ(code.get_future().get(), "1000");
+  EXPECT_EQ(resultOf(code), "1000");
   EXPECT_EQ(received, size_t(50) << 18);
 }
 
@@ -403,7 +413,7 @@ TEST(QELNKWebSocketTest, APeerThatDoesNotCloseIsLeftAfterATime) {
   const CapturedLog log(LogLevel::standard);
   std::promise<void> end;
   auto ended = end.get_future().share();
-  const Server server(Server::shaken([ended](Server::Stream &) { ended.wait(); }));
+  const Server server(Server::shaken([ended](Server::Stream &) { ended.wait_for(60s); }));
   for (const bool fills : {false, true}) {
     Host host;
     host.options.closeTimeout = 300ms;
