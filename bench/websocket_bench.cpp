@@ -133,11 +133,19 @@ class Client {
   bench::Gate done_;
 };
 
+/// A host's queue that hands nothing over: callbacks are made on the WebSockets' io thread.
+struct NoQueue final : qelnk::Queue {
+  void async(qelnk::Task task) override { task(); }
+  bool isCurrent() const override { return true; }
+  const std::string &label() const override { return name; }
+  const std::string name = "none";
+};
+
 class Ours final : public Client {
  public:
-  explicit Ours(const std::string &url) : observer_(std::make_shared<Observer>(*this)) {
+  Ours(const std::string &url, std::shared_ptr<qelnk::Queue> queue) : observer_(std::make_shared<Observer>(*this)) {
     QELNKWebSocketOptions options;
-    options.queue = qelnk::Queue::serial("bench");
+    options.queue = std::move(queue);
     options.maximumBufferedAmount = SIZE_MAX;
     webSocket_ = QELNKWebSocket::create(url, observer_, options);
     bench::require(observer_->opened.pass(), "open");
@@ -254,9 +262,11 @@ void contest(const Server &server, const std::string &name, const std::string &p
   const auto entry = [&](const char *peer, std::shared_ptr<Client> client) {
     return bench::RatedEntry{peer, [client, exchange](int64_t n) { (client.get()->*exchange)(n); }, 1};
   };
+  const std::string url = "ws://" + server.address() + path;
   bench::contestOfRates(name,
-                        {entry("ours", std::make_shared<Ours>("ws://" + server.address() + path)),
+                        {entry("ours", std::make_shared<Ours>(url, qelnk::Queue::serial("bench"))),
                          entry("beast-handing-over", std::make_shared<Bare>(server, path, true)),
+                         entry("ours-one-thread", std::make_shared<Ours>(url, std::make_shared<NoQueue>())),
                          entry("beast-one-thread", std::make_shared<Bare>(server, path, false))},
                         15, count);
 }
