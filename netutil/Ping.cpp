@@ -419,7 +419,7 @@ void Ping::sendRequest() {
 // --- Receiving ---
 
 std::string Ping::nameOf(const in_addr &address) const {
-  const std::string text = textOf(address);
+  std::string text = textOf(address);
   if (options_.has(QELNKPingNumeric) || !surroundings_.isTool) return text;
   sockaddr_in socketAddress{};
   socketAddress.sin_family = AF_INET;

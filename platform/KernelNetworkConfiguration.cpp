@@ -222,7 +222,7 @@ std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services(
       guests.push_back(services.size());
     }
     const auto identify = [&](const std::string &by) {
-      service.identifier = boost::uuids::to_string(generator(machine + ' ' + by));
+      service.identifier = boost::uuids::to_string(generator(fmt::format("{} {}", machine, by)));
       return identifiers.insert(service.identifier).second;
     };
     if (own.empty() || !identify(own)) identify("device " + link.name);

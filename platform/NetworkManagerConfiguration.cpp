@@ -138,7 +138,7 @@ std::optional<std::vector<std::string>> NetworkManagerConfiguration::ipv4Address
 
 std::string NetworkManagerConfiguration::primaryInterface() {
   // It knows its own connections alone.
-  const std::string ofKernel = kernel_->primaryInterface();
+  std::string ofKernel = kernel_->primaryInterface();
   if (const Device *device = deviceWith(ofKernel); device && device->isKernels) return ofKernel;
   const Path primary = property<Path>(get(theManager, theService), "PrimaryConnection");
   if (isNone(primary)) return ofKernel;

@@ -10,6 +10,7 @@ namespace {
 Exit ping(std::vector<std::string> words) {
   words.insert(words.begin(), "ping");
   std::vector<char *> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string &word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
   qelNKPing(int(words.size()), arguments.data());
