@@ -87,11 +87,12 @@ class Network(ToolTest):
                 break
         process.send_signal(signal.SIGQUIT)
         self.assertRegex(process.stderr.readline().decode(),
-                         r"^\r\d+/\d+ packets received \(100\.0%\) [\d.]+ min / [\d.]+ avg / [\d.]+ max$")
+                         r"^\r\d+/\d+ packets received \([\d.]+%\) [\d.]+ min / [\d.]+ avg / [\d.]+ max$")
         process.send_signal(signal.SIGINT)
         result = self.finish(process)
         self.assertEqual(result.code, 0)
-        self.assertRegex(result.out.decode(), r"(\d+) packets transmitted, \1 packets received, 0\.0% packet loss")
+        # The last request may have gone out just before, and its reply not have come.
+        self.assertRegex(result.out.decode(), r"\d+ packets transmitted, [1-9]\d* packets received, [\d.]+% packet loss")
 
     def test_watch(self):
         self.assertEqual(qelnk("watch", "localhost").code, 64)
