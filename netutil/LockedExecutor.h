@@ -1,52 +1,141 @@
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <thread>
+#include <type_traits>
 #include <utility>
+#include <vector>
+
+#include "platform/Guard.h"
 
 namespace qelnk {
 
-/// Runs what an object's operations have to do on the io context's thread, and under the object's lock. So any thread
-/// that holds the lock may begin an operation: what can be done at once then costs no change of threads.
+/// Runs what an object's operations have to do under the object's lock: on the io context's thread, or on any thread
+/// that holds the lock to begin an operation, for as much of it as can be done at once. That costs no change of threads.
 class LockedExecutor {
  public:
-  using Mutex = std::recursive_mutex;  // an operation may go on within the handler of another
+  explicit LockedExecutor(boost::asio::io_context &context) : shared_(std::make_shared<Shared>(context)) {}
 
-  explicit LockedExecutor(boost::asio::io_context &context) : context_(&context) {}
-  Mutex &mutex() const { return *mutex_; }
+  /// Does something under the lock, on any thread, and what is there to be done behind it.
+  template <class Function>
+  auto locked(const Function &function) const {
+    const Section section(shared_, Thread::any);
+    return function();
+  }
+
+  /// Has something done on the io context's thread, in order, without the lock: by a handler's thread at once when it
+  /// gives the lock back. The caller holds the lock.
+  template <class Function>
+  void afterwards(Function &&function) const {
+    shared_->afterwards.push_back(step(std::forward<Function>(function)));
+  }
 
   // As Asio wants an executor.
-  boost::asio::io_context &context() const noexcept { return *context_; }
-  void on_work_started() const noexcept { context_->get_executor().on_work_started(); }
-  void on_work_finished() const noexcept { context_->get_executor().on_work_finished(); }
+  boost::asio::io_context &context() const noexcept { return shared_->context; }
+  void on_work_started() const noexcept { shared_->context.get_executor().on_work_started(); }
+  void on_work_finished() const noexcept { shared_->context.get_executor().on_work_finished(); }
   template <class Function, class Allocator>
   void dispatch(Function &&function, const Allocator &allocator) const {
-    context_->get_executor().dispatch(locked(std::forward<Function>(function)), allocator);
+    if (shared_->isHeldHere())
+      std::decay_t<Function>(std::forward<Function>(function))();
+    else
+      shared_->context.get_executor().dispatch(handler(std::forward<Function>(function)), allocator);
   }
   template <class Function, class Allocator>
   void post(Function &&function, const Allocator &allocator) const {
-    context_->get_executor().post(locked(std::forward<Function>(function)), allocator);
+    if (shared_->isHeldHere())
+      shared_->next.push_back(step(std::forward<Function>(function)));
+    else
+      shared_->context.get_executor().post(handler(std::forward<Function>(function)), allocator);
   }
   template <class Function, class Allocator>
   void defer(Function &&function, const Allocator &allocator) const {
-    context_->get_executor().defer(locked(std::forward<Function>(function)), allocator);
+    post(std::forward<Function>(function), allocator);
   }
-  friend bool operator==(const LockedExecutor &a, const LockedExecutor &b) noexcept { return a.mutex_ == b.mutex_; }
+  friend bool operator==(const LockedExecutor &a, const LockedExecutor &b) noexcept { return a.shared_ == b.shared_; }
   friend bool operator!=(const LockedExecutor &a, const LockedExecutor &b) noexcept { return !(a == b); }
 
  private:
-  /// Keeps the mutex until the lock is given back: the object may go in between.
+  struct Step {
+    virtual ~Step() = default;
+    virtual void run() = 0;
+    void runGuardedly() { runGuarded("A WebSocket", [this] { run(); }); }
+  };
   template <class Function>
-  auto locked(Function &&function) const {
-    return [mutex = mutex_, own = std::forward<Function>(function)]() mutable {
-      const std::lock_guard lock(*mutex);
+  struct StepOf final : Step {
+    explicit StepOf(Function own) : function(std::move(own)) {}
+    void run() override { function(); }
+    Function function;
+  };
+  template <class Function>
+  static std::unique_ptr<Step> step(Function &&function) {
+    return std::make_unique<StepOf<std::decay_t<Function>>>(std::forward<Function>(function));
+  }
+
+  struct Shared {
+    explicit Shared(boost::asio::io_context &own) : context(own) {}
+    bool isHeldHere() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
+
+    boost::asio::io_context &context;
+    std::mutex mutex;
+    std::atomic<std::thread::id> holder{};
+    std::deque<std::unique_ptr<Step>> next;         // under the lock
+    std::vector<std::unique_ptr<Step>> afterwards;  // without it
+  };
+
+  enum class Thread { io, any };
+  class Section {
+   public:
+    Section(std::shared_ptr<Shared> shared, Thread thread)
+        : shared_(std::move(shared)), thread_(thread), lock_(shared_->mutex) {
+      shared_->holder.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    }
+    ~Section() {
+      doNext();
+      auto afterwards = std::exchange(shared_->afterwards, {});
+      shared_->holder.store({}, std::memory_order_relaxed);
+      lock_.unlock();
+      for (auto &each : afterwards) {
+        if (thread_ == Thread::io)
+          each->runGuardedly();
+        else
+          boost::asio::post(shared_->context, [own = std::move(each)] { own->run(); });
+      }
+    }
+    Section(const Section &) = delete;
+    Section &operator=(const Section &) = delete;
+
+   private:
+    void doNext() {
+      // Not for ever: others wait for the lock, and for the io thread.
+      for (int left = 16; left > 0 && !shared_->next.empty(); --left) {
+        const auto step = std::move(shared_->next.front());
+        shared_->next.pop_front();
+        step->runGuardedly();
+      }
+      if (!shared_->next.empty()) boost::asio::post(shared_->context, [shared = shared_] { Section(shared, Thread::io); });
+    }
+
+    const std::shared_ptr<Shared> shared_;
+    const Thread thread_;
+    std::unique_lock<std::mutex> lock_;
+  };
+
+  /// Keeps what is shared until all is done: the object may go in between.
+  template <class Function>
+  auto handler(Function &&function) const {
+    return [shared = shared_, own = std::decay_t<Function>(std::forward<Function>(function))]() mutable {
+      const Section section(shared, Thread::io);
       own();
     };
   }
 
-  boost::asio::io_context *context_;
-  std::shared_ptr<Mutex> mutex_ = std::make_shared<Mutex>();
+  std::shared_ptr<Shared> shared_;
 };
 
 }  // namespace qelnk

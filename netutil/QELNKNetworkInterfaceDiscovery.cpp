@@ -37,6 +37,12 @@ Discovery::Interface firstOf(const Discovery::Interfaces &interfaces, const Cond
 
 bool isActive(const Discovery::Interface &interface) { return !interface->currentIPv4().empty(); }
 
+Discovery::Interface primaryOf(NetworkConfiguration &configuration, const Discovery::Interfaces &interfaces) {
+  const std::string primary = configuration.primaryInterface();
+  if (primary.empty()) return nullptr;
+  return firstOf(interfaces, [&](const auto &interface) { return interface->deviceName() == primary; });
+}
+
 }  // namespace
 
 Discovery::Interfaces Discovery::interfaces() { return interfacesOf(*NetworkConfiguration::open()); }
@@ -56,10 +62,7 @@ Discovery::Interface Discovery::localInterface() {
 
 Discovery::Interface Discovery::primaryInterface() {
   const auto configuration = NetworkConfiguration::open();
-  const std::string primary = configuration->primaryInterface();
-  if (primary.empty()) return nullptr;
-  return firstOf(interfacesOf(*configuration),
-                 [&](const Interface &interface) { return interface->deviceName() == primary; });
+  return primaryOf(*configuration, interfacesOf(*configuration));
 }
 
 Discovery::Interface Discovery::firstIPv4Interface() { return firstOf(interfaces(), isActive); }
@@ -71,11 +74,15 @@ Discovery::Interface Discovery::interfaceForUUID(const std::optional<std::string
 }
 
 Discovery::Interface Discovery::bestNetworkInterfacePreferringUUID(const std::optional<std::string> &uuid) {
-  if (auto preferred = interfaceForUUID(uuid, true)) return preferred;
+  // Read once: where NetworkManager is slow that takes long enough.
+  const auto configuration = NetworkConfiguration::open();
+  const Interfaces all = interfacesOf(*configuration);
+  const auto isPreferred = [&](const Interface &it) { return uuid && isActive(it) && it->deviceUUID() == *uuid; };
+  if (auto preferred = firstOf(all, isPreferred)) return preferred;
   logDefault("No active network interfaces found, will try first primary interface");
-  if (auto primary = primaryInterface()) return primary;
+  if (auto primary = primaryOf(*configuration, all)) return primary;
   logDefault("No primary interface found, will try first IPv4 interface");
-  if (auto first = firstIPv4Interface()) return first;
+  if (auto first = firstOf(all, isActive)) return first;
   logDefault("No IPv4 interfaces found, binding to local loopback");
   return localInterface();
 }

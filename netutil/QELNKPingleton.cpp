@@ -73,7 +73,7 @@ void QELNKPingleton::startWatchingIP(const std::string &address, std::weak_ptr<Q
   {
     const std::lock_guard lock(mutex_);
     auto &watched = watched_[address];
-    if (!watched) watched = std::make_shared<Watched>();
+    if (!watched || watched->observer.expired()) watched = std::make_shared<Watched>();
     watched->observer.swap(observer);
   }
   try {

@@ -222,7 +222,7 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   /// Tells something, on the io thread in order, without the lock: who is told may have locks of its own.
   template <class Call>
   void tell(Call call) {
-    if (events_) asio::post(*context_, [events = events_, own = std::move(call)]() mutable { own(*events); });
+    if (events_) executor_.afterwards([events = events_, own = std::move(call)]() mutable { own(*events); });
   }
   /// The handler of an operation, which is called under the lock, as are those between.
   template <class... Arguments>
@@ -251,6 +251,7 @@ class Connection final : public WebSocketConnection, public std::enable_shared_f
   std::optional<std::string> refusal() const;
 
   // Open.
+  bool queue(Payload &&payload, Error &error);
   void read();
   void readDone(error_code error, size_t);
   void messageDone();
@@ -455,8 +456,11 @@ void Connection::controlFrameCame(websocket::frame_type kind) {
 // --- Sending ---
 
 bool Connection::send(Payload payload, Error &error) {
+  return executor_.locked([&] { return queue(std::move(payload), error); });
+}
+
+bool Connection::queue(Payload &&payload, Error &error) {
   const size_t size = sizeOf(payload);
-  const std::lock_guard lock(executor_.mutex());
   if (state_ != ReadyState::open) return true;
   if (buffered_ > 0 && buffered_ + size > maximumBufferedAmount_) {
     error = {
@@ -483,7 +487,10 @@ void Connection::writeNext() {
 
 void Connection::written(error_code error, size_t) {
   if (isOver()) return queued_.clear();
-  if (error && peerCloses_) return;  // the peer takes no more, which is told once it has closed
+  if (error && peerCloses_) {  // it takes no more, which is told once it has closed
+    isWriting_ = false;
+    return;
+  }
   if (error) return fail(reasonOf(error));
   buffered_ -= sizeOf(queued_.front());
   queued_.pop_front();
@@ -543,6 +550,7 @@ void Connection::finish() {
   if (isOver()) return;
   state_ = ReadyState::closed;
   buffered_ = 0;
+  if (!isWriting_) queued_.clear();
   ++deadlineNumber_;
   deadline_.cancel();
   if (const auto connector = std::exchange(connector_, nullptr)) connector->cancel();

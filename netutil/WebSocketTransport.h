@@ -12,6 +12,7 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/buffer_traits.hpp>
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/beast/websocket/teardown.hpp>
@@ -34,6 +35,7 @@ class WebSocketTransport {
 
   /// Encrypts where a context is given.
   WebSocketTransport(Socket socket, asio::ssl::context *context) : socket_(std::move(socket)) {
+    socket_.non_blocking(true);
     if (context) tls_ = std::make_unique<Encryption>(socket_, *context);
   }
   WebSocketTransport(const WebSocketTransport &) = delete;
@@ -78,10 +80,22 @@ class WebSocketTransport {
   template <class Buffers, class Handler>
   void async_write_some(const Buffers &buffers, Handler &&handler) {
     ++writes_;
-    if (!tls_) return socket_.async_write_some(buffers, std::forward<Handler>(handler));
+    if (!tls_) return writeSome(buffers, std::forward<Handler>(handler));
     // Each write is a record of its own: a frame's header goes with its payload.
     const size_t size = asio::buffer_copy(asio::buffer(tls_->record), buffers);
     tls_->stream.async_write_some(asio::buffer(tls_->record.data(), size), std::forward<Handler>(handler));
+  }
+
+  /// Little is sent by whoever sends it, for waking another thread costs more than that; with much the io thread keeps
+  /// the pace of the other side.
+  template <class Buffers, class Handler>
+  void writeSome(const Buffers &buffers, Handler &&handler) {
+    boost::system::error_code error = asio::error::would_block;
+    size_t size = 0;
+    if (boost::beast::buffer_bytes(buffers) <= little) size = socket_.write_some(buffers, error);
+    if (error == asio::error::would_block) return socket_.async_write_some(buffers, std::forward<Handler>(handler));
+    const auto executor = asio::get_associated_executor(handler, get_executor());
+    asio::post(executor, boost::beast::bind_front_handler(std::forward<Handler>(handler), error, size));
   }
 
   /// What a closed or failed WebSocket does at last.
@@ -105,6 +119,7 @@ class WebSocketTransport {
   }
 
  private:
+  static constexpr size_t little = size_t(64) << 10;
   struct Encryption {
     Encryption(Socket &socket, asio::ssl::context &context) : stream(socket, context) {}
     TLS stream;

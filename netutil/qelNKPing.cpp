@@ -2,12 +2,16 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <mutex>
+#include <optional>
+#include <set>
 
 #include "netutil/Ping.h"
 
@@ -30,21 +34,29 @@ void onStatus(int) { statusAsked = true; }
 /// is the end of the process. A run that is told to finish but escapes leaves that to the next one.
 class Signals {
  public:
-  explicit Signals(unsigned timeout) : timeout_(timeout) {
+  /// The process is told of the nearest time-out; none is zero.
+  explicit Signals(std::chrono::seconds timeout) {
     const std::lock_guard lock(mutex);
-    if (runs++ == 0)
+    if (runs++ == 0) {
+      hasReply = false;
       for (size_t i = 0; i < std::size(numbers); ++i) {
         struct sigaction action {};
         action.sa_handler = numbers[i] == SIGQUIT ? onStatus : onFinish;
         action.sa_flags = SA_RESTART;
         sigaction(numbers[i], &action, &before[i]);
       }
-    if (timeout_) alarm(timeout_);
+    }
+    if (timeout.count() == 0) return;
+    timeout_ = timeouts.insert(Clock::now() + timeout);
+    setAlarm();
   }
   ~Signals() {
     const std::lock_guard lock(mutex);
     if (atEnd) return;
-    if (timeout_) alarm(0);
+    if (timeout_) {
+      timeouts.erase(*timeout_);
+      setAlarm();
+    }
     if (--runs == 0)
       for (size_t i = 0; i < std::size(numbers); ++i) sigaction(numbers[i], &before[i], nullptr);
   }
@@ -59,13 +71,25 @@ class Signals {
   }
 
  private:
+  using Clock = std::chrono::steady_clock;
+  using Timeouts = std::multiset<Clock::time_point>;
+  static void setAlarm() {
+    if (timeouts.empty()) {
+      alarm(0);
+      return;
+    }
+    const auto left = std::chrono::ceil<std::chrono::seconds>(*timeouts.begin() - Clock::now());
+    alarm(unsigned(std::max<int64_t>(1, left.count())));
+  }
+
   static constexpr int numbers[] = {SIGINT, SIGALRM, SIGQUIT};
   static inline std::mutex mutex;
+  static inline auto &timeouts = *new Timeouts;
   static inline int runs = 0;
   static inline bool atEnd = false;
   static inline struct sigaction before[std::size(numbers)];
 
-  const unsigned timeout_;  // seconds
+  std::optional<Timeouts::iterator> timeout_;
 };
 
 void printTo(FILE *stream, std::string_view text) {
@@ -99,8 +123,8 @@ int32_t qelNKPing(int argc, char *const argv[]) {
     surroundings.takeStatusRequest = [] { return statusAsked.exchange(false); };
     surroundings.willFinish = Signals::ignore;
     surroundings.replied = [] { hasReply = true; };
-    const Signals signals{unsigned(options.timeout)};
-    Ping ping(options, surroundings);
+    Ping ping(options, surroundings);  // Ctrl-C ends the look-up of the name, which does not look at flags
+    const Signals signals{std::chrono::seconds(options.timeout)};
     return ping.run();
   } catch (const PingExit &exit) {
     endProcess(exit.code(), exit.isUsage() || !*exit.what() ? exit.what() : behindName(exit.what()));

@@ -25,9 +25,11 @@ using Properties = std::map<std::string, sdbus::Variant>;
 using Path = sdbus::ObjectPath;
 using Objects = std::map<Path, std::map<std::string, Properties>>;  // what each has, by interface
 
-const std::string theService = "org.freedesktop.NetworkManager";
-const Path theManager = "/org/freedesktop/NetworkManager";
-constexpr std::chrono::seconds longestWait{2};
+// Never destroyed: the thread that asks may outlive the exit handlers.
+const auto &theService = *new std::string("org.freedesktop.NetworkManager");
+const auto &theManager = *new Path("/org/freedesktop/NetworkManager");
+/// A caller waits so long. Its question stays for as long as the answer may come: it is not asked a second time.
+constexpr std::chrono::seconds longestWait{2}, longestAnswer{60};
 
 // Its kinds of devices and states.
 constexpr uint32_t kindEthernet = 1, kindWiFi = 2, kindBond = 10, kindVLAN = 11, kindTeam = 15, kindMacvlan = 18,
@@ -155,7 +157,7 @@ std::optional<Objects> askForEverything() {
     sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")
         ->callMethod("NameHasOwner")
         .onInterface("org.freedesktop.DBus")
-        .withTimeout(longestWait)
+        .withTimeout(longestAnswer)
         .withArguments(theService)
         .storeResultsTo(runs);
     if (!runs) return std::nullopt;
@@ -164,7 +166,7 @@ std::optional<Objects> askForEverything() {
     sdbus::createProxy(*connection, theService, "/org/freedesktop")
         ->callMethod("GetManagedObjects")
         .onInterface("org.freedesktop.DBus.ObjectManager")
-        .withTimeout(longestWait)
+        .withTimeout(longestAnswer)
         .storeResultsTo(objects);
     return objects;
   } catch (const std::exception &error) {

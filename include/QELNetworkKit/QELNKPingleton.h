@@ -18,7 +18,7 @@ class QELNK_EXPORT QELNKPingletonDelegate {
 
 /// Watches whether machines still answer: pings each IPv4 address every two seconds and tells an observer once when a
 /// reply is missed, two to four seconds after the last. That ends the watch; so does, within seconds, that the observer
-/// has gone.
+/// has gone. A watch keeps its pingleton: letting the observer go is what ends it.
 ///
 ///     QELNKPingleton::sharedPingleton()->startWatchingIP("192.168.1.20", observer);
 ///

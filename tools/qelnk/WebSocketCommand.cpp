@@ -28,7 +28,7 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
     if (output_.json()) output_.event("closed");
   }
   void webSocket(const Target &, const std::string &text) override {
-    if (wanted_ && count_ == *wanted_) return;
+    if (hasAll()) return;
     ++count_;
     if (output_.json())
       output_.event("text", {{"text", text}});
@@ -43,7 +43,8 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
     if (!sent) throw Failure(Exit::failed, "not sent: " + error.description);
   }
   void close();
-  bool isDone() const { return ended_ || (wanted_ && count_ == *wanted_); }
+  bool hasAll() const { return wanted_ && count_ == *wanted_; }
+  bool isDone() const { return ended_ || hasAll(); }
 
   const Arguments &arguments_;
   Session &session_;
@@ -52,6 +53,7 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
   const std::optional<int64_t> wanted_;
   std::vector<qelnk::Data> files_;
   int64_t count_ = 0;
+  bool hasSent_ = false;
   Target webSocket_;
   bool isOpen_ = false, ended_ = false;
   std::optional<Failure> failure_;
@@ -80,7 +82,8 @@ void Client::open() {
   options.openTimeout = std::chrono::milliseconds(std::max<int64_t>(1, int64_t(timeout_ * 1000)));
   options.closedBlock = [this](const Target &, uint16_t, const std::string &reason, bool wasClean) {
     ended_ = true;
-    if (!wasClean) failure_ = Failure(Exit::failed, arguments_[0] + ": " + reason);
+    // Who has all that it wanted, and lost nothing, does not mind how the other side ends.
+    if (!wasClean && (hasSent_ || !hasAll())) failure_ = Failure(Exit::failed, arguments_[0] + ": " + reason);
   };
   webSocket_ = QELNKWebSocket::create(arguments_[0], weak_from_this(), std::move(options));
   session_.waitUntil([this] { return ended_ || isOpen_; });
@@ -95,11 +98,13 @@ void Client::send() {
     return !isDone() && !session_.stopped();
   };
   while (const auto line = session_.readLine([this] { return isDone(); })) {
+    hasSent_ = true;
     check(webSocket_->sendString(*line, &error), error);
     if (!room()) return;
   }
   for (const qelnk::Data &file : files_) {
     if (!room()) return;
+    hasSent_ = true;
     check(webSocket_->sendData(file, &error), error);
   }
 }
