@@ -16,7 +16,8 @@
 namespace qelnk {
 
 /// Runs what an object's operations have to do under the object's lock: on the io context's thread, or on any thread
-/// that holds the lock to begin an operation, for as much of it as can be done at once. That costs no change of threads.
+/// that holds the lock to begin an operation, for as much of it as can be done at once. That costs no change of
+/// threads.
 class LockedExecutor {
  public:
   explicit LockedExecutor(boost::asio::io_context &context) : shared_(std::make_shared<Shared>(context)) {}
@@ -28,8 +29,8 @@ class LockedExecutor {
     return function();
   }
 
-  /// Has something done on the io context's thread, in order, without the lock: by a handler's thread at once when it
-  /// gives the lock back. The caller holds the lock.
+  /// Has something done on the io context's thread, in order, without the lock; where that thread has it, as soon as it
+  /// gives it back. The caller holds the lock.
   template <class Function>
   void afterwards(Function &&function) const {
     shared_->afterwards.push_back(step(std::forward<Function>(function)));
@@ -64,7 +65,9 @@ class LockedExecutor {
   struct Step {
     virtual ~Step() = default;
     virtual void run() = 0;
-    void runGuardedly() { runGuarded("A WebSocket", [this] { run(); }); }
+    void runGuardedly() {
+      runGuarded("A WebSocket", [this] { run(); });
+    }
   };
   template <class Function>
   struct StepOf final : Step {
@@ -97,15 +100,15 @@ class LockedExecutor {
     }
     ~Section() {
       doNext();
-      auto afterwards = std::exchange(shared_->afterwards, {});
+      // The io thread alone does these, in order, whoever left them.
+      std::vector<std::unique_ptr<Step>> afterwards;
+      if (thread_ == Thread::io)
+        afterwards.swap(shared_->afterwards);
+      else if (!shared_->afterwards.empty())
+        visitIOThread();
       shared_->holder.store({}, std::memory_order_relaxed);
       lock_.unlock();
-      for (auto &each : afterwards) {
-        if (thread_ == Thread::io)
-          each->runGuardedly();
-        else
-          boost::asio::post(shared_->context, [own = std::move(each)] { own->run(); });
-      }
+      for (const auto &step : afterwards) step->runGuardedly();
     }
     Section(const Section &) = delete;
     Section &operator=(const Section &) = delete;
@@ -118,7 +121,10 @@ class LockedExecutor {
         shared_->next.pop_front();
         step->runGuardedly();
       }
-      if (!shared_->next.empty()) boost::asio::post(shared_->context, [shared = shared_] { Section(shared, Thread::io); });
+      if (!shared_->next.empty()) visitIOThread();
+    }
+    void visitIOThread() {
+      boost::asio::post(shared_->context, [shared = shared_] { Section(shared, Thread::io); });
     }
 
     const std::shared_ptr<Shared> shared_;
