@@ -22,7 +22,7 @@ struct Observer final : qelnk::NetServiceDelegate, std::enable_shared_from_this<
     std::printf("published as \"%s\"\n", service->name().c_str());  // another one of that name makes it "... #2"
     wanted = NetService::create("", type, service->name());
     wanted->setDelegate(weak_from_this());
-    wanted->resolveWithTimeout(15s);
+    wanted->resolveWithTimeout(20s);
   }
   void netServiceDidNotPublish(const Service &, std::error_code error) override {
     std::fprintf(stderr,
@@ -53,7 +53,7 @@ int main() {
   ours->setDelegate(observer);
   ours->publish();
 
-  auto limit = loop->performAfter(20s, [&] { loop->stop(); });
+  auto limit = loop->performAfter(30s, [&] { loop->stop(); });
   loop->run();
   limit->cancel();
   if (!observer->found) std::fputs(observer->published ? "not found\n" : "not published\n", stderr);

@@ -105,6 +105,17 @@ TEST_F(HostLoop, TimersAndDescriptorsReachIt) {
   close(fd);
 }
 
+TEST_F(HostLoop, NestedInATaskServesWhatComesBehind) {
+  bool behind = false, timer = false, isOver = false;
+  Queue::main()->async([&] {
+    Queue::main()->async([&] { behind = true; });
+    loop->performAfter(1ms, [&] { timer = true; });
+    EXPECT_TRUE(serveUntil([&] { return behind && timer; }));
+    isOver = true;
+  });
+  EXPECT_TRUE(serveUntil([&] { return isOver; }));
+}
+
 TEST_F(HostLoop, TimersOnAClockMovedByHandReachIt) {
   const auto clock = std::make_shared<ManualClock>();
   loop->setClock(clock);
