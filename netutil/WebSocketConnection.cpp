@@ -482,6 +482,7 @@ void Connection::writeNext() {
   const Payload &payload = queued_.front();
   stream_->text(std::holds_alternative<std::string>(payload));
   const auto bytes = std::visit([](const auto &it) { return asio::buffer(it.data(), it.size()); }, payload);
+  stream_->next_layer().beginMessage(bytes.size());
   stream_->async_write(bytes, then(&Connection::written));
 }
 

@@ -12,7 +12,6 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/beast/core/bind_handler.hpp>
-#include <boost/beast/core/buffer_traits.hpp>
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/role.hpp>
 #include <boost/beast/websocket/teardown.hpp>
@@ -47,6 +46,8 @@ class WebSocketTransport {
 
   /// Counts the writes begun: while it grows, the other side takes something in.
   uint64_t writes() const { return writes_; }
+  /// The next write begins a message of so many bytes.
+  void beginMessage(size_t size) { beginsShortMessage_ = size <= (size_t(64) << 10); }
   /// Whether the other side has said, or is to say, that it closes, so that its end is worth waiting for.
   void setClosing() { isClosing_ = true; }
 
@@ -86,13 +87,13 @@ class WebSocketTransport {
     tls_->stream.async_write_some(asio::buffer(tls_->record.data(), size), std::forward<Handler>(handler));
   }
 
-  /// Little is sent by whoever sends it, for waking another thread costs more than that; with much the io thread keeps
-  /// the pace of the other side.
+  /// A short message is written by whoever sends it, for waking another thread costs more than that. What does not go
+  /// at once, and long ones, leave at the pace of the other side.
   template <class Buffers, class Handler>
   void writeSome(const Buffers &buffers, Handler &&handler) {
     boost::system::error_code error = asio::error::would_block;
     size_t size = 0;
-    if (boost::beast::buffer_bytes(buffers) <= little) size = socket_.write_some(buffers, error);
+    if (std::exchange(beginsShortMessage_, false)) size = socket_.write_some(buffers, error);
     if (error == asio::error::would_block) return socket_.async_write_some(buffers, std::forward<Handler>(handler));
     const auto executor = asio::get_associated_executor(handler, get_executor());
     asio::post(executor, boost::beast::bind_front_handler(std::forward<Handler>(handler), error, size));
@@ -119,7 +120,6 @@ class WebSocketTransport {
   }
 
  private:
-  static constexpr size_t little = size_t(64) << 10;
   struct Encryption {
     Encryption(Socket &socket, asio::ssl::context &context) : stream(socket, context) {}
     TLS stream;
@@ -140,6 +140,7 @@ class WebSocketTransport {
   bool isAnswerAwaited_ = false;
   std::string answer_;
   uint64_t writes_ = 0;
+  bool beginsShortMessage_ = false;
   bool isClosing_ = false;
 };
 
