@@ -18,9 +18,8 @@ install(FILES "${PROJECT_BINARY_DIR}/QELNetworkKitConfig.cmake" "${PROJECT_BINAR
 
 # The same for pkg-config. What is installed can be moved: its paths start from the file itself.
 set(pc_folder "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
-file(RELATIVE_PATH libdir_from_pc "${pc_folder}" "${CMAKE_INSTALL_FULL_LIBDIR}")
 file(RELATIVE_PATH includedir_from_pc "${pc_folder}" "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
-set(pc_libdir "\${pcfiledir}/${libdir_from_pc}")
+set(pc_libdir "\${pcfiledir}/..")
 set(pc_includedir "\${pcfiledir}/${includedir_from_pc}")
 set(pc_link_flags "")
 configure_file(cmake/qelnetworkkit.pc.in "${PROJECT_BINARY_DIR}/installed/qelnetworkkit.pc" @ONLY)

@@ -35,6 +35,7 @@ packages() {
   "${as_root[@]}" dpkg --root="$root" --force-not-root --force-depends --log="$folder/log" "$@" >"$folder/output" 2>&1 ||
     { cat "$folder/output" >&2; return 1; }
 }
+export PATH=$PATH:/usr/sbin:/sbin  # where dpkg looks for what belongs to root
 in_cache() { ldconfig -r "$root" -p | grep -q 'libQELNetworkKit.so.1 '; }
 packages --install build/packages/*.deb
 in_cache || fail "the loader does not know the library"
