@@ -15,7 +15,7 @@
 /// synchronous caller is served.
 ///
 /// Threads: start() on any thread; the rest runs on the response queue. Its messages own it.
-class QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
+class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
  public:
   /// For the project of an opening of the mirror's.
   explicit Load(uint64_t opening) : opening_(opening) {}

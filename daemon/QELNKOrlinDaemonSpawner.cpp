@@ -16,7 +16,7 @@ using Daemon = std::shared_ptr<QELNKOrlinDaemon>;
 using DaemonClient = std::shared_ptr<QELNKKORVALDaemonClient>;
 
 /// The daemons that run. The handler of each process's end holds it too, so it may outlive its spawner.
-struct QELNKOrlinDaemonSpawner::Tracked {
+struct QELNK_HIDDEN QELNKOrlinDaemonSpawner::Tracked {
   std::mutex changing;  // held while a daemon is started or its end is told: one that ends at once is told in order
   mutable std::mutex mutex;  // guards the list; nothing is called under it
   std::condition_variable emptied;

@@ -4,7 +4,7 @@
 
 namespace qelnk {
 
-struct XMLDocument::State {
+struct QELNK_HIDDEN XMLDocument::State {
   pugi::xml_document document;
 };
 

@@ -15,7 +15,7 @@
 #include "platform/SpinningMutex.h"
 
 /// What a legacy stream is made of. Whoever writes, and the thread that reads, have cache lines of their own.
-struct alignas(64) QELNKLegacyStream::State {
+struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::weak_ptr<QELNKLegacyStream> held;
   std::atomic<uint64_t> status{0};
   std::atomic<bool> handledCloseError{false};

@@ -64,7 +64,7 @@ void QELNKLegacyClientDelegate::networkStreamWasTerminated(const std::shared_ptr
 
 // --- State ---
 
-struct QELNKLegacyClient::ClientState {
+struct QELNK_HIDDEN QELNKLegacyClient::ClientState {
   /// Guards all below. Re-entrant; the stream's own lock may be taken under it. No delegate is called under it.
   mutable std::recursive_mutex mutex;
 

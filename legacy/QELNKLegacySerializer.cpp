@@ -7,7 +7,7 @@
 using qelnk::Data;
 using qelnk::RunLoop;
 
-struct QELNKLegacySerializer::StreamThread {
+struct QELNK_HIDDEN QELNKLegacySerializer::StreamThread {
   explicit StreamThread(const QELNKLegacyStream &stream)
       : thread("Stream Thread for Stream " + stream.description(), streamThreadMain) {}
   static void streamThreadMain(const std::stop_token &token) {

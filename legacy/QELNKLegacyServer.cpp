@@ -29,7 +29,7 @@ using Streams = std::vector<std::shared_ptr<QELNKLegacyStream>>;
 
 }  // namespace
 
-struct QELNKLegacyServer::State {
+struct QELNK_HIDDEN QELNKLegacyServer::State {
   std::weak_ptr<QELNKLegacyServer> held;
   /// The server's lock, re-entrant: taken for each write to all, so that all connections get the same order.
   mutable std::recursive_mutex mutex;

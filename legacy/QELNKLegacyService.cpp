@@ -9,7 +9,7 @@ using qelnk::logDefault;
 using qelnk::NetService;
 using qelnk::Value;
 
-struct QELNKLegacyService::ServiceState {
+struct QELNK_HIDDEN QELNKLegacyService::ServiceState {
   mutable std::mutex mutex;
   std::string domain, type;
   std::shared_ptr<NetService> netService;

@@ -14,7 +14,7 @@ constexpr std::chrono::milliseconds shutdownReport{100};
 
 }  // namespace
 
-struct QELNKLegacyStreamThread::State {
+struct QELNK_HIDDEN QELNKLegacyStreamThread::State {
   qelnk::Thread thread{"qelnk-stream", QELNKLegacyStreamThread::thread};
 };
 

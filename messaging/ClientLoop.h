@@ -13,7 +13,7 @@
 ///
 /// A pass drains what is ready in a fixed order: requests of other threads, replies, sending, empty messages,
 /// deadlines.
-class QELNKClient::Loop {
+class QELNK_HIDDEN QELNKClient::Loop {
  public:
   explicit Loop(QELNKClient &client);
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 /// What a client's threads share.
-struct QELNKClient::State {
+struct QELNK_HIDDEN QELNKClient::State {
   enum class Phase : uint8_t {
     idle,      // not connected yet: messages gather in the inbox
     running,   // the io thread takes them

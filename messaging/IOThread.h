@@ -11,7 +11,7 @@
 /// The thread that runs an endpoint's ioThread() and, at its end, closes the endpoint's socket.
 ///
 /// Threads: any.
-class QELNKSocket::IOThread {
+class QELNK_HIDDEN QELNKSocket::IOThread {
  public:
   /// Starts it. Throws std::system_error when the system gives no thread.
   IOThread(const std::string &name, QELNKSocket *endpoint);

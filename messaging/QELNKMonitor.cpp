@@ -36,7 +36,7 @@ constexpr struct {
 
 }  // namespace
 
-struct QELNKMonitor::State {
+struct QELNK_HIDDEN QELNKMonitor::State {
   std::mutex connecting;  // one connectToSocket() at a time
 
   std::mutex mutex;  // guards the members down to `dropping`

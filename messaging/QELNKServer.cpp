@@ -19,7 +19,7 @@ using qelnk::describe;
 using qelnk::Error;
 using qelnk::Value;
 
-struct QELNKServer::State {
+struct QELNK_HIDDEN QELNKServer::State {
   qelnk::HeldBlock<MessageBlock> block;
   std::mutex mutex;  // guards fallback
   std::optional<Value> fallback;

@@ -220,7 +220,7 @@ int QELNKSocket::pollSocket(const qelnk::SocketPoll &poll, std::chrono::nanoseco
 }
 
 /// A frame as ZeroMQ hands it out.
-struct QELNKSocket::IncomingFrame {
+struct QELNK_HIDDEN QELNKSocket::IncomingFrame {
   IncomingFrame() { zmq_msg_init(&message); }
   ~IncomingFrame() { zmq_msg_close(&message); }
   IncomingFrame(const IncomingFrame &) = delete;

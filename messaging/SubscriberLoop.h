@@ -12,7 +12,7 @@
 #include <vector>
 
 /// The work of a subscriber's io thread.
-class QELNKSubscriber::Loop {
+class QELNK_HIDDEN QELNKSubscriber::Loop {
  public:
   explicit Loop(QELNKSubscriber &subscriber);
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 /// What a subscriber's threads share.
-struct QELNKSubscriber::State {
+struct QELNK_HIDDEN QELNKSubscriber::State {
   /// A message on its way to the callback.
   struct Delivery {
     qelnk::Value message;

@@ -60,7 +60,7 @@ void QELNKPingleton::setPrintsPings(bool prints) {
 
 /// From the start of a watch until it is told of or given up. Further watches of the address share it; one that is
 /// started after has another, so that nobody is told of a reply that was missed before.
-struct QELNKPingleton::Watched {
+struct QELNK_HIDDEN QELNKPingleton::Watched {
   std::weak_ptr<QELNKPingletonDelegate> observer;
 };
 

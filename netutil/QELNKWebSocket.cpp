@@ -15,7 +15,7 @@ using qelnk::WebSocketConnection;
 using qelnk::WebSocketURL;
 
 /// Brings what happens to the host's queue. What waits there holds the WebSocket weakly.
-class QELNKWebSocket::Courier final : public qelnk::WebSocketEvents {
+class QELNK_HIDDEN QELNKWebSocket::Courier final : public qelnk::WebSocketEvents {
  public:
   using Target = std::shared_ptr<QELNKWebSocket>;
 

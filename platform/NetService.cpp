@@ -44,7 +44,7 @@ struct ResolveSession : Session {
 }  // namespace
 
 /// What a service is made of, shared with what is on its way to its observer.
-struct NetService::State : std::enable_shared_from_this<NetService::State> {
+struct QELNK_HIDDEN NetService::State : std::enable_shared_from_this<NetService::State> {
   using Lock = std::lock_guard<std::mutex>;
 
   State(std::string domain, std::string type, std::string name, uint16_t port)

@@ -22,7 +22,7 @@ using Executor = std::function<void(Task)>;
 /// The loop's own thread waits on a condition variable, until something is watched: from then on it waits in the watch
 /// set. A second descriptor, the wake descriptor, is made for whichever needs it first: the watch set, or a thread that
 /// waits in a poll of its own. Nothing but the clock is called, and nothing of the host's destroyed, under the mutex.
-struct RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
+struct QELNK_HIDDEN RunLoop::State : std::enable_shared_from_this<RunLoop::State> {
   using Time = std::chrono::nanoseconds;
 
   ~State();

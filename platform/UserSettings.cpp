@@ -105,7 +105,7 @@ Application &application() {
 
 }  // namespace
 
-struct UserSettings::State {
+struct QELNK_HIDDEN UserSettings::State {
   mutable std::mutex mutex;
   Settings settings;
 

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config ccache
+  build-essential cmake ninja-build pkg-config ccache file
   libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libsdbus-c++-dev libnl-route-3-dev libboost-dev libssl-dev libgtest-dev
   avahi-daemon avahi-utils dbus-daemon iproute2 python3-dbusmock
   libglib2.0-dev qtbase5-dev
