@@ -14,11 +14,12 @@
 ///     const auto interface = QELNKNetworkInterfaceDiscovery::bestNetworkInterfacePreferringUUID(settings.network);
 ///     server->setBindingIPAddress(interface->ipAddressAsUInt32());
 ///
-/// Where NetworkManager runs, these are its active connections of wired devices, under their UUIDs and names. Elsewhere,
-/// and for devices that it leaves to others or has found set up, they are the kernel's Ethernet links that are up, VLANs and bonds among them; Wi-Fi, bridges and tunnels are not,
-/// and virtual links only where a machine has no other, as in a container. Their identifiers come from this machine's
-/// ID and the device's own address, so that they survive restarts and new device names; those of VLANs, bonds and
-/// virtual links, which have none of their own, from the device's name.
+/// Where NetworkManager runs, these are its active connections of wired devices, under their UUIDs and names.
+/// Elsewhere, and for devices that it leaves to others or has found set up, they are the kernel's Ethernet links that
+/// are up, VLANs and bonds among them; Wi-Fi, bridges and tunnels are not, and virtual links only where a machine has
+/// no other, as in a container. Their identifiers come from this machine's ID and the device's own address, so that
+/// they survive restarts and new device names; those of VLANs, bonds and virtual links, which have none of their own,
+/// from the device's name.
 ///
 /// Nothing is kept between calls. What cannot be read gives fewer interfaces, never an error.
 ///
@@ -26,7 +27,9 @@
 /// NetworkManager does not answer, the first call takes two seconds.
 class QELNK_EXPORT QELNKNetworkInterfaceDiscovery {
  public:
+  /// An object of the caller's own: changing it changes no network.
   using Interface = std::shared_ptr<QELNKNetworkInterface>;
+  /// In the order in which to offer them.
   using Interfaces = std::vector<Interface>;
 
   /// All, with or without an address; behind them localInterface() if the user setting "includeLocalInterface" is true.
