@@ -23,7 +23,7 @@ STYLE = """
 
 
 def groups_of(page):
-    """[(heading of the table, [(name, ratio, goal, sign)])]"""
+    """[(heading of the table, [(name, ratio, goal, sign, whether it is met)])]"""
     groups = []
     for block in re.finditer(r"<!-- [\w-]+ -->\n((?:\|.*\n)+)<!-- end -->", page):
         headings, _, *rows = ([cell.strip() for cell in line.strip("|").split("|")] for line in block[1].splitlines())
@@ -34,7 +34,7 @@ def groups_of(page):
         for cells in rows:
             found = re.fullmatch(r"([≤≥]) ([\d.]+)", cells[headings.index("goal")])
             if found and float(cells[ratio]) > 0:
-                dots.append((cells[0], float(cells[ratio]), float(found[2]), found[1]))
+                dots.append((cells[0], float(cells[ratio]), float(found[2]), found[1], cells[headings.index("goal") + 1] == "met"))
         if dots:
             section = re.findall(r"^## (.*)", page[:block.start()], flags=re.M)[-1]
             what = "memory" if headings[0] == "document" else "time" if dots[0][3] == "≤" else "throughput"
@@ -43,7 +43,7 @@ def groups_of(page):
 
 
 def drawing(groups):
-    values = [number for _, dots in groups for _, ratio, goal, _ in dots for number in (ratio, goal)]
+    values = [number for _, dots in groups for _, ratio, goal, *_ in dots for number in (ratio, goal)]
     low, high = min(values + [0.5]) / 1.1, max(values + [2]) * 1.1
 
     def x(ratio):
@@ -64,13 +64,12 @@ def drawing(groups):
     for title, dots in groups:
         y += HEAD
         parts.append(f'<text class="head" x="10" y="{y - 6}">{html.escape(title)}</text>')
-        for name, ratio, goal, sign in dots:
+        for name, ratio, goal, sign, is_met in dots:
             middle = y + ROW / 2
-            met = "met" if (ratio <= goal if sign == "≤" else ratio >= goal) else "missed"
             parts.append(f'<text class="small" text-anchor="end" x="{LEFT - 10}" y="{middle + 4}">{html.escape(name)}</text>'
                          f'<line class="bar" x1="{x(1)}" x2="{x(ratio)}" y1="{middle}" y2="{middle}"/>'
                          f'<line class="goal" x1="{x(goal)}" x2="{x(goal)}" y1="{middle - 6}" y2="{middle + 6}"/>'
-                         f'<circle class="{met}" cx="{x(ratio)}" cy="{middle}" r="4"><title>{html.escape(name)}: {ratio:g}, goal {sign} '
+                         f'<circle class="{"met" if is_met else "missed"}" cx="{x(ratio)}" cy="{middle}" r="4"><title>{html.escape(name)}: {ratio:g}, goal {sign} '
                          f'{goal:g}</title></circle><text class="small" x="{LEFT + WIDTH + 12}" y="{middle + 4}">{ratio:.2f}</text>')
             y += ROW
     return "\n".join(parts) + "\n</svg>\n"

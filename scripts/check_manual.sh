@@ -39,7 +39,7 @@ while read -r command; do
   read -ra words <<<"$command"
   "$bin/qelnk" "${words[@]}" --help | sed -n '/^options:/,$s/^ *\(--[a-z-]*\).*/\1/p' | sort >"$share/told"
   offered qelnk "${words[@]}" -- | sort | diff "$share/told" - || fail "completion and help of qelnk $command tell of different options"
-done < <("$bin/qelnk" --help | sed -n '/^commands:/,/^$/s/^  \([a-z]*\( [a-z]*\)\?\)  .*/\1/p' | grep -v '^ping$')
+done < <("$bin/qelnk" --help | sed -n '/^commands:/,/^$/s/^  \([a-z]*\( [a-z][a-z]*\)\?\)  .*/\1/p' | grep -v '^ping$')
 rm -f "$share/told"
 if command -v zsh >/dev/null; then zsh -n "$share/zsh/vendor-completions/_qelnk"; fi
 echo "manual pages and completion are in order"

@@ -5,6 +5,7 @@
 #include <QELNetworkKit/Version.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "Command.h"
 #include "DaemonVerbs.h"
@@ -31,12 +32,20 @@ std::string troff(std::string_view text) {
   return result;
 }
 
-std::string withoutEnd(std::string text) {
-  while (text.ends_with('\n')) text.pop_back();
-  return text;
+/// The notes of a command's help: sentences are filled, what is indented (a table) stays as it is.
+std::string manualOfNotes(const std::string &notes) {
+  std::string text = ".PP\n";
+  bool inTable = false;
+  std::istringstream lines(notes);
+  for (std::string line; std::getline(lines, line);) {
+    const bool isTable = line.starts_with(' ');
+    if (isTable != inTable) text += isTable ? ".EX\n" : ".EE\n.PP\n";
+    inTable = isTable;
+    text += line.empty() ? ".PP\n" : troff(line) + "\n";
+    if (!isTable && line.ends_with('.')) text += ".br\n";
+  }
+  return text + (inTable ? ".EE\n" : "");
 }
-
-std::string examples(const std::string &text) { return ".PP\n.EX\n" + troff(withoutEnd(text)) + "\n.EE\n"; }
 
 std::string manualOfOptions(std::span<const Option> options) {
   std::string text;
@@ -197,7 +206,7 @@ std::string manualPage() {
     text += ".SS qelnk " + troff(command->name);
     if (!command->syntax.arguments.empty()) text += " " + troff(command->syntax.arguments);
     text += "\n" + troff(command->summary) + "\n" + manualOfOptions(command->syntax.options);
-    if (command->notes) text += examples(command->notes());
+    if (command->notes) text += manualOfNotes(command->notes());
   }
   text += ".SH OPTIONS OF EVERY COMMAND\nBut of \\fBping\\fR, whose arguments are its own.\n" +
           manualOfOptions(commonOptions());
