@@ -13,6 +13,8 @@ import statistics
 import subprocess
 import sys
 
+import bench_plot
+
 DOCUMENTS = {"small": "small map", "ports": "200 port maps", "numbers": "100,000 numbers", "strings": "20,000 strings",
              "buffer": "1 MiB buffer"}
 
@@ -312,6 +314,7 @@ def main(results, page=None):
         if not found:
             sys.exit(f"{page} has no place for {name}")
     path.write_text(text)
+    bench_plot.main(path, path.with_suffix(".svg"))
 
 
 if __name__ == "__main__":

@@ -9,6 +9,7 @@ packages=(
   avahi-daemon avahi-utils dbus-daemon iproute2 python3-dbusmock
   libglib2.0-dev qtbase5-dev
   clang clang-format clang-tidy
+  doxygen groff-base
   python3 python3-zmq python3-msgpack python3-websockets git locales
 )
 if [ "${1:-build}" = bench ]; then

@@ -32,6 +32,7 @@ enum class StreamEvent : uint8_t {
 /// stream or takes it off its loop, so do that on the loop's own thread where it matters.
 class QELNK_EXPORT ByteStream {
  public:
+  /// What is called for an event.
   using EventTarget = std::function<void(StreamEvent)>;
 
   virtual ~ByteStream() = default;
@@ -40,7 +41,9 @@ class QELNK_EXPORT ByteStream {
   virtual void setEventTarget(EventTarget target) = 0;
   /// Has events told on `loop`.
   virtual void schedule(const std::shared_ptr<RunLoop> &loop) = 0;
+  /// Takes it off its run loop: no event is told until it is scheduled anew.
   virtual void unschedule() = 0;
+  /// Begins; `opened` or `error` follows, told on the loop. Never waits.
   virtual void open() = 0;
   /// Ends this direction; the other side hears of the end of an output behind what was written. What the connection
   /// holds of the system goes back once both directions are closed. No event after it.
@@ -49,6 +52,7 @@ class QELNK_EXPORT ByteStream {
   virtual std::error_code error() const = 0;
 };
 
+/// The direction that is read from.
 class QELNK_EXPORT InputStream : public ByteStream {
  public:
   /// Whether read() has something to give now. While a `bytesAvailable` event is being told it turns false once this
@@ -59,6 +63,7 @@ class QELNK_EXPORT InputStream : public ByteStream {
   virtual ssize_t read(std::span<uint8_t> room) = 0;
 };
 
+/// The direction that is written to.
 class QELNK_EXPORT OutputStream : public ByteStream {
  public:
   /// Writes what there is room for. Returns the number of bytes taken, 0 when there is no room now, -1 when the stream
@@ -68,8 +73,11 @@ class QELNK_EXPORT OutputStream : public ByteStream {
 
 /// Both directions of one end of a connection.
 struct StreamPair {
+  /// What comes from the other end.
   std::shared_ptr<InputStream> input;
+  /// What goes to the other end.
   std::shared_ptr<OutputStream> output;
+  /// Whether there is a connection to use: both directions.
   explicit operator bool() const { return input && output; }
 };
 

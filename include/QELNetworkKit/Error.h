@@ -13,13 +13,16 @@ namespace qelnk {
 struct QELNK_EXPORT Error {
   /// "ZMQ" (codes are system and ZeroMQ error numbers), "MPMessagePack", "JSON", "XML" or another class's own.
   std::string domain;
+  /// Its meaning depends on the domain.
   int64_t code = 0;
+  /// For people and logs, in English; not for comparing.
   std::string description;
   /// More about the failure under keys that the operation names; null when there is nothing.
   Value userInfo;
 
   /// Whether an error is set. A set error always has a domain.
   explicit operator bool() const { return !domain.empty(); }
+  /// Equal when all four parts are.
   bool operator==(const Error &) const = default;
 };
 

@@ -19,7 +19,7 @@ enum class JSONTopLevel : uint8_t {
 /// JSON text (UTF-8, compact) of a value tree; doubles are written so that reading gives the same double, and always
 /// with a fraction or an exponent. Refused, with an error of domain "JSON" and nothing written: a byte buffer, an XML
 /// document, NaN or an infinity, a key that is no string, a string that is not UTF-8, a top-level value other than
-/// `top` allows.
+/// `top` allows. Any thread.
 QELNK_EXPORT std::optional<Data> jsonData(const Value &value, Error *error = nullptr,
                                           JSONTopLevel top = JSONTopLevel::container);
 

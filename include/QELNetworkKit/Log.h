@@ -22,6 +22,7 @@ class QELNK_EXPORT LogHandle {
   /// threads of the library.
   using Sink = std::function<void(LogLevel, std::string_view)>;
 
+  /// Whether a line of `level` would be written.
   bool enabled(LogLevel level) const { return level >= level_.load(std::memory_order_relaxed); }
 
   /// The level in force; `standard` unless set (lifecycle lines and errors).

@@ -62,6 +62,7 @@ class QELNK_EXPORT MPMessagePackWriter {
 /// lengths it claims. Threads: one object on one thread at a time.
 class QELNK_EXPORT MPMessagePackReader {
  public:
+  /// The tree at the start of `data`; none with an error. Options are MPMessagePackReaderOptions.
   static std::optional<qelnk::Value> readData(std::span<const uint8_t> data, int64_t options,
                                               qelnk::Error *error = nullptr);
   static std::optional<qelnk::Value> readData(std::span<const uint8_t> data, qelnk::Error *error = nullptr) {
@@ -73,6 +74,7 @@ class QELNK_EXPORT MPMessagePackReader {
     return readData(data, int64_t(options), error);
   }
 
+  /// A reader at the start of `data`, which it shares.
   explicit MPMessagePackReader(qelnk::Data data, int64_t options = 0);
 
   /// Reads the object at index(), which moves behind it; after an error index() is where it was.
@@ -82,9 +84,11 @@ class QELNK_EXPORT MPMessagePackReader {
   /// reads nothing and returns 0.
   size_t read(std::span<uint8_t> buffer);
 
+  /// All of the bytes, read or not.
   const qelnk::Data &data() const { return data_; }
   /// The reading position in bytes from the start.
   uint64_t index() const { return index_; }
+  /// MPMessagePackReaderOptions, for the objects that are read from now on.
   int64_t options() const { return options_; }
   void setOptions(int64_t options) { options_ = options; }
 

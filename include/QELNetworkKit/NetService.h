@@ -16,7 +16,9 @@ namespace qelnk {
 
 /// Orders the keys of a TXT record: without regard to the case of ASCII letters.
 struct QELNK_EXPORT TXTRecordKeyOrder {
+  /// Keys are looked up by views, without making a string.
   using is_transparent = void;
+  /// Whether `a` comes before `b`.
   bool operator()(std::string_view a, std::string_view b) const;
 };
 
@@ -30,6 +32,7 @@ class NetService;
 /// loop, with no lock held.
 class QELNK_EXPORT NetServiceDelegate {
  public:
+  /// The service that something is told of.
   using Service = std::shared_ptr<NetService>;
   virtual ~NetServiceDelegate() = default;
 
@@ -64,17 +67,23 @@ class QELNK_EXPORT NetService : public std::enable_shared_from_this<NetService> 
   NetService(const NetService &) = delete;
   NetService &operator=(const NetService &) = delete;
 
+  /// As given.
   const std::string &domain() const;
+  /// As given.
   const std::string &type() const;
   /// As given; once published, as announced: a name that somebody else has got gets a number.
   std::string name() const;
+  /// As given for one to publish; once resolved, the port found, in host byte order. 0 before.
   uint16_t port() const;
 
   /// What was resolved, kept up to date until stop(): empty before. An address holds the bytes of a sockaddr_in (16) or
   /// sockaddr_in6 (28), the port set, and the scope too where the address is link-local. IPv6 comes first.
   std::string hostName() const;
+  /// What was resolved, kept up to date until stop(); empty before. Each holds the bytes of a sockaddr_in (16) or
+  /// sockaddr_in6 (28), the port set, and the scope too where the address is link-local. IPv6 comes first.
   std::vector<std::string> addresses() const;
 
+  /// The observer, which is not kept alive.
   void setDelegate(std::weak_ptr<NetServiceDelegate> delegate);
 
   /// Announces the service until stop(). While it is published already nothing happens.
@@ -90,6 +99,8 @@ class QELNK_EXPORT NetService : public std::enable_shared_from_this<NetService> 
   /// The record's wire form: strings behind their lengths. What is set is announced at once when the service is
   /// published; what cannot be read as a record is left out.
   std::string txtRecordData() const;
+  /// Takes the record in its wire form. It is announced at once when the service is published; what cannot be read as a
+  /// record is left out of the announcement.
   void setTXTRecordData(std::string data);
 
   /// Leaves out what a record cannot hold: empty keys, keys with "=", and entries of more than 255 bytes.

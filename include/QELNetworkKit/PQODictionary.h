@@ -28,6 +28,7 @@ class QELNK_EXPORT UnrecognizedOperation : public std::logic_error {
 /// Threads: like a standard container.
 class QELNK_EXPORT PQODictionary {
  public:
+  /// Keys and values are value trees.
   using Value = qelnk::Value;
   /// Whether the first key comes before the second.
   using Comparison = std::function<bool(const Value &, const Value &)>;
@@ -35,9 +36,10 @@ class QELNK_EXPORT PQODictionary {
   PQODictionary() : PQODictionary(10) {}
   /// An empty dictionary with room for `capacity` entries.
   explicit PQODictionary(size_t capacity);
+  /// The given entries in their order, stored with setObject().
   PQODictionary(std::initializer_list<std::pair<Value, Value>> entries);
 
-  // Made from another map, through addEntriesFromDictionary(): holds no entries, and throws where that throws.
+  /// Made from another map, through addEntriesFromDictionary(): holds no entries, and throws where that throws.
   static PQODictionary dictionaryWithDictionary(Value &other);
   static PQODictionary dictionaryWithDictionary(Value &&other);
   static PQODictionary dictionaryWithDictionary(const Value &other);
@@ -47,9 +49,13 @@ class QELNK_EXPORT PQODictionary {
   static PQODictionary d(Map &&other) {
     return dictionaryWithDictionary(std::forward<Map>(other));
   }
+  /// An empty one.
   static PQODictionary dictionary() { return PQODictionary(); }
+  /// An empty one with room for `capacity` entries.
   static PQODictionary dictionaryWithCapacity(size_t capacity) { return PQODictionary(capacity); }
+  /// A copy, which may be changed as any.
   PQODictionary copy() const { return *this; }
+  /// A copy, which may be changed as any.
   PQODictionary mutableCopy() const { return *this; }
 
   /// The value under `key`, or null when there is none; valid until the next change.
@@ -88,6 +94,7 @@ class QELNK_EXPORT PQODictionary {
   void addEntriesFromDictionary(Value &&other);
   void addEntriesFromDictionary(const Value &other);
   void addEntriesFromDictionary(const PQODictionary &other);
+  /// The same as addEntriesFromDictionary().
   template <class Map>
   void addEntriesFromOrderedDictionary(Map &&other) {
     addEntriesFromDictionary(std::forward<Map>(other));
@@ -102,8 +109,11 @@ class QELNK_EXPORT PQODictionary {
 
   /// The keys in order, and in reverse order.
   std::span<const Value> keyEnumerator() const { return array_.items(); }
+  /// The keys in reverse order.
   std::vector<Value> reverseKeyEnumerator() const;
+  /// The first key; for range-based loops. Valid until the next change.
   const Value *begin() const { return array_.items().data(); }
+  /// Behind the last key.
   const Value *end() const { return begin() + count(); }
 
   /// A copy of the plain map; being constant, it cannot be added to.

@@ -16,6 +16,7 @@ namespace qelnk {
 /// Thrown when a child process cannot be started. The text names the executable and the reason.
 class QELNK_EXPORT ProcessError : public std::runtime_error {
  public:
+  /// Names the executable and the reason in its text.
   ProcessError(const std::string &executable, int errorNumber);
   /// The system's error number, for example ENOENT.
   int errorNumber() const { return errorNumber_; }
@@ -36,7 +37,9 @@ class QELNK_EXPORT Process {
  public:
   /// How a child ended: an exit code, or the signal that ended it.
   struct Status {
+    /// The exit code, or the number of the signal.
     int code = 0;
+    /// Whether a signal ended it.
     bool signalled = false;
   };
   /// Called once, on a thread of the library's, when the child has ended. It must not block for long.
@@ -47,7 +50,9 @@ class QELNK_EXPORT Process {
                                          TerminationHandler onExit = nullptr);
 
   virtual ~Process() = default;
+  /// The child's process ID, after its end too.
   virtual pid_t pid() const = 0;
+  /// Whether its end has not been noticed yet.
   virtual bool isRunning() const = 0;
   /// How the child ended; none while it runs, or when somebody else took the status.
   virtual std::optional<Status> status() const = 0;

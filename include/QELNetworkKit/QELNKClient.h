@@ -35,7 +35,9 @@ class Semaphore;
 /// response queue with no lock held. Hooks run on the io thread and must not wait.
 class QELNK_EXPORT QELNKClient : public QELNKSocket {
  public:
+  /// Called once it has connected, on the response queue.
   using ConnectedBlock = std::function<void(const std::shared_ptr<QELNKClient> &client)>;
+  /// Gets the client and the finished message, on the response queue.
   using ResponseBlock = QELNKMessage::ResponseBlock;
 
   /// Null, with a line on the log, for no context.
@@ -87,7 +89,9 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   void setExecuting(bool executing);
   /// The peer, as given to connectToHost().
   std::string host() const;
+  /// The peer's port, as given to connectToHost().
   int32_t port() const;
+  /// The connected callback until it is called. One that is set after disconnect() is not kept.
   ConnectedBlock connectedBlock() const;
   void setConnectedBlock(ConnectedBlock block);
   /// Number of messages that have not finished.
@@ -97,6 +101,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKClient(std::shared_ptr<QELNKContext> context);
   friend class QELNKSocket;
 

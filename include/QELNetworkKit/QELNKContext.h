@@ -27,14 +27,18 @@ class QELNK_EXPORT QELNKContext {
   /// Drops the process's hold on the shared context for good. It ends once no endpoint holds it.
   static void terminateSharedContext();
 
+  /// A context of the host's own parts; endpoints hold it, and it holds these.
   QELNKContext(std::shared_ptr<ZMQContext> zmqContext, std::shared_ptr<qelnk::Queue> networkQueue,
                std::shared_ptr<qelnk::Queue> responseQueue);
   ~QELNKContext();
   QELNKContext(const QELNKContext &) = delete;
   QELNKContext &operator=(const QELNKContext &) = delete;
 
+  /// Where the endpoints' sockets are made.
   const std::shared_ptr<ZMQContext> &zmqContext() const { return zmqContext_; }
+  /// The queue for network work.
   const std::shared_ptr<qelnk::Queue> &networkQueue() const { return networkQueue_; }
+  /// Where callbacks run.
   const std::shared_ptr<qelnk::Queue> &responseQueue() const { return responseQueue_; }
 
  private:

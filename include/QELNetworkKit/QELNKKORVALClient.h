@@ -28,10 +28,12 @@ class Mirror;
 /// values are stored on the io thread, before their callback runs.
 class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
  public:
+  /// Called for a pushed value, on the response queue.
   using UpdateBlock = QELNKOrlinPort::UpdateBlock;
   /// Gets the client, which is a QELNKKORVALClient, and the finished message.
   using CommandBlock = QELNKMessage::ResponseBlock;
 
+  /// Null, with a line on the log, for no context.
   static std::shared_ptr<QELNKKORVALClient> create(std::shared_ptr<QELNKContext> context);
   ~QELNKKORVALClient() override;
 
@@ -42,7 +44,9 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   void updateWorkflows();
   /// Starts or stops the project, then calls `onDone` (which may be empty).
   void startProject(CommandBlock onDone);
+  /// Stops the project, then calls `onDone` (which may be empty).
   void stopProject(CommandBlock onDone);
+  /// Has the daemon save the project under `name`, and takes over its state from the reply.
   void saveProject(const std::string &name);
   /// Saves the project under its own file.
   void save();
@@ -53,19 +57,26 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   /// Asks the daemon to exit, and disconnects once that has been sent.
   virtual void quit();
 
+  /// Whether the project runs, as far as this side knows.
   bool running() const;
   /// None while no project is known, or the daemon gave none.
   std::optional<std::string> projectName() const;
   void setProjectName(std::optional<std::string> name);
+  /// The project's file; none while no project is known, or the daemon gave none. Setting it changes this side alone.
   std::optional<std::string> projectFile() const;
   void setProjectFile(std::optional<std::string> file);
 
   // Workflows; no traffic. The first in order, or null.
 
+  /// The first workflow of that name, or null.
   std::shared_ptr<QELNKOrlinWorkflow> workflowWithName(std::string_view name) const;
+  /// The first workflow of that identifier, or null.
   std::shared_ptr<QELNKOrlinWorkflow> workflowWithID(std::string_view uid) const;
+  /// The workflow at a place in the daemon's order, or null beyond the end.
   std::shared_ptr<QELNKOrlinWorkflow> workflowWithIndex(size_t index) const;
+  /// How many workflows are known.
   size_t numberOfWorkflows() const;
+  /// All as they are now, in the daemon's order.
   std::vector<std::shared_ptr<QELNKOrlinWorkflow>> workflows() const;
 
   // Commands for workflows and ports.
@@ -74,6 +85,7 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
   /// Nothing is sent for a workflow that is executing already, or is not for the second.
   std::shared_ptr<QELNKMessage> startWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
+  /// Null, with nothing sent, for a workflow that is not executing.
   std::shared_ptr<QELNKMessage> stopWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
 
   /// Asks the daemon to set a port; the mirror changes when it has confirmed.
@@ -91,8 +103,10 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   /// are skipped. The port keeps `onUpdate` until it is unregistered: one that holds the client keeps it alive.
   void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> updatesForPorts,
                         UpdateBlock onUpdate);
+  /// Ends the pushes of these output ports, and lets go of their callbacks at once.
   void unRegisterWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
                           std::vector<std::string> updatesForPorts);
+  /// The same with another command of the daemon in place of "registerPortUpdate".
   void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> updatesForPorts,
                         std::string command, UpdateBlock onUpdate);
 
@@ -104,6 +118,7 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKKORVALClient(std::shared_ptr<QELNKContext> context);
   friend class QELNKSocket;
 

@@ -10,6 +10,7 @@
 /// daemon may get the same port.
 class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
  public:
+  /// Null, with a line on the log, for no context. It is not connected yet.
   static std::shared_ptr<QELNKKORVALDaemonClient> create(std::shared_ptr<QELNKContext> context,
                                                          std::shared_ptr<QELNKOrlinDaemon> daemon);
   ~QELNKKORVALDaemonClient() override;
@@ -19,9 +20,11 @@ class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
   /// connection to ask it on, it does not wait.
   void quit() override;
 
+  /// The daemon it was made for.
   const std::shared_ptr<QELNKOrlinDaemon> &daemon() const { return daemon_; }
 
  protected:
+  /// For create().
   QELNKKORVALDaemonClient(std::shared_ptr<QELNKContext> context, std::shared_ptr<QELNKOrlinDaemon> daemon);
   friend class QELNKSocket;
 

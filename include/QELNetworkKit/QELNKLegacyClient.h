@@ -18,13 +18,17 @@ class QELNKLegacyClient;
 /// called on that thread, which is the stream's or the one that called connect().
 class QELNK_EXPORT QELNKLegacyClientDelegate : public QELNKLegacyStreamDelegate {
  public:
+  /// The client that something is told of.
   using Client = std::shared_ptr<QELNKLegacyClient>;
 
   /// The connection is ready; after a reconnect once more when the first string or heartbeat has arrived.
   virtual void networkClientIsReady(const Client &client);
+  /// A string arrived that is no message of the protocol.
   virtual void networkClient(const Client &client, const std::string &receivedString);
+  /// A binary block is complete.
   virtual void networkClient(const Client &client, const qelnk::Data &receivedBinaryData,
                              const std::string &contentType);
+  /// A heartbeat arrived.
   virtual void networkClient(const Client &client, const QELProjectTimecode &receivedHeartbeatAtTimecode,
                              const std::optional<std::string> &withExtendedInformation);
   /// The connection has ended.
@@ -68,6 +72,7 @@ class QELNK_EXPORT QELNKLegacyClientDelegate : public QELNKLegacyStreamDelegate 
 /// stream's. The age of heartbeats is reckoned by the wall clock of the stream thread's run loop.
 class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::NetServiceDelegate {
  public:
+  /// Why an attempt failed: it was connected already, the host or port is none, it took too long, nobody listens there.
   enum ConnectError : int64_t { alreadyConnected = 1, noStreams = 2, timedOut = 3, refused = 4 };
 
   /// Connects as soon as the service is resolved, which is begun here and given up after 5 s.
@@ -80,17 +85,30 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
                                                    const qelnk::Value &options);
   ~QELNKLegacyClient() override;
 
+  /// Delegate on the main thread; one attempt, no reconnect, heartbeats watched (2 s warn, 3 s end). No application ID:
+  /// set "appID".
   static qelnk::Value defaultPlayoutOptions();
+  /// The same with the connect application's ID, up to 100,000 retries, and reconnecting.
   static qelnk::Value defaultConnectOptions();
+  /// A thread of its own, delegate called there; up to 1,000,000 retries, reconnecting, heartbeats not watched.
   static qelnk::Value defaultIngestOptions();
+  /// Takes over the keys that are there, see above; the time-outs take effect with their next use.
   void setOptions(const qelnk::Value &options) override;
 
+  /// Begins an attempt to connect to host() and port(), and returns at once. What becomes of it is told to the
+  /// delegate. Connected already, it fails with alreadyConnected, and nothing is tried again.
   void connect();
+  /// The same to another host, for this attempt alone.
   void connectToHost(const std::string &host);
+  /// Has it connect after autoReconnectDelay(), if attemptReconnect() and it was told to connect.
   void reconnect();
+  /// Has it connect after autoRetryInterval(), if retries are left.
   void retryConnect();
+  /// Whether a failed attempt is followed by another.
   bool willRetryConnect() const;
+  /// Ends the attempt, tells the delegate, and retries.
   void connectFailedWithError(int64_t error);
+  /// Lets the attempt under way take as long as it likes.
   void cancelTimeoutTimer();
   /// Ends the connection, or the attempt, for good: nothing connects this client any more.
   void cancelConnectAttempt();
@@ -99,41 +117,59 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
   /// The same, and lets go of the service and of where to connect to.
   void cleanUp();
 
+  /// Whether it was told to connect and not to disconnect: that it wants a connection, not that there is one, see
+  /// isReady().
   bool isConnected() const;
+  /// Changes that and does nothing else.
   void setConnected(bool connected);
+  /// The service that it follows, or null. A new one is resolved at once, as by create().
   std::shared_ptr<qelnk::NetService> netService() const;
   void setNetService(std::shared_ptr<qelnk::NetService> netService);
+  /// For the log; a service's name where it was made with one.
   std::string name() const;
   void setName(std::string name);
+  /// Where the next attempt connects to.
   std::string host() const;
   void setHost(std::string host);
+  /// The port of the next attempt, in host byte order.
   uint64_t port() const;
   void setPort(uint64_t port);
   /// Seconds. A negative value sets 10.
   double connectTimeout() const;
   void setConnectTimeout(double seconds);
+  /// Whether it connects again when the connection was lost.
   bool attemptReconnect() const;
   void setAttemptReconnect(bool flag);
+  /// Seconds from a connection's end to the next attempt.
   double autoReconnectDelay() const;
   void setAutoReconnectDelay(double seconds);
   /// Seconds. A negative value sets 1.
   double autoRetryInterval() const;
   void setAutoRetryInterval(double seconds);
+  /// How many failed attempts in a row are followed by another.
   int64_t maxRetryAttempts() const;
   void setMaxRetryAttempts(int64_t count);
   /// Retries since the connection was last ready.
   int64_t retryAttempts() const;
+  /// Seconds, negative: after so long without a heartbeat the connection is ended.
   double heartbeatDisconnectTimeout() const;
   void setHeartbeatDisconnectTimeout(double seconds);
+  /// Seconds, negative: after so long without a heartbeat the delegate is warned.
   double heartbeatProblemTimeout() const;
   void setHeartbeatProblemTimeout(double seconds);
+  /// The service's TXT record in its wire form; empty before one was found.
   qelnk::Data serviceTXTRecordData() const;
+  /// The same as keys and values.
   qelnk::TXTRecordDictionary serviceTXTRecordDictionary() const;
+  /// The observer, which is not kept alive; null once it has gone.
   std::shared_ptr<QELNKLegacyClientDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QELNKLegacyClientDelegate> delegate);
 
+  /// Takes over host and port, and connects.
   void netServiceDidResolveAddress(const std::shared_ptr<qelnk::NetService> &service) override;
+  /// Says so on the log; nothing is tried again.
   void netServiceDidNotResolve(const std::shared_ptr<qelnk::NetService> &service, std::error_code error) override;
+  /// Keeps the record and tells the delegate.
   void netServiceDidUpdateTXTRecordData(const std::shared_ptr<qelnk::NetService> &service,
                                         const std::string &data) override;
 
@@ -142,13 +178,19 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
  protected:
   QELNKLegacyClient();
   void dealloc() override;
+  /// An attempt to connect to host().
   void _connect();
+  /// An attempt to connect; nothing happens once it was told to disconnect.
   void _connectToHost(const std::string &host);
+  /// Ends the connection and its timers; does not change whether one is wanted.
   void _disconnect() override;
   /// Makes the streams of a connection; empty when they cannot be made.
   virtual qelnk::StreamPair streamsToHost(const std::string &host, uint64_t port);
+  /// Watches heartbeats from now on, if both limits are negative.
   void startHeartbeatMonitor();
+  /// Watches them no more.
   void cancelHeartbeatMonitor();
+  /// Looks at the age of the last heartbeat, and warns or ends the connection.
   void heartbeatMonitorTask();
 
   void informDelegateOfReceivedString(const std::string &string) override;

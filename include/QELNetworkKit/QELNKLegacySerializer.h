@@ -20,10 +20,12 @@ class QELNK_EXPORT QELNKLegacySerializer {
 
   /// Has the stream write, in the order of the calls, and returns at once. After cancel() nothing happens.
   void writeString(const std::string &string);
+  /// The same for bytes, with a zero byte behind them.
   void writeData(const qelnk::Data &data);
   /// Ends the thread behind what it was given before, and waits for its end; on the thread itself it ends at once.
   void cancel();
 
+  /// The stream it writes to, which it keeps alive.
   const std::shared_ptr<QELNKLegacyStream> &stream() const { return stream_; }
 
  private:

@@ -19,16 +19,21 @@ QELNK_EXPORT extern const char *const QELNKTCPServerErrorDomain;
 /// Threads: those of QELNKLegacyStreamDelegate, by the server's stream options.
 class QELNK_EXPORT QELNKLegacyServerDelegate {
  public:
+  /// The server that something is told of.
   using Server = std::shared_ptr<QELNKLegacyServer>;
+  /// The connection that something is told of.
   using Stream = std::shared_ptr<QELNKLegacyStream>;
 
   virtual ~QELNKLegacyServerDelegate() = default;
+  /// A string arrived that is no message of the protocol.
   virtual void networkService(const Server &server, const Stream &networkStream, const std::string &receivedString) = 0;
+  /// A heartbeat arrived.
   virtual void networkService(const Server &server, const Stream &networkStream,
                               const QELProjectTimecode &receivedHeartbeatAtTimecode,
                               const std::optional<std::string> &withExtendedInformation) = 0;
   /// The connection has shaken hands.
   virtual void networkServiceNetworkStreamIsReady(const Server &server, const Stream &networkStream) = 0;
+  /// The connection failed or the other side ended it; after this call it leaves streams().
   virtual void networkServiceNetworkStreamWasTerminated(const Server &server, const Stream &networkStream) = 0;
 };
 
@@ -50,6 +55,7 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
 
   /// Port 0 lets the system choose one. The options are those of QELNKLegacyStream, for every connection.
   static std::shared_ptr<QELNKLegacyServer> create(std::string name, uint16_t port, const qelnk::Value &streamOptions);
+  /// The same as create().
   static std::shared_ptr<QELNKLegacyServer> serverWithName(std::string name, uint16_t port,
                                                            const qelnk::Value &streamOptions) {
     return create(std::move(name), port, streamOptions);
@@ -66,11 +72,15 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
 
   // Writing to every connection that is ready.
 
+  /// Queues bytes as they are, and a zero byte behind them if asked.
   void writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator);
+  /// Queues the bytes and a zero byte.
   void writeData(const qelnk::Data &data);
+  /// Queues a string; one that holds a zero byte or is not UTF-8 is refused with a line on the log.
   void writeString(const std::string &string);
   /// Fenced: each connection that still has an earlier fenced block to write leaves this one out.
   void writeBinaryData(const qelnk::Data &data, const std::string &contentType, bool fenced);
+  /// Queues a heartbeat; the library sends none by itself.
   void sendHeartbeatAtTimecode(const QELProjectTimecode &timecode,
                                const std::optional<std::string> &extendedInformation = std::nullopt);
   /// The string that a heartbeat is sent as.
@@ -81,14 +91,17 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
 
   /// As given; once listening, the one that it listens on.
   uint16_t port() const;
+  /// As given; empty after stop().
   std::string name() const;
   /// The IPv4 address to listen on, in host byte order; 0 for all. For the next start().
   uint32_t bindingIPAddress() const;
   void setBindingIPAddress(uint32_t address);
+  /// The options of the connections that are taken from now on.
   qelnk::Value streamOptions() const;
   void setStreamOptions(const qelnk::Value &options);
   /// The connections, in the order in which they came.
   std::vector<std::shared_ptr<QELNKLegacyStream>> streams() const;
+  /// The observer, which is not kept alive; null once it has gone.
   std::shared_ptr<QELNKLegacyServerDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QELNKLegacyServerDelegate> delegate);
 
@@ -100,6 +113,7 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
   void networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) override;
 
  protected:
+  /// For create() of subclasses.
   QELNKLegacyServer(std::string name, uint16_t port, const qelnk::Value &streamOptions);
   /// For create(): hands out `server`. Its delegate is called as long as somebody holds what is handed out; the server
   /// itself, which its events hold as well, is stopped then and ends after that.

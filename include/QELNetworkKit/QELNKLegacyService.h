@@ -16,8 +16,11 @@
 /// Threads: as QELNKLegacyServer. It observes its published service on the run loop of the thread that called start().
 class QELNK_EXPORT QELNKLegacyService : public QELNKLegacyServer, public qelnk::NetServiceDelegate {
  public:
+  /// Port 0 lets the system choose one. The options are those of QELNKLegacyStream, for every connection. Nothing
+  /// listens before start().
   static std::shared_ptr<QELNKLegacyService> create(std::string domain, std::string type, std::string name,
                                                     uint16_t port, const qelnk::Value &streamOptions);
+  /// The same as create().
   static std::shared_ptr<QELNKLegacyService> serviceWithDomain(std::string domain, std::string type, std::string name,
                                                                uint16_t port, const qelnk::Value &streamOptions) {
     return create(std::move(domain), std::move(type), std::move(name), port, streamOptions);
@@ -36,15 +39,19 @@ class QELNK_EXPORT QELNKLegacyService : public QELNKLegacyServer, public qelnk::
 
   /// The TXT record of the service, in its wire form or as keys and values; from start() until stop().
   void setTXTRecordData(const qelnk::Data &data);
+  /// The TXT record as keys and values.
   void setTXTRecordDictionary(const qelnk::TXTRecordDictionary &dictionary);
 
   /// What is published; null before start() and after stop().
   std::shared_ptr<qelnk::NetService> netService() const;
 
+  /// Says so on the log.
   void netServiceDidPublish(const std::shared_ptr<qelnk::NetService> &service) override;
+  /// Says so on the log.
   void netServiceDidNotPublish(const std::shared_ptr<qelnk::NetService> &service, std::error_code error) override;
 
  protected:
+  /// For create().
   QELNKLegacyService(std::string domain, std::string type, std::string name, uint16_t port,
                      const qelnk::Value &streamOptions);
 

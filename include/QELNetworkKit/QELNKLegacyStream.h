@@ -82,7 +82,9 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
     logHeartbeatMonitor = uint64_t(1) << 63
   };
 
+  /// Without byte streams yet, see setInputStream().
   static std::shared_ptr<QELNKLegacyStream> create(const qelnk::Value &options);
+  /// With the two directions of a connection, which are opened at once.
   static std::shared_ptr<QELNKLegacyStream> networkStreamWithInputStream(
       std::shared_ptr<qelnk::InputStream> inputStream, std::shared_ptr<qelnk::OutputStream> outputStream,
       const qelnk::Value &options);
@@ -90,14 +92,22 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   QELNKLegacyStream(const QELNKLegacyStream &) = delete;
   QELNKLegacyStream &operator=(const QELNKLegacyStream &) = delete;
 
+  /// The shared thread, delegate on the main thread, 4,096 bytes a write. No application ID: set "appID".
   static qelnk::Value defaultPlayoutOptions();
+  /// The same with an application ID.
   static qelnk::Value defaultPlayoutOptionsForAppID(const std::string &appID);
+  /// A thread of its own, delegate called there, 8,192 bytes a write, the ingest application's ID.
   static qelnk::Value defaultIngestOptions();
 
+  /// "com.kestrova.ingest"
   static std::string ingestAppID();
+  /// "com.kestrova.playout"
   static std::string playoutAppID();
+  /// "com.kestrova.player"
   static std::string playerAppID();
+  /// "com.kestrova.live"
   static std::string liveAppID();
+  /// "com.kestrova.connect"
   static std::string connectAppID();
 
   /// Which groups of messages all streams write to the log; none at first.
@@ -111,9 +121,11 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// Begins anew with these streams, which are opened on thread(). Those held before are dropped.
   void setInputStream(std::shared_ptr<qelnk::InputStream> inputStream,
                       std::shared_ptr<qelnk::OutputStream> outputStream);
+  /// Has a byte stream's events told to this stream, on thread().
   void scheduleStream(const std::shared_ptr<qelnk::ByteStream> &stream);
   /// Closes `stream` on thread(). Returns null.
   std::nullptr_t closeStream(const std::shared_ptr<qelnk::ByteStream> &stream);
+  /// Ends the connection; what was queued and not written is dropped. The delegate is not told.
   virtual void disconnect();
 
   // Writing. Each returns whether the bytes were queued: not before the stream is ready, nor once it has ended.
@@ -139,7 +151,9 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// Why the last connection, or the last attempt at one, failed; none if it did not, or only took too long.
   std::error_code connectionError() const;
 
+  /// The sum of the Status bits that are set.
   uint64_t streamStatus() const;
+  /// Whether both sides have shaken hands: strings and blocks may be written.
   bool isReady() const;
   /// Sets a bit of the status if `condition` holds, and does what is due then: sends the handshake, or announces that
   /// the stream is ready. On thread().
@@ -147,18 +161,25 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// An event of one of the two byte streams. On thread(), but for an end that is fed in from outside.
   void stream(const std::shared_ptr<qelnk::ByteStream> &stream, qelnk::StreamEvent handleEvent);
 
+  /// How many bytes are handed to the connection at once, at most; 0 stops writing.
   uint64_t maximumWriteSize() const;
   void setMaximumWriteSize(uint64_t size);
+  /// Whether the delegate is called on the main thread.
   bool callDelegateOnMainThread() const;
   void setCallDelegateOnMainThread(bool flag);
+  /// The observer, which is not kept alive; null once it has gone.
   std::shared_ptr<QELNKLegacyStreamDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QELNKLegacyStreamDelegate> delegate);
   /// For the owner's use.
   std::any context() const;
   void setContext(std::any context);
+  /// The application ID that the handshake tells; from the options.
   std::string appID() const;
+  /// The thread that serves the connection; null before there is one.
   std::shared_ptr<QELNKLegacyStreamThread> thread() const;
+  /// What is read from; null without a connection.
   std::shared_ptr<qelnk::InputStream> inputStream() const;
+  /// What is written to; null without a connection.
   std::shared_ptr<qelnk::OutputStream> outputStream() const;
 
   // The peer, as its socket and its handshake tell.
@@ -169,7 +190,9 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   std::optional<std::string> peerIPv4Address() const;
   /// The socket's port in network byte order, as it is stored.
   uint16_t peerPort() const;
+  /// The host name that it announced; none before.
   std::optional<std::string> peerHostName() const;
+  /// The application ID that it announced; none before.
   std::optional<std::string> peerAppID() const;
   /// Takes a socket address of 28 bytes, the size of an IPv6 one; of another size it is ignored.
   void setPeerAddressFromData(const qelnk::Data &address);
@@ -180,14 +203,18 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   static uint32_t rawLocalAddress();
   /// Dotted decimal, the octets in the order in which they lie in memory.
   static std::string stringFromIPv4Address(uint32_t address);
+  /// rawLocalAddress() in text.
   static std::string localHostIPv4();
+  /// The handshake's message that tells the host name.
   static std::string hostMessage();
+  /// The handshake's message that tells the IPv4 address.
   static std::string ipv4Message();
 
   /// A name for a log file in the application's log folder under the user's "Library/Logs", which is made if need be;
   /// none unless logFiles is in loggingMask().
   static std::optional<std::string> logFilenameForApp(const std::string &appID, const std::string &prefix,
                                                       const std::string &extension);
+  /// The same for appID().
   std::optional<std::string> logFilenameWithPrefix(const std::string &prefix, const std::string &extension) const;
 
   /// Runs `block` on the main thread: queued, or, not `async`, at once when this is the main thread and waiting for it
@@ -209,19 +236,28 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   std::shared_ptr<QELNKLegacyStream> held() const;
   /// The last reference is gone.
   virtual void dealloc();
+  /// Ends the connection: what disconnect() does.
   virtual void _disconnect();
 
   // What the stream has to tell. Subclasses put theirs before it.
+  /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateOfReceivedString(const std::string &string);
+  /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateOfReceivedBinaryData(const qelnk::Data &data, const std::string &contentType);
+  /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
                                                    const std::optional<std::string> &extendedInformation);
+  /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateStreamIsReady();
+  /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateStreamWasTerminated();
 
   // Hooks.
+  /// Nobody listens at the address; does nothing here.
   virtual void informDelegateConnectionRefused();
+  /// Each byte stream of a connection that has become ready; does nothing here.
   virtual void configureSocketForStream(const std::shared_ptr<qelnk::ByteStream> &stream);
+  /// The address cannot be used on this machine; here the same as a connection that ended.
   virtual void handleAddressNotAvailableForStream(const std::shared_ptr<qelnk::ByteStream> &stream);
 
   struct State;

@@ -19,6 +19,7 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
   /// A new one. Throws std::system_error when the system has no thread left.
   static std::shared_ptr<QELNKLegacyStreamThread> multiThreaded();
 
+  /// Usually made by singleThreaded() or multiThreaded(). Throws std::system_error when the system has no thread left.
   explicit QELNKLegacyStreamThread(bool cancellable);
   /// Cancels it if that was not done.
   ~QELNKLegacyStreamThread();
@@ -48,7 +49,9 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
   /// with the task under way.
   void cancel();
 
+  /// The loop that it turns.
   const std::shared_ptr<qelnk::RunLoop> &runLoop() const;
+  /// Whether cancel() ends it: not so for the shared one.
   bool isCancellable() const { return cancellable_; }
   /// Whether the calling thread is this one.
   bool isCurrent() const;

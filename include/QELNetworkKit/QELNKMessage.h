@@ -37,12 +37,15 @@ class QELNK_EXPORT QELNKMessage {
 
   /// An empty message.
   explicit QELNKMessage(ResponseBlock responseBlock = nullptr) : responseBlock_(std::move(responseBlock)) {}
+  /// A message with a request; `responseBlock` may be empty.
   QELNKMessage(qelnk::Value request, ResponseBlock responseBlock, bool responseless = false)
       : request_(std::move(request)), responseBlock_(std::move(responseBlock)), responseless_(responseless) {}
 
+  /// What is sent; absent for an empty message.
   const std::optional<qelnk::Value> &request() const { return request_; }
   /// To be set before it is queued.
   void setRequest(std::optional<qelnk::Value> request) { request_ = std::move(request); }
+  /// Whether there is nothing to send.
   bool isEmptyMessage() const { return !request_.has_value(); }
 
   /// The decoded reply; absent until one has been matched.
@@ -63,6 +66,7 @@ class QELNK_EXPORT QELNKMessage {
   /// Whether it finishes as soon as it is sent.
   bool responseless() const { return responseless_; }
   void setResponseless(bool responseless) { responseless_ = responseless; }
+  /// The callback; empty once the message has finished. To be set before it is queued.
   const ResponseBlock &responseBlock() const { return responseBlock_; }
   void setResponseBlock(ResponseBlock block) { responseBlock_ = std::move(block); }
 

@@ -62,6 +62,7 @@ class QELNK_EXPORT QELNKMonitor : public QELNKSocket {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKMonitor(std::shared_ptr<QELNKContext> context);
   friend class QELNKSocket;
 

@@ -12,8 +12,10 @@
 /// Properties that are not known are empty. Threads: any; each property is read and written as a whole.
 class QELNK_EXPORT QELNKNetworkInterface {
  public:
+  /// One with these names, and nothing else known.
   static std::shared_ptr<QELNKNetworkInterface> networkInterfaceWithDeviceName(std::string deviceName,
                                                                                std::string userDefinedName);
+  /// The same.
   QELNKNetworkInterface(std::string deviceName, std::string userDefinedName);
   QELNKNetworkInterface(const QELNKNetworkInterface &) = delete;
   QELNKNetworkInterface &operator=(const QELNKNetworkInterface &) = delete;

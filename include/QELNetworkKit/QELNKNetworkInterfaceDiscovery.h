@@ -27,7 +27,9 @@
 /// NetworkManager does not answer, the first call takes two seconds.
 class QELNK_EXPORT QELNKNetworkInterfaceDiscovery {
  public:
+  /// An object of the caller's own: changing it changes no network.
   using Interface = std::shared_ptr<QELNKNetworkInterface>;
+  /// In the order in which to offer them.
   using Interfaces = std::vector<Interface>;
 
   /// All, with or without an address; behind them localInterface() if the user setting "includeLocalInterface" is true.

@@ -22,6 +22,7 @@ class QELNK_EXPORT QELNKOrlinDaemon {
   /// nothing.
   void quit();
 
+  /// The project file that it was launched with.
   std::string project() const;
   void setProject(std::string project);
   /// The daemon's command port; 0 where no process was started.

@@ -18,6 +18,7 @@
 /// Threads: every operation may be called from any thread. stopAllDaemons() waits.
 class QELNK_EXPORT QELNKOrlinDaemonSpawner {
  public:
+  /// Called once the mirror is complete, on the response queue of the client's context.
   using ConnectedDaemonBlock = std::function<void(const std::shared_ptr<QELNKKORVALDaemonClient> &client)>;
 
   /// The process's spawner. Its bundle is what setSharedDaemonPath() gave, else the user setting "orlinDaemonPath",
@@ -33,6 +34,7 @@ class QELNK_EXPORT QELNKOrlinDaemonSpawner {
   /// terminated; throws qelnk::ProcessError when the process cannot be started.
   static std::shared_ptr<QELNKKORVALDaemonClient> sharedClient();
 
+  /// A spawner for the daemon of an application bundle; ports are tried from `basePort` on. Nothing is looked at yet.
   QELNKOrlinDaemonSpawner(const std::string &daemonBundle, int64_t basePort);
   ~QELNKOrlinDaemonSpawner();
   QELNKOrlinDaemonSpawner(const QELNKOrlinDaemonSpawner &) = delete;
@@ -59,12 +61,18 @@ class QELNK_EXPORT QELNKOrlinDaemonSpawner {
   void stopAllDaemons();
   /// Number of tracked daemons.
   size_t runningDaemons() const;
+  /// The tracked daemons: those that were launched and have not ended.
   std::vector<std::shared_ptr<QELNKOrlinDaemon>> daemons() const;
 
+  /// The Java program in the bundle.
   const std::string &javaPath() const { return javaPath_; }
+  /// Where the daemon finds its plug-ins, relative to its program.
   const std::string &pluginsPath() const { return pluginsPath_; }
+  /// The daemon's program in the bundle.
   const std::string &daemonPath() const { return daemonPath_; }
+  /// The folder "tools" beside the bundle.
   const std::string &ffmpegPath() const { return ffmpegPath_; }
+  /// The first port to try.
   int64_t basePort() const { return basePort_; }
 
  private:

@@ -56,8 +56,11 @@ class QELNK_EXPORT QELNKOrlinPort {
 
   /// None where the description had none.
   const std::optional<std::string> &name() const { return name_; }
+  /// The daemon's identifier; none where the description had none.
   const std::optional<std::string> &uid() const { return uid_; }
+  /// QELNKOrlinPortType.
   int32_t portType() const { return portType_; }
+  /// QELNKOrlinPortValueType.
   int32_t valueType() const { return valueType_; }
   /// The four characters of a value type, "" for a number that is none.
   static std::string_view nameOfValueType(int32_t valueType);
@@ -72,14 +75,19 @@ class QELNK_EXPORT QELNKOrlinPort {
   std::optional<std::string> currentValueAsString() const;
 
   // The slots of the value, one of which belongs to the value type. The setters store without any check.
+  /// Of str_; none while it is unset.
   std::optional<std::string> stringValue() const;
   void setStringValue(std::optional<std::string> value);
+  /// Of arry; none while it is unset.
   std::optional<qelnk::Value> arrayValue() const;
   void setArrayValue(std::optional<qelnk::Value> value);
+  /// Of int_ and long.
   int32_t intValue() const { return intValue_.load(std::memory_order_relaxed); }
   void setIntValue(int32_t value) { intValue_.store(value, std::memory_order_relaxed); }
+  /// Of doub.
   double doubleValue() const { return doubleValue_.load(std::memory_order_relaxed); }
   void setDoubleValue(double value) { doubleValue_.store(value, std::memory_order_relaxed); }
+  /// Of bool and trig.
   bool boolValue() const { return boolValue_.load(std::memory_order_relaxed); }
   void setBoolValue(bool value) { boolValue_.store(value, std::memory_order_relaxed); }
 

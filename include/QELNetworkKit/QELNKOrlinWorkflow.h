@@ -30,9 +30,12 @@ class QELNK_EXPORT QELNKOrlinWorkflow {
 
   /// None where the description had none.
   const std::optional<std::string> &name() const { return name_; }
+  /// The daemon's identifier; none where the description had none.
   const std::optional<std::string> &uid() const { return uid_; }
+  /// Whether it executes, as far as this side knows. Setting it changes this side alone.
   bool executing() const { return executing_.load(std::memory_order_relaxed); }
   void setExecuting(bool executing) { executing_.store(executing, std::memory_order_relaxed); }
+  /// Whether it executes when its project runs.
   bool executeOnRun() const { return executeOnRun_; }
 
   /// The ports as they are now, in order.
@@ -40,13 +43,19 @@ class QELNK_EXPORT QELNKOrlinWorkflow {
   /// The first port in order with that name or identifier, or null. By identifier the cost does not grow with the
   /// number of ports.
   std::shared_ptr<QELNKOrlinPort> portWithName(std::string_view name) const;
+  /// The first port with that identifier, or null. The cost does not grow with the number of ports.
   std::shared_ptr<QELNKOrlinPort> portWithID(std::string_view uid) const;
   /// The port at a place among all ports, among the input ports, among the output ports; null beyond the end.
   std::shared_ptr<QELNKOrlinPort> portWithIndex(size_t index) const;
+  /// The port at a place among the input ports; null beyond the end.
   std::shared_ptr<QELNKOrlinPort> inputPortWithIndex(size_t index) const;
+  /// The port at a place among the output ports; null beyond the end.
   std::shared_ptr<QELNKOrlinPort> outputPortWithIndex(size_t index) const;
+  /// How many ports there are.
   size_t numberOfPorts() const;
+  /// How many of them are input ports.
   size_t numberOfInputPorts() const;
+  /// How many of them are output ports.
   size_t numberOfOutputPorts() const;
 
  private:

@@ -13,6 +13,7 @@ class QELNKPingleton;
 class QELNK_EXPORT QELNKPingletonDelegate {
  public:
   virtual ~QELNKPingletonDelegate() = default;
+  /// The machine at that address has missed a reply; its watch has ended.
   virtual void pingleton(const std::shared_ptr<QELNKPingleton> &pingleton, const std::string &cantReachIP) = 0;
 };
 
@@ -28,6 +29,7 @@ class QELNK_EXPORT QELNKPingletonDelegate {
 /// Threads: any. Each watch has a thread and a descriptor of its own.
 class QELNK_EXPORT QELNKPingleton : public std::enable_shared_from_this<QELNKPingleton> {
  public:
+  /// The process's, which is never destroyed.
   static const std::shared_ptr<QELNKPingleton> &sharedPingleton();
   QELNKPingleton() = default;
   QELNKPingleton(const QELNKPingleton &) = delete;

@@ -46,6 +46,7 @@ class QELNK_EXPORT QELNKPublisher : public QELNKSocket {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKPublisher(std::shared_ptr<QELNKContext> context);
   std::unique_lock<std::mutex> lockSocket() override { return std::unique_lock(sending_); }
   friend class QELNKSocket;

@@ -42,6 +42,7 @@ class QELNK_EXPORT QELNKServer : public QELNKSocket {
   /// Stops taking requests and returns; a request that is being handled is still answered.
   void disconnect() override;
 
+  /// The handler.
   MessageBlock messageBlock() const;
   /// Takes effect with the next request.
   void setMessageBlock(MessageBlock block);
@@ -56,6 +57,7 @@ class QELNK_EXPORT QELNKServer : public QELNKSocket {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKServer(std::shared_ptr<QELNKContext> context);
   friend class QELNKSocket;
 

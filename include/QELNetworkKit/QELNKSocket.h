@@ -73,6 +73,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Stores the calling thread's ZeroMQ error number and text, domain "ZMQ".
   static void zmqError(qelnk::Error *error);
 
+  /// Sends one frame with ZeroMQ's flags. False, with the error, on failure. On the io thread.
   bool sendData(const qelnk::Data &frame, int32_t flags, qelnk::Error *error);
   /// Sends one message of several frames. After a failure the frames before it stay sent.
   bool sendData(const QELNKFrames &frames, qelnk::Error *error);
@@ -103,14 +104,18 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
 
   /// Logs the traffic since the last call, in KiB a second. The first call starts the meter.
   void logData();
+  /// Bytes of frames sent since the last logData().
   uint64_t dataSent() const { return dataSent_.sinceMark(); }
+  /// Bytes of frames received since the last logData().
   uint64_t dataReceived() const { return dataReceived_.sinceMark(); }
 
   /// The ZeroMQ socket, or null before the endpoint has connected or bound and after it has ended.
   std::shared_ptr<ZMQSocket> socket() const;
   /// For endpoints without an io thread: one that has a thread refuses it, with a line on the log.
   void setSocket(std::shared_ptr<ZMQSocket> socket);
+  /// The context it was made on, which it holds.
   const std::shared_ptr<QELNKContext> &context() const { return context_; }
+  /// The encoding of its messages, QELNKMessageBody; JSON unless set. Takes effect with the next message.
   int32_t messageBody() const { return messageBody_; }
   void setMessageBody(int32_t body) { messageBody_ = body; }
 
@@ -119,6 +124,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   void setClock(std::shared_ptr<qelnk::Clock> clock) { clock_ = std::move(clock); }
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKSocket(std::shared_ptr<QELNKContext> context);
 
   class IOThread;
@@ -132,6 +138,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   bool hasThread() const;
   /// The body of the endpoint's thread; returns soon once isCancelled().
   virtual void ioThread() {}
+  /// Whether the calling thread is this endpoint's io thread.
   bool onMessageThread() const;
   /// Whether the thread is to end. On the io thread.
   bool isCancelled() const;
@@ -165,7 +172,9 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   using Encoded = std::variant<qelnk::Data, QELNKFrames>;
   /// None, with the error, for what cannot be encoded, and for a message without frames. Any thread.
   std::optional<Encoded> encodeMessage(const qelnk::Value &message, qelnk::Error &error) const;
+  /// Sends a message that was encoded before. On the thread that owns the socket.
   bool sendEncoded(const Encoded &message, qelnk::Error &error);
+  /// Sends one frame with ZeroMQ's flags. On the thread that owns the socket.
   bool sendFrame(std::span<const uint8_t> frame, int32_t flags, qelnk::Error *error);
   /// Gives the socket of a monitor to the context, which keeps it until ZeroMQ has no more use for it: its own thread
   /// would wait for ever to hand an event to one that has closed. On the thread that owns it.

@@ -28,7 +28,9 @@
 /// response queue with no lock held; once the host has let go of the subscriber none is called.
 class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
  public:
+  /// Called after each connecting, on the response queue.
   using ConnectedBlock = std::function<void(const std::shared_ptr<QELNKSubscriber> &subscriber)>;
+  /// Gets one message, on the response queue.
   using MessageBlock =
       std::function<void(const std::shared_ptr<QELNKSubscriber> &subscriber, const qelnk::Value &message)>;
   /// How long a publisher may be silent.
@@ -43,6 +45,7 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   void addFilter(qelnk::Data prefix);
   /// The same with the 4 bytes of an integer in the machine's order.
   void addFilterWithInt(int32_t prefix);
+  /// The prefixes that were added, in order.
   std::vector<qelnk::Data> filters() const;
 
   /// Starts the io thread, which connects. `onConnected` is called after each connecting, the first and those after a
@@ -57,6 +60,7 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   /// disconnect() and may be done anywhere.
   void disconnect() override;
 
+  /// The connected callback; the one that is set when the call's turn comes.
   ConnectedBlock connectedBlock() const;
   void setConnectedBlock(ConnectedBlock block);
   /// Called for each message; the one that is set when the call's turn comes.
@@ -64,14 +68,19 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   void setMessageBlock(MessageBlock block);
   /// The publisher, as given to connectToHost().
   std::string host() const;
+  /// The publisher's port, as given to connectToHost().
   int32_t port() const;
 
   /// What may wait for the message callback: so many messages, and so many bytes of frames. One message always may.
   struct PendingLimit {
+    /// Number of messages.
     size_t messages = 65536;
+    /// Bytes of their frames.
     size_t bytes = size_t(64) << 20;
+    /// Equal when both are.
     bool operator==(const PendingLimit &) const = default;
   };
+  /// The limit in force; takes effect with the next message.
   PendingLimit pendingLimit() const;
   void setPendingLimit(PendingLimit limit);
   /// How many messages wait.
@@ -84,6 +93,7 @@ class QELNK_EXPORT QELNKSubscriber : public QELNKSocket {
   int32_t socketType() const override;
 
  protected:
+  /// For create() of subclasses.
   explicit QELNKSubscriber(std::shared_ptr<QELNKContext> context);
   friend class QELNKSocket;
 

@@ -55,6 +55,7 @@ struct QELNKWebSocketOptions {
   size_t maximumMessageSize = size_t(64) << 20;
   /// What may wait to be sent, in bytes: a send beyond it fails. One message always may.
   size_t maximumBufferedAmount = size_t(256) << 20;
+  /// Called on the queue; none unless set.
   ClosedBlock closedBlock;
 };
 
@@ -74,6 +75,7 @@ struct QELNKWebSocketOptions {
 /// held; once the host has let go none is called.
 class QELNK_EXPORT QELNKWebSocket : public std::enable_shared_from_this<QELNKWebSocket> {
  public:
+  /// Where the connection is in its life; `closed` is for good.
   enum ReadyState : int32_t { connecting = 0, open = 1, closing = 2, closed = 3 };
 
   /// `url` is ws://, wss://, or http:// and https:// for the same. Whatever is wrong with it is told to the observer
@@ -92,9 +94,11 @@ class QELNK_EXPORT QELNKWebSocket : public std::enable_shared_from_this<QELNKWeb
   /// Sends one binary message, in the same manner. The bytes are shared, not copied.
   bool sendData(qelnk::Data data, qelnk::Error *error = nullptr);
 
+  /// The observer, which is not kept alive; null once it has gone.
   std::shared_ptr<QELNKWebSocketDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QELNKWebSocketDelegate> delegate);
 
+  /// Where it is now: the queue may not have been told yet.
   ReadyState readyState() const;
   /// The bytes of messages that have not been handed over to the system yet.
   size_t bufferedAmount() const;

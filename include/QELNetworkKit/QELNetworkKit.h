@@ -1,6 +1,7 @@
 #pragma once
 
-/// Everything the library offers. cmp.h and Version.h can be included from C as well.
+/// @file
+/// Everything the library offers but the ping of qelNKPing.h. cmp.h and Version.h can be included from C as well.
 
 #include <QELNetworkKit/ByteStream.h>
 #include <QELNetworkKit/Clock.h>

@@ -29,15 +29,20 @@ class QELNK_EXPORT QELProjectTimecode {
   /// The text form; the text that it was made with, if that has another form.
   const std::string &XMLRepresentation() const { return text_; }
 
+  /// Whether its text has the form.
   bool isValid() const { return rate_ > 0; }
   /// These are 0 when it is not valid.
   uint32_t hours() const { return hours_; }
+  /// 0 to 59.
   uint32_t minutes() const { return minutes_; }
+  /// 0 to 59.
   uint32_t seconds() const { return seconds_; }
+  /// 0 to the rate rounded up, less one.
   uint32_t frames() const { return frames_; }
   /// Frames a second.
   double rate() const { return rate_; }
 
+  /// Equal when the texts are.
   bool operator==(const QELProjectTimecode &other) const { return text_ == other.text_; }
 
  private:

@@ -32,6 +32,7 @@ class QELNK_EXPORT Queue {
   /// Whether the calling thread is the one that runs this queue's tasks.
   virtual bool isCurrent() const = 0;
 
+  /// The name that it was given; "main" for the main queue.
   virtual const std::string &label() const = 0;
 };
 

@@ -16,7 +16,9 @@ using Task = std::function<void()>;
 
 /// What a file descriptor is watched for; the values may be added up.
 enum class Readiness : uint32_t { none = 0, readable = 1, writable = 2, failed = 4 };
+/// Both.
 constexpr Readiness operator|(Readiness a, Readiness b) { return Readiness(uint32_t(a) | uint32_t(b)); }
+/// Whether they have something in common.
 constexpr bool operator&(Readiness a, Readiness b) { return (uint32_t(a) & uint32_t(b)) != 0; }
 
 /// A timer or a watch of a run loop. Letting the last reference go does not end it; cancel() does.
@@ -26,6 +28,7 @@ constexpr bool operator&(Readiness a, Readiness b) { return (uint32_t(a) & uint3
 class QELNK_EXPORT LoopSource {
  public:
   virtual ~LoopSource() = default;
+  /// Ends it; twice is harmless.
   virtual void cancel() = 0;
 };
 

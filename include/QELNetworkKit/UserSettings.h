@@ -21,13 +21,16 @@ namespace qelnk {
 /// Threads: any.
 class QELNK_EXPORT UserSettings {
  public:
+  /// What a setting may be.
   using Setting = std::variant<bool, int64_t, double, std::string>;
 
   /// The settings of this application, whose name is the name of the program file unless setApplicationName() was
   /// called before first use.
   static UserSettings &standard();
+  /// Names the application; after the first use of standard() it comes too late, which the log says.
   static void setApplicationName(std::string name);
 
+  /// The settings of a file of the host's choice, read here.
   explicit UserSettings(const std::filesystem::path &file);
   ~UserSettings();
 
@@ -41,6 +44,7 @@ class QELNK_EXPORT UserSettings {
 
   /// Sets a value for this process; it is not written to the file.
   void set(std::string key, Setting value);
+  /// Forgets a value, for this process; the file is left as it is.
   void remove(std::string_view key);
 
  private:

@@ -37,13 +37,18 @@ class QELNK_EXPORT Data {
   Data() = default;
   /// Copies `bytes`.
   explicit Data(std::span<const uint8_t> bytes);
+  /// Copies characters.
   explicit Data(std::string_view bytes);
+  /// Copies the given bytes.
   Data(std::initializer_list<uint8_t> bytes) : Data(std::span(bytes.begin(), bytes.size())) {}
   /// `size` bytes of no particular value, to be written through mutableData().
   static Data uninitialized(size_t size);
 
+  /// Shares the bytes.
   Data(const Data &other);
+  /// Takes the bytes over; `other` is empty then.
   Data(Data &&other) noexcept : bytes_(std::exchange(other.bytes_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  /// Shares the bytes, or takes them over.
   Data &operator=(Data other) noexcept {
     std::swap(bytes_, other.bytes_);
     std::swap(size_, other.size_);
@@ -51,12 +56,19 @@ class QELNK_EXPORT Data {
   }
   ~Data();
 
+  /// The bytes; null when there are none. Valid until the next change.
   const uint8_t *data() const { return bytes_; }
+  /// Number of bytes.
   size_t size() const { return size_; }
+  /// Whether there are none.
   bool empty() const { return size_ == 0; }
+  /// The first byte.
   const uint8_t *begin() const { return bytes_; }
+  /// Behind the last byte.
   const uint8_t *end() const { return bytes_ + size_; }
+  /// The byte at a place, which has to be there.
   uint8_t operator[](size_t index) const { return bytes_[index]; }
+  /// The bytes as a view, valid until the next change.
   std::span<const uint8_t> span() const { return {bytes_, size_}; }
   /// The same bytes as characters.
   std::string_view text() const { return {reinterpret_cast<const char *>(bytes_), size_}; }
@@ -64,14 +76,18 @@ class QELNK_EXPORT Data {
   /// The bytes for writing; they are no longer shared. Valid until the next change or copy of this object: whoever it
   /// was given to may share them from then on.
   uint8_t *mutableData();
+  /// Copies bytes behind the end.
   void append(std::span<const uint8_t> bytes);
+  /// Copies characters behind the end.
   void append(std::string_view bytes);
   /// Changes the size; new bytes have no particular value.
   void resize(size_t size);
   /// Makes room for `capacity` bytes in all.
   void reserve(size_t capacity);
+  /// Lets go of the bytes.
   void clear() { *this = Data(); }
 
+  /// Equal when the bytes are.
   friend bool operator==(const Data &a, const Data &b) {
     return a.size_ == b.size_ && (a.size_ == 0 || std::memcmp(a.bytes_, b.bytes_, a.size_) == 0);
   }
@@ -130,25 +146,36 @@ class QELNK_EXPORT Value {
   /// One entry of a plain map.
   struct Entry;
 
+  /// Null.
   constexpr Value() noexcept : head_(0), bits_(0) {}
+  /// Null.
   constexpr Value(std::nullptr_t) noexcept : Value() {}
+  /// A boolean; nothing else turns into one by itself.
   template <std::same_as<bool> T>
   constexpr Value(T flag) noexcept : head_(uint64_t(Kind::boolean)), bits_(flag ? 1 : 0) {}
+  /// An integer of the width of its type; characters are none.
   template <std::integral T>
   requires(!std::same_as<T, bool> && !std::same_as<T, char> && !std::same_as<T, wchar_t> && !std::same_as<T, char8_t> &&
            !std::same_as<T, char16_t> && !std::same_as<T, char32_t> &&
            sizeof(T) <= 8) constexpr Value(T number) noexcept
       : head_(uint64_t(kindOf<T>())), bits_(uint64_t(int64_t(number))) {}
+  /// A 32-bit float.
   constexpr Value(float number) noexcept
       : head_(uint64_t(Kind::float32)), bits_(__builtin_bit_cast(uint32_t, number)) {}
+  /// A 64-bit float.
   constexpr Value(double number) noexcept
       : head_(uint64_t(Kind::float64)), bits_(__builtin_bit_cast(uint64_t, number)) {}
   /// Text, held as it is; it should be UTF-8.
   Value(std::string_view text);
+  /// The same; not for a null pointer.
   Value(const char *text) : Value(std::string_view(text)) {}
+  /// The same.
   Value(const std::string &text) : Value(std::string_view(text)) {}
+  /// A byte buffer, whose bytes are shared.
   Value(Data data);
+  /// An ordered map.
   Value(PQODictionary map);
+  /// An XML document.
   Value(XMLDocument document);
 
   /// A list of the given values.
@@ -156,15 +183,19 @@ class QELNK_EXPORT Value {
   /// A plain map of the given pairs; a later pair of the same key replaces the value of the earlier one.
   static Value map(std::initializer_list<std::pair<Value, Value>> entries = {});
 
+  /// Shares what does not fit inside.
   Value(const Value &other) : head_(other.head_), bits_(other.bits_) {
     if (other.isShared()) acquire();
   }
+  /// Takes it over; `other` is null then.
   Value(Value &&other) noexcept : head_(std::exchange(other.head_, 0)), bits_(std::exchange(other.bits_, 0)) {}
+  /// Shares what does not fit inside.
   Value &operator=(const Value &other) {
     Value copy(other);
     swap(copy);
     return *this;
   }
+  /// Takes it over; `other` is null then.
   Value &operator=(Value &&other) noexcept {
     Value taken(std::move(other));
     swap(taken);
@@ -173,6 +204,7 @@ class QELNK_EXPORT Value {
   ~Value() {
     if (isShared()) release();
   }
+  /// Exchanges two values.
   void swap(Value &other) noexcept {
     std::swap(head_, other.head_);
     std::swap(bits_, other.bits_);
@@ -180,23 +212,34 @@ class QELNK_EXPORT Value {
 
   // What it is.
 
+  /// What it holds.
   Kind kind() const {
     const uint8_t tag = uint8_t(head_);
     return tag < shortStringTag ? Kind(tag) : tag == shortStringTag ? Kind::string : Kind(tag - 1);
   }
+  /// Whether it is null.
   bool isNull() const { return uint8_t(head_) == 0; }
+  /// Whether it is a boolean.
   bool isBool() const { return kind() == Kind::boolean; }
   /// A number of any width; a boolean is none.
   bool isNumber() const { return kind() >= Kind::int8 && kind() <= Kind::float64; }
+  /// An integer of any width.
   bool isInteger() const { return kind() >= Kind::int8 && kind() <= Kind::uint64; }
+  /// A float of either width.
   bool isFloat() const { return kind() == Kind::float32 || kind() == Kind::float64; }
+  /// Whether it is a string.
   bool isString() const { return kind() == Kind::string; }
+  /// Whether it is a byte buffer.
   bool isData() const { return kind() == Kind::data; }
+  /// Whether it is a list.
   bool isList() const { return kind() == Kind::list; }
+  /// A plain map.
   bool isMap() const { return kind() == Kind::map; }
+  /// A PQODictionary.
   bool isOrderedMap() const { return kind() == Kind::orderedMap; }
   /// A plain or an ordered map.
   bool isDictionary() const { return isMap() || isOrderedMap(); }
+  /// Whether it is an XML document.
   bool isXML() const { return kind() == Kind::xml; }
 
   // Scalars. Each reads numbers, booleans (1 or 0) and strings (their leading decimal number), and gives 0 for anything
@@ -209,9 +252,11 @@ class QELNK_EXPORT Value {
   int32_t intValue() const;
   /// A fraction is cut; a float beyond the range gives the nearest bound; an unsigned number keeps its 64 bits.
   int64_t integerValue() const;
+  /// The same for unsigned numbers: a negative integer keeps its 64 bits.
   uint64_t unsignedValue() const {
     return kind() == Kind::uint64 || !isFloat() ? uint64_t(integerValue()) : unsignedFromFloat();
   }
+  /// An integer beyond 53 bits is rounded.
   double doubleValue() const;
 
   /// The characters of a string, else empty. Valid as long as this value is not changed.
@@ -234,6 +279,7 @@ class QELNK_EXPORT Value {
 
   /// Number of elements of a list or of entries of either map, else 0.
   size_t size() const;
+  /// Whether there are no elements or entries, as for anything but lists and maps.
   bool empty() const { return size() == 0; }
 
   /// The elements of a list, else none.
@@ -251,6 +297,7 @@ class QELNK_EXPORT Value {
   const Value *find(Key key) const {
     return find(Value(key));
   }
+  /// Whether either map has an entry under the key.
   bool contains(std::string_view key) const { return find(key) != nullptr; }
   template <detail::PlainKey Key>
   bool contains(Key key) const {
@@ -289,6 +336,7 @@ class QELNK_EXPORT Value {
 
   /// Another one in each process.
   size_t hash() const;
+  /// Whether two trees are equal, see above.
   QELNK_EXPORT friend bool operator==(const Value &a, const Value &b);
 
  private:
@@ -312,16 +360,22 @@ class QELNK_EXPORT Value {
   uint64_t bits_;  // a number, a pointer, or more characters
 };
 
+/// A key and what is stored under it.
 struct Value::Entry {
+  /// Any value, mostly a string.
   Value key;
+  /// What is stored; may be null.
   Value value;
 };
 
+/// Writes description(); for tests and logs.
 QELNK_EXPORT std::ostream &operator<<(std::ostream &out, const Value &value);
 
 }  // namespace qelnk
 
+/// For unordered containers of values.
 template <>
 struct std::hash<qelnk::Value> {
+  /// Value::hash().
   size_t operator()(const qelnk::Value &value) const { return value.hash(); }
 };

@@ -17,6 +17,7 @@ class ZMQSocket;
 /// life: but for those that an endpoint's io thread owns, no thread may be using a socket of it by then.
 class QELNK_EXPORT ZMQContext {
  public:
+  /// The version of the ZeroMQ library in use.
   static void getZMQVersion(int &major, int &minor, int &patch);
   /// ZeroMQ's poll, unchanged: the timeout is in milliseconds, -1 for ever. Returns how many items are ready, or -1.
   static int pollWithItems(zmq_pollitem_t *items, int count, long timeout);
@@ -39,6 +40,7 @@ class QELNK_EXPORT ZMQContext {
   /// Ends the ZeroMQ context: what waits in a call on one of its sockets fails with ETERM. It waits until the last
   /// socket is closed and, for each, at most as long as its linger option says. Twice is harmless.
   void terminate();
+  /// Whether terminate() was called.
   bool isTerminated() const { return terminated_.load(); }
 
   /// The raw context; null after termination.

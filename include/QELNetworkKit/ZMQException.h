@@ -13,8 +13,11 @@ class QELNK_EXPORT ZMQException : public std::runtime_error {
   /// `reason` is ZeroMQ's error text, `code` its error number.
   ZMQException(const std::string &reason, int32_t code) : std::runtime_error(reason), code_(code) {}
 
+  /// "ZMQException"
   const char *name() const { return "ZMQException"; }
+  /// ZeroMQ's error text.
   std::string reason() const { return what(); }
+  /// ZeroMQ's error number.
   int32_t code() const { return code_; }
   /// A map with the code under "errorCode".
   qelnk::Value userInfo() const { return qelnk::Value::map({{"errorCode", code_}}); }

@@ -36,9 +36,12 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   /// most longestLinger where nobody set it: a peer that never comes must not hold up the end of the context. Twice is
   /// harmless.
   void close();
+  /// The longest that closing lets messages leave where nobody set it.
   static constexpr std::chrono::milliseconds longestLinger{1000};
+  /// Whether it has no raw socket (any more).
   bool isClosed() const { return socket_.load() == nullptr; }
 
+  /// Sets an option of any type. Throws where ZeroMQ refuses; else true.
   bool setData(const qelnk::Data &data, int32_t option);
   /// Sets an option whose value is an int.
   bool setInt(int value, int32_t option);
@@ -48,6 +51,7 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   /// A TCP port that a socket of this process has just given up is waited for, at most a second: ZeroMQ closes in the
   /// background.
   bool bindToEndpoint(const std::string &endpoint);
+  /// Connects in the background: that nobody is there yet is no failure.
   bool connectToEndpoint(const std::string &endpoint);
 
   /// The TCP port to which it was bound last; 0 for none.
@@ -62,6 +66,7 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
 
   /// Asks for messages that begin with `prefix`; returns whether ZeroMQ accepted it.
   bool subscribe(std::string_view prefix);
+  /// Asks for all messages.
   bool subscribeAll() { return subscribe({}); }
 
   /// Has ZeroMQ publish the transport events of `events` on an in-process endpoint, in place of one given before
@@ -75,14 +80,18 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
 
   /// The context it was made on, not owned.
   ZMQContext *context() const { return context_.load(); }
+  /// ZeroMQ's number of the socket type.
   int32_t type() const { return type_.load(); }
   /// The raw socket; null once closed.
   void *socket() const { return socket_.load(); }
 
   // For a host that takes the raw socket over or hands another in. They store and do nothing else: a raw socket that is
   // forgotten here is the caller's to close.
+  /// Stores the context, which is not held.
   void setContext(ZMQContext *context) { context_ = context; }
+  /// Stores the type.
   void setType(int32_t type) { type_ = type; }
+  /// Stores the raw socket; the one before is forgotten, not closed.
   void setSocket(void *socket) { socket_ = socket; }
   /// True forgets the raw socket; false changes nothing.
   void setClosed(bool closed) {

@@ -1,6 +1,7 @@
 #ifndef QELNETWORKKIT_CMP_H
 #define QELNETWORKKIT_CMP_H
 
+/// @file
 /// Reads and writes single MessagePack items through two callbacks of the caller. Plain C: no allocation, no buffering.
 ///
 /// Owner: the caller owns the context, the objects and every buffer; nothing is kept after a call returns.
@@ -21,6 +22,7 @@
 
 QELNK_EXTERN_C_BEGIN
 
+/// See the structure.
 typedef struct cmp_context cmp_context;
 
 /// Delivers exactly `limit` bytes to `data`; false when it cannot.
@@ -29,6 +31,7 @@ typedef bool (*cmp_reader)(cmp_context *ctx, void *data, size_t limit);
 /// Takes `count` bytes from `data`; returns how many it took. A marker needs exactly 1, any other field not 0.
 typedef size_t (*cmp_writer)(cmp_context *ctx, const void *data, size_t count);
 
+/// One stream of items, read or written through its callbacks.
 struct cmp_context {
   uint8_t error;     ///< the last failure, one of CMP_ERROR_...
   void *buf;         ///< the caller's own, for the callbacks
@@ -95,24 +98,25 @@ enum {
   CMP_ERROR_MAX = 16
 };
 
+/// The header of an ext item.
 typedef struct cmp_ext {
-  int8_t type;
-  uint32_t size;
+  int8_t type;    ///< the application's own number
+  uint32_t size;  ///< bytes of the payload
 } cmp_ext;
 
 /// The member that counts follows from the object's type. Fixnums: positive in u8, negative in s8.
 typedef union cmp_value {
-  bool boolean;
-  uint8_t u8;
-  uint16_t u16;
-  uint32_t u32;
-  uint64_t u64;
-  int8_t s8;
-  int16_t s16;
-  int32_t s32;
-  int64_t s64;
-  float flt;
-  double dbl;
+  bool boolean;   ///< booleans
+  uint8_t u8;     ///< unsigned, 8 bits; positive fixnums
+  uint16_t u16;   ///< unsigned, 16 bits
+  uint32_t u32;   ///< unsigned, 32 bits
+  uint64_t u64;   ///< unsigned, 64 bits
+  int8_t s8;      ///< signed, 8 bits; negative fixnums
+  int16_t s16;    ///< signed, 16 bits
+  int32_t s32;    ///< signed, 32 bits
+  int64_t s64;    ///< signed, 64 bits
+  float flt;      ///< float
+  double dbl;     ///< double
   uint32_t size;  ///< str, bin, array, map, every form of them
   cmp_ext ext;    ///< ext, every form of it
 } cmp_value;
@@ -120,7 +124,7 @@ typedef union cmp_value {
 /// One item. Of str, bin, array, map and ext only the header: what they hold follows in the stream.
 typedef struct cmp_object {
   uint8_t type;  ///< one of CMP_TYPE_...
-  cmp_value as;
+  cmp_value as;  ///< its value, or its size
 } cmp_object;
 
 /// Prepares a context, without an error. Nothing to release later.
@@ -168,6 +172,7 @@ QELNK_EXPORT bool cmp_write_nfix(cmp_context *ctx, int8_t value);
 QELNK_EXPORT bool cmp_write_sfix(cmp_context *ctx, int8_t value);
 QELNK_EXPORT bool cmp_write_ufix(cmp_context *ctx, uint8_t value);
 
+/// The number in the form of the name.
 QELNK_EXPORT bool cmp_write_s8(cmp_context *ctx, int8_t value);
 QELNK_EXPORT bool cmp_write_s16(cmp_context *ctx, int16_t value);
 QELNK_EXPORT bool cmp_write_s32(cmp_context *ctx, int32_t value);
@@ -179,6 +184,7 @@ QELNK_EXPORT bool cmp_write_u64(cmp_context *ctx, uint64_t value);
 QELNK_EXPORT bool cmp_write_float(cmp_context *ctx, float value);
 QELNK_EXPORT bool cmp_write_double(cmp_context *ctx, double value);
 
+/// One item of one byte.
 QELNK_EXPORT bool cmp_write_nil(cmp_context *ctx);
 QELNK_EXPORT bool cmp_write_true(cmp_context *ctx);
 QELNK_EXPORT bool cmp_write_false(cmp_context *ctx);
@@ -238,11 +244,13 @@ QELNK_EXPORT bool cmp_read_object(cmp_context *ctx, cmp_object *object);
 // Readers that convert: any integer form up to the result's width whose value fits. The unsigned ones take no signed
 // form, not even one that holds a positive number.
 
+/// The number, from any signed or unsigned form whose value fits the result.
 QELNK_EXPORT bool cmp_read_char(cmp_context *ctx, int8_t *value);
 QELNK_EXPORT bool cmp_read_short(cmp_context *ctx, int16_t *value);
 QELNK_EXPORT bool cmp_read_int(cmp_context *ctx, int32_t *value);
 QELNK_EXPORT bool cmp_read_long(cmp_context *ctx, int64_t *value);
 QELNK_EXPORT bool cmp_read_sinteger(cmp_context *ctx, int64_t *value);
+/// The number, from any unsigned form whose value fits the result.
 QELNK_EXPORT bool cmp_read_uchar(cmp_context *ctx, uint8_t *value);
 QELNK_EXPORT bool cmp_read_ushort(cmp_context *ctx, uint16_t *value);
 QELNK_EXPORT bool cmp_read_uint(cmp_context *ctx, uint32_t *value);
@@ -278,6 +286,7 @@ QELNK_EXPORT bool cmp_read_nfix(cmp_context *ctx, int8_t *value);
 QELNK_EXPORT bool cmp_read_sfix(cmp_context *ctx, int8_t *value);
 QELNK_EXPORT bool cmp_read_ufix(cmp_context *ctx, uint8_t *value);
 
+/// The number, from the form of the name alone.
 QELNK_EXPORT bool cmp_read_s8(cmp_context *ctx, int8_t *value);
 QELNK_EXPORT bool cmp_read_s16(cmp_context *ctx, int16_t *value);
 QELNK_EXPORT bool cmp_read_s32(cmp_context *ctx, int32_t *value);
@@ -289,6 +298,7 @@ QELNK_EXPORT bool cmp_read_u64(cmp_context *ctx, uint64_t *value);
 QELNK_EXPORT bool cmp_read_float(cmp_context *ctx, float *value);
 QELNK_EXPORT bool cmp_read_double(cmp_context *ctx, double *value);
 
+/// The item of that name.
 QELNK_EXPORT bool cmp_read_nil(cmp_context *ctx);
 QELNK_EXPORT bool cmp_read_bool(cmp_context *ctx, bool *value);
 /// 1 or 0.

@@ -27,25 +27,35 @@ extern "C" {
 /// Threads: any, several at once. Signals are handled for the process, by the runs of this function alone.
 QELNK_EXPORT int32_t qelNKPing(int argc, char *const argv[]);
 
-// A program reads the library's variables where they are, instead of having copies of its own.
+/// Has a program read the library's variables where they are, instead of having copies of its own.
 #if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
 #define QELNK_OF_LIBRARY __attribute__((nodirect_extern_access))
 #else
 #define QELNK_OF_LIBRARY
 #endif
 
-/// What the runs of this process have seen; for looking, each a number of its own, written by whichever run is at it.
-///
-/// Requests sent and replies received in the run that last changed them, 0 after an escape.
-extern QELNK_EXPORT QELNK_OF_LIBRARY int64_t ntransmitted, nreceived;
-/// Round trips of all replies, in milliseconds: shortest (999999999.0 before the first), longest, sum, sum of squares.
-/// They are never set back.
-extern QELNK_EXPORT QELNK_OF_LIBRARY double tmin, tmax, tsum, tsumsq;
-/// Of the run that last began: the options given, a sum of QELNKPingOption; milliseconds between requests and to wait
-/// for the last reply.
-extern QELNK_EXPORT QELNK_OF_LIBRARY uint32_t options;
-extern QELNK_EXPORT QELNK_OF_LIBRARY int32_t interval, waittime;
+// What the runs of this process have seen; for looking, each a number of its own, written by whichever run is at it.
 
+/// Requests sent in the run that last changed it, 0 after an escape.
+extern QELNK_EXPORT QELNK_OF_LIBRARY int64_t ntransmitted;
+/// Replies received in the run that last changed it, 0 after an escape.
+extern QELNK_EXPORT QELNK_OF_LIBRARY int64_t nreceived;
+/// The shortest round trip of all replies, in milliseconds; 999999999.0 before the first. Never set back.
+extern QELNK_EXPORT QELNK_OF_LIBRARY double tmin;
+/// The longest round trip of all replies, in milliseconds. Never set back.
+extern QELNK_EXPORT QELNK_OF_LIBRARY double tmax;
+/// The sum of the round trips of all replies, in milliseconds. Never set back.
+extern QELNK_EXPORT QELNK_OF_LIBRARY double tsum;
+/// The sum of their squares. Never set back.
+extern QELNK_EXPORT QELNK_OF_LIBRARY double tsumsq;
+/// The options of the run that last began, a sum of QELNKPingOption.
+extern QELNK_EXPORT QELNK_OF_LIBRARY uint32_t options;
+/// Milliseconds between requests of the run that last began.
+extern QELNK_EXPORT QELNK_OF_LIBRARY int32_t interval;
+/// Milliseconds for which the run that last began waits for the last reply.
+extern QELNK_EXPORT QELNK_OF_LIBRARY int32_t waittime;
+
+/// Bits of `options`, by the letters of the command line.
 enum QELNKPingOption {
   QELNKPingBellOnMissed = 1 << 0,        ///< -A
   QELNKPingBell = 1 << 1,                ///< -a

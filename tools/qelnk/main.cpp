@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "Manual.h"
 #include "Table.h"
 
 namespace tool {
@@ -95,6 +96,18 @@ const Command &takeCommand(std::vector<std::string> &words, size_t place) {
   throw Failure(Exit::usage, "the command is " + choice);
 }
 
+/// `qelnk help ...`: the overview, and what a package installs besides the program.
+void help(std::span<const std::string> words) {
+  const Arguments arguments =
+      Arguments::parse({"", {{"man", "", "print the manual page"}, {"completion", "SHELL", "for bash or zsh"}}}, words);
+  if (arguments.has("man"))
+    print(manualPage());
+  else if (const auto shell = arguments.text("completion"))
+    print(completionFor(*shell));
+  else
+    print(overview());
+}
+
 /// Runs what the command line asks for; failures are thrown. `context` becomes the words that they are about.
 Exit run(std::vector<std::string> words, std::string &context) {
   const size_t place = placeOfCommand(words);
@@ -104,6 +117,10 @@ Exit run(std::vector<std::string> words, std::string &context) {
     const Arguments arguments = Arguments::parse(syntax, words);
     if (!arguments.has("version") && !arguments.has("help")) throw Failure(Exit::usage, "no command given");
     print(arguments.has("version") ? std::string(QELNetworkKitVersionString) + "\n" : overview());
+    return Exit::done;
+  }
+  if (words.front() == "help") {
+    help(std::span(words).subspan(1));
     return Exit::done;
   }
   if (place + 2 == words.size() && words.back() == "--help" && !groupOf(words[place]).empty()) {
