@@ -9,6 +9,7 @@ packages=(
   avahi-daemon avahi-utils dbus-daemon iproute2 python3-dbusmock
   clang clang-format clang-tidy
   python3 python3-zmq python3-msgpack python3-websockets git locales
+  chromium-headless-shell
 )
 if [ "${1:-build}" = bench ]; then
   packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)
