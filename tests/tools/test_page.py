@@ -71,7 +71,8 @@ class Page(ToolTest):
         self.assertEqual(client.push(), ("out-trig", True))
         for kind, label, text, value in [
                 ("int", "Channel", "-12", -12), ("long", "Media position", "-9007199254740995", -9007199254740995),
-                ("indx", "Preset", "3", 3), ("doub", "Level", "0.25", 0.25), ("doub", "Level", "1e3", 1000.0),
+                ("indx", "Preset", "3", 3), ("doub", "Level", "0.25", 0.25), ("doub", "Level", "-1e3", -1000.0),
+                ("doub", "Level", "-inf", float("-inf")),
                 ("str", "Title", 'Späte "Nachrichten"\n2', 'Späte "Nachrichten"\n2'),
                 ("arry", "Playlist", '[1, ["two"]]', [1, ["two"]]), ("colr", "Background", "#00ff7f", "#00ff7f"),
                 ("tico", "In point", "10:00:01:00 25", "10:00:01:00 25"), ("strc", "Layout", '{"x": null}', {"x": None}),

@@ -188,7 +188,7 @@ class SimulatorWithWeb(ToolTest):
         """Runs a conversation with the simulator as a WebSocket client, and returns what it returns."""
 
         async def run():
-            async with websockets.connect(f"ws://localhost:{web}/", origin=origin, max_size=None) as connection:
+            async with websockets.connect(f"ws://localhost:{web}/any/path", origin=origin, max_size=None) as connection:
                 async def ask(command, data=None):
                     await connection.send(json.dumps({"command": command, "messageID": command, "data": data}))
                     return await read()
