@@ -186,7 +186,7 @@ class Client : public std::enable_shared_from_this<Client> {
     }
     queued_ += text->size();
     queue_.push_back(text);
-    if (queue_.size() == 1) write();
+    if (isAccepted_ && queue_.size() == 1) write();
   }
   void watch() { watches_ = true; }
   bool watches() const { return watches_; }
@@ -226,9 +226,11 @@ class Client : public std::enable_shared_from_this<Client> {
   void accept() {
     isForeign_ = isForeign(parser_.get());
     stream_.next_layer().expires_never();  // the WebSocket has its own limits
+    isOpen_ = true;                        // the client may see that before this side does, and counts on what follows
     stream_.async_accept(parser_.get(), [self = shared_from_this()](error_code error) {
-      if (error) return self->end();
-      self->isOpen_ = true;
+      if (error || !self->isOpen_) return self->end();
+      self->isAccepted_ = true;
+      if (!self->queue_.empty()) self->write();
       self->read();
     });
   }
@@ -251,6 +253,7 @@ class Client : public std::enable_shared_from_this<Client> {
   std::deque<Text> queue_;  // the first one is being written
   size_t queued_ = 0;
   bool isOpen_ = false;
+  bool isAccepted_ = false;
   bool isForeign_ = false;
   bool watches_ = false;
 };
