@@ -11,6 +11,7 @@ packages=(
   clang clang-format clang-tidy
   doxygen groff-base
   python3 python3-zmq python3-msgpack python3-websockets git locales
+  chromium-headless-shell
 )
 if [ "${1:-build}" = bench ]; then
   packages+=(libbenchmark-dev libmsgpack-cxx-dev nlohmann-json3-dev)

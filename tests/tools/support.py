@@ -127,6 +127,13 @@ class ToolTest(unittest.TestCase):
         self.assertRegex(line, r"^listening on port \d+$")
         return process, int(line.split()[-1])
 
+    def web(self, project=None):
+        """The same with its web server; returns that port, too."""
+        process, port = self.sim(project, "-web", "0")
+        line = process.stdout.readline().decode()
+        self.assertRegex(line, r"^web clients on port \d+$")
+        return process, port, int(line.split()[-1])
+
 
 def port(id, name, direction, type, value, **more):
     return {"id": id, "name": name, "portType": direction, "portValueType": type, "value": value, **more}

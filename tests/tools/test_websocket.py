@@ -1,7 +1,9 @@
 """ws, against Python's WebSocket server, and orlin-sim's own server for WebSocket clients."""
 
 import asyncio
+import http.client
 import json
+import re
 import signal
 import socket
 import ssl
@@ -147,12 +149,6 @@ class WebSocket(ToolTest):
 
 
 class SimulatorWithWeb(ToolTest):
-    def web(self, project=None):
-        sim, port = self.sim(project, "-web", "0")
-        line = sim.stdout.readline().decode()
-        self.assertRegex(line, r"^web clients on port \d+$")
-        return sim, port, int(line.split()[-1])
-
     def test_each_change_goes_to_every_client(self):
         sim, port, web = self.web()
         clients = [self.start(BIN / "qelnk", "ws", "--json", f"ws://localhost:{web}", "--stay") for _ in range(3)]
@@ -186,6 +182,139 @@ class SimulatorWithWeb(ToolTest):
         sim.terminate()
         self.assertEqual(sim.wait(LIMIT), 0)
         self.assertIn(b"too slow", sim.stderr.read())
+
+    @staticmethod
+    def talk(web, conversation, origin=None):
+        """Runs a conversation with the simulator as a WebSocket client, and returns what it returns."""
+
+        async def run():
+            async with websockets.connect(f"ws://localhost:{web}/any/path", origin=origin, max_size=None) as connection:
+                async def ask(command, data=None):
+                    await connection.send(json.dumps({"command": command, "messageID": command, "data": data}))
+                    return await read()
+
+                async def read():
+                    return json.loads(await asyncio.wait_for(connection.recv(), LIMIT))
+
+                return await conversation(connection, ask, read)
+
+        return asyncio.run(run())
+
+    def test_commands(self):
+        sim, port, web = self.web()
+        daemon = Client(self, port)
+        daemon.ask("registerPortUpdate", {"id": "p2"})
+
+        async def conversation(connection, ask, read):
+            for passed_over in ("hello", "[]", '{"command": 1}', b"\0"):
+                await connection.send(passed_over)
+            answer = await ask("setPortValue", {"id": "p1", "value": 0.25})
+            self.assertEqual(answer, {"messageID": "setPortValue", "data": {"id": "p1", "value": 0.25}})
+            self.assertEqual((await read())["data"]["id"], "p2", "who does not watch hears of outputs alone")
+            self.assertEqual(daemon.push(), ("p2", 0.25))
+            seen = (await ask("watch"))["data"]
+            self.assertEqual(seen["project"], daemon.ask("getProject")["data"])
+            ports = [workflow.pop("ports") for workflow in seen["workflows"]]
+            self.assertEqual(seen["workflows"], daemon.ask("getWorkflows")["data"])
+            self.assertEqual(ports, [daemon.ask("getExposedPorts", {"id": id})["data"]["data"] for id in ("w1", "w2")])
+            for command, data in [("nothing", None), ("setPortValue", {"id": "p7", "value": 1}), ("startWorkflow", None),
+                                  ("registerPortUpdate", {"id": "p1"})]:
+                answer = await ask(command, data)
+                self.assertEqual((answer["messageID"], answer["data"], type(answer["error"])), (command, None, str))
+            daemon.ask("setPortValue", {"id": "p8", "value": [b"\0\xff", float("inf")]})
+            value = [{"$data": "AP8="}, {"$double": "inf"}]
+            self.assertEqual(await read(), {"command": "portValueUpdate", "data": {"id": "p8", "value": value}})
+            self.assertEqual((await ask("setPortValue", {"id": "p8", "value": value}))["data"]["value"], value)
+            await read()
+            daemon.ask("startProject")
+            news = await read()
+            self.assertEqual((news["command"], news["data"]["project"]["status"]), ("projectUpdate", True))
+            self.assertEqual([(w["status"], "ports" in w) for w in news["data"]["workflows"]],
+                             [(True, False), (False, False)])
+            self.project("Other.prj", name="Other", workflows=[])
+            await ask("openProject", {"name": "Other.prj"})
+            self.assertEqual((await read())["data"]["project"]["name"], "Other")
+            await connection.send(json.dumps({"command": "quit"}))
+            self.assertEqual(sim.wait(LIMIT), 0)
+
+        self.talk(web, conversation)
+
+    def test_pages_of_other_sites_only_listen(self):
+        _, port, web = self.web()
+        daemon = Client(self, port)
+
+        def says(host):
+            async def conversation(connection, ask, read):
+                answer = await ask("setPortValue", {"id": "p4", "value": True})
+                if "error" not in answer:
+                    return "taken"
+                self.assertIn("error", await ask("watch"))
+                daemon.ask("setPortValue", {"id": "p1", "value": 0.75})
+                self.assertEqual((await read())["data"], {"id": "p2", "value": 0.75})
+                return "refused"
+
+            return self.talk(web, conversation, origin=host)
+
+        for origin in ("http://evil.example", f"http://evil.example:{web}", "http://localhost", f"https://localhost:{web}",
+                       f"http://127.0.0.1:{web}", "null", f"http://localhost:{web}.evil.example"):
+            with self.subTest(origin):
+                self.assertEqual(says(origin), "refused")
+        self.assertIs(daemon.ask("getExposedPorts", {"id": "w1"})["data"]["data"][3]["value"], False)
+        self.assertEqual(says(f"http://localhost:{web}"), "taken")
+        # Whoever has a name of his own point here has page and server in common with it.
+        with socket.create_connection(("127.0.0.1", web)) as rebound:
+            rebound.sendall(f"GET / HTTP/1.1\r\nHost: evil.example:{web}\r\nOrigin: http://evil.example:{web}\r\n"
+                            "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+                            "Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\n\r\n".encode())
+            stream = rebound.makefile("rb")
+            while stream.readline() != b"\r\n":
+                pass
+            text = b'{"command":"startProject"}'
+            rebound.sendall(bytes([0x81, 0x80 | len(text), 0, 0, 0, 0]) + text)
+            length = stream.read(2)[1]
+            self.assertIn(b'"error"', stream.read(int.from_bytes(stream.read(2), "big") if length == 126 else length))
+        self.assertFalse(daemon.ask("getProject")["data"]["status"])
+
+    def test_http(self):
+        _, _, web = self.web()
+        silent = socket.create_connection(("127.0.0.1", web))
+        self.addCleanup(silent.close)
+        silent.settimeout(LIMIT)
+
+        def answer(request):
+            """Status, headers and body of the answer to a request, after which the connection ends."""
+            with socket.create_connection(("127.0.0.1", web), timeout=LIMIT) as connection:
+                connection.sendall(request)
+                response = http.client.HTTPResponse(connection)
+                response.begin()
+                body = response.read()
+                self.assertEqual(connection.recv(1), b"")
+                return response.status, response.headers, body
+
+        host = b"Host: localhost\r\n"
+        status, headers, body = answer(b"GET /?x HTTP/1.1\r\n" + host + b"\r\n")
+        self.assertEqual((status, headers["Content-Type"], headers["Cache-Control"]),
+                         (200, "text/html; charset=utf-8", "no-store"))
+        self.assertTrue(body.startswith(b"<!DOCTYPE html>") and body.rstrip().endswith(b"</html>"))
+        nonce = re.search(r"script-src 'nonce-([0-9a-f]{32})'", headers["Content-Security-Policy"])[1]
+        self.assertEqual(body.count(f'nonce="{nonce}"'.encode()), 2)
+        self.assertNotIn(nonce.encode(), answer(b"GET / HTTP/1.1\r\n" + host + b"\r\n")[2], "another one each time")
+        self.assertNotRegex(body, rb"https?://|{{")
+        with socket.create_connection(("127.0.0.1", web), timeout=LIMIT) as connection:
+            connection.sendall(b"HEAD / HTTP/1.1\r\n" + host + b"\r\n")
+            head, _, rest = connection.makefile("rb").read().partition(b"\r\n\r\n")
+            self.assertEqual(rest, b"")
+            self.assertIn(f"Content-Length: {len(body)}".encode(), head)
+        for request, status in [
+                (b"GET /other HTTP/1.1\r\n" + host + b"\r\n", 404), (b"GET / HTTP/1.1\r\n\r\n", 400),
+                (b"POST / HTTP/1.1\r\n" + host + b"Content-Length: 5\r\n\r\nhello", 405), (b"what?\r\n\r\n", 400),
+                (b"GET / HTTP/1.1\r\n" + host + b"X: " + b"x" * 20000 + b"\r\n\r\n", 431),
+                (b"PUT / HTTP/1.1\r\n" + host + b"Content-Length: 99999999\r\n\r\n" + b"x" * 100000, 413)]:
+            with self.subTest(request[:30]):
+                code, headers, _ = answer(request)
+                self.assertEqual(code, status)
+                self.assertEqual(headers["Allow"], "GET, HEAD" if status == 405 else None)
+        self.assertEqual(silent.recv(1), b"", "who sends nothing is let go")
 
     def test_ports(self):
         _, _, taken = self.web()

@@ -101,6 +101,12 @@ Value Workflow::description() const {
   return Value::map({{"id", id}, {"name", name}, {"status", executing}, {"execute", execute}});
 }
 
+Value Workflow::portDescriptions() const {
+  Value list = Value::list();
+  for (const Port &port : ports) list.append(port.description());
+  return list;
+}
+
 Project Project::open(const std::filesystem::path &file) {
   std::error_code ignored;
   std::ifstream stream(file, std::ios::binary);

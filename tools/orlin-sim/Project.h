@@ -39,6 +39,7 @@ struct Workflow {
   std::vector<Port> ports;
 
   qelnk::Value description() const;
+  qelnk::Value portDescriptions() const;
 };
 
 /// A project: what its file says, and what has become of it.

@@ -1,12 +1,14 @@
 #include "Simulator.h"
 
-#include <QELNetworkKit/JSON.h>
 #include <QELNetworkKit/MPMessagePack.h>
 
 #include <zmq.h>
 
 #include <algorithm>
 #include <cstdio>
+
+#include "../qelnk/Exit.h"
+#include "../qelnk/Notation.h"
 
 namespace sim {
 
@@ -28,12 +30,15 @@ Simulator::Simulator(const Options &options)
 }
 
 void Simulator::run(int stopDescriptor) {
-  zmq_pollitem_t items[] = {{router_.socket(), 0, ZMQ_POLLIN, 0}, {nullptr, stopDescriptor, ZMQ_POLLIN, 0}};
+  zmq_pollitem_t items[] = {{router_.socket(), 0, ZMQ_POLLIN, 0},
+                            {nullptr, stopDescriptor, ZMQ_POLLIN, 0},
+                            {nullptr, web_ ? web_->descriptor() : -1, ZMQ_POLLIN, 0}};
   while (!quit_) {
-    zmq_poll(items, 2, millisecondsToNextEvent(std::chrono::steady_clock::now()));
+    zmq_poll(items, web_ ? 3 : 2, millisecondsToNextEvent(std::chrono::steady_clock::now()));
     if (items[1].revents != 0) return;
     const Time now = std::chrono::steady_clock::now();
     receive(now);
+    receiveFromWeb(now);
     count(now);
     sendDelayed(now);
   }
@@ -49,6 +54,14 @@ void Simulator::receive(Time now) {
   }
 }
 
+void Simulator::receiveFromWeb(Time now) {
+  for (int served = 0; web_ && served < 100 && !quit_; ++served) {
+    const auto request = web_->receive();
+    if (!request) return;
+    serve(*request, now);
+  }
+}
+
 void Simulator::serve(const Router::Request &request, Time now) {
   const std::span bytes(reinterpret_cast<const uint8_t *>(request.payload.data()), request.payload.size());
   qelnk::Error error;
@@ -57,8 +70,49 @@ void Simulator::serve(const Router::Request &request, Time now) {
   const std::string_view command = (*message)["command"].string();
   Answer answer = perform(command, (*message)["data"], request.from);
   reply(request.from, (*message)["messageID"], std::move(answer), now);
+  tellOfChanges(now);
+}
+
+void Simulator::serve(const WebServer::Request &request, Time now) {
+  try {
+    const Value message = tool::parseValue(request.text);
+    if (!message["command"].isString()) return tell("a WebSocket text that is no command is left out");
+    const auto [data, error] = answerToWeb(request, message);
+    Value answer = Value::map({{"messageID", message["messageID"]}, {"data", data}});
+    if (!error.empty()) answer.set("error", error);
+    web_->send(request.from, tool::textOf(answer));
+  } catch (const tool::Failure &problem) {
+    tell(std::string("a WebSocket text is left out: ") + problem.what());
+  }
+  tellOfChanges(now);
+}
+
+Simulator::Answer Simulator::answerToWeb(const WebServer::Request &request, const Value &message) {
+  // The page of any site can open a WebSocket to this machine.
+  if (request.isForeign) return {nullptr, "commands are taken from programs and from this server's own page alone"};
+  if (message["command"] != "watch") return perform(message["command"].string(), message["data"], {});
+  web_->watch(request.from);
+  return {overview(true), ""};
+}
+
+/// What the command at hand has changed.
+void Simulator::tellOfChanges(Time now) {
   for (const Port *port : std::exchange(toPush_, {})) push(*port);
+  const News news = std::exchange(news_, News::none);
+  if (web_ && news != News::none)
+    publish(Value::map({{"command", "projectUpdate"}, {"data", overview(news == News::project)}}),
+            WebServer::Audience::watchers);
   restartCounters(now);
+}
+
+Value Simulator::overview(bool withPorts) {
+  Value workflows = Value::list();
+  for (const Workflow &workflow : project_.workflows()) {
+    Value description = workflow.description();
+    if (withPorts) description.set("ports", workflow.portDescriptions());
+    workflows.append(std::move(description));
+  }
+  return Value::map({{"project", project_.description()}, {"workflows", std::move(workflows)}});
 }
 
 Simulator::Answer Simulator::perform(std::string_view command, const Value &arguments, const Address &from) {
@@ -70,6 +124,7 @@ Simulator::Answer Simulator::perform(std::string_view command, const Value &argu
   }
   if (command == "startProject" || command == "stopProject") {
     command == "startProject" ? project_.start() : project_.stop();
+    news_ = News::status;
     return {project_.description(), ""};
   }
   if (command == "openProject") return openProject(arguments["name"].string());
@@ -87,11 +142,9 @@ Simulator::Answer Simulator::perform(std::string_view command, const Value &argu
   if (command != "getExposedPorts" && command != "startWorkflow" && command != "stopWorkflow")
     return {nullptr, "unknown command " + std::string(command)};
   if (!workflow) return {nullptr, "there is no workflow " + std::string(id)};
-  if (command == "getExposedPorts") {
-    Value list = Value::list();
-    for (const Port &port : workflow->ports) list.append(port.description());
-    return {Value::map({{"id", workflow->id}, {"data", list}}), ""};
-  }
+  if (command == "getExposedPorts")
+    return {Value::map({{"id", workflow->id}, {"data", workflow->portDescriptions()}}), ""};
+  news_ = News::status;
   workflow->executing = command == "startWorkflow";
   return {workflow->description(), ""};
 }
@@ -103,6 +156,7 @@ Simulator::Answer Simulator::openProject(std::string_view name) {
     return {nullptr, problem.what()};
   }
   registrations_.clear();
+  news_ = News::project;
   collectCounters();
   return {project_.description(), ""};
 }
@@ -110,6 +164,7 @@ Simulator::Answer Simulator::openProject(std::string_view name) {
 Simulator::Answer Simulator::saveProject(std::string_view name) {
   try {
     project_.save(project_.fileNamed(name));
+    news_ = News::status;
   } catch (const ProjectError &problem) {
     return {nullptr, problem.what()};
   }
@@ -129,7 +184,7 @@ Simulator::Answer Simulator::setPort(const Value &arguments) {
 
 /// Has the ports that follow `input` take over its value.
 void Simulator::changed(const Port &input) {
-  if (input.output) toPush_.push_back(&input);
+  toPush_.push_back(&input);
   for (Workflow &workflow : project_.workflows())
     for (Port &port : workflow.ports) {
       if (port.follow != input.id) continue;
@@ -142,6 +197,7 @@ Simulator::Answer Simulator::registerUpdates(std::string_view id, const Address 
   const Port *port = project_.port(id);
   if (!port) return {nullptr, "there is no port " + std::string(id)};
   if (!port->output) return {nullptr, "the port " + port->name + " is an input"};
+  if (from.empty()) return {Value::map({{"id", port->id}}), ""};  // WebSocket clients get every update as it is
   if (wanted)
     registrations_[port->id].insert(from);
   else
@@ -173,18 +229,18 @@ void Simulator::push(const Port &port) {
   if (registered == registrations_.end() && !web_) return;
   const Value message =
       Value::map({{"command", "portValueUpdate"}, {"data", Value::map({{"id", port.id}, {"value", port.value}})}});
-  if (web_) publish(message);
+  if (web_) publish(message, port.output ? WebServer::Audience::everyone : WebServer::Audience::watchers);
   if (registered == registrations_.end()) return;
   const std::set<Address> clients = registered->second;  // one that is gone is taken out meanwhile
   for (const Address &client : clients) send(client, message);
 }
 
-void Simulator::publish(const Value &message) {
-  qelnk::Error error;
-  if (const auto text = qelnk::jsonData(message, &error))
-    web_->publish(std::string(text->text()));
-  else
-    tell("an update that JSON cannot hold is not for WebSocket clients: " + error.description);
+void Simulator::publish(const Value &message, WebServer::Audience audience) {
+  try {
+    web_->publish(tool::textOf(message), audience);
+  } catch (const tool::Failure &problem) {
+    tell(std::string("an update is not for WebSocket clients: ") + problem.what());
+  }
 }
 
 void Simulator::forget(const Address &client) {

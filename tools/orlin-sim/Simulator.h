@@ -15,7 +15,8 @@
 namespace sim {
 
 /// The daemon: answers commands, counts, and pushes the values of output ports to whom has registered for them, and to
-/// every WebSocket client.
+/// every WebSocket client. Those may give the same commands, as JSON, and "watch", after which they are told of all
+/// that changes. The fault switches are for the command port's clients alone.
 ///
 /// One thread, beside that of the WebSocket clients.
 class Simulator {
@@ -47,8 +48,13 @@ class Simulator {
     Time due;
   };
 
+  enum class News { none, status, project };  // what there is to tell watchers, beside values of ports
+
   void receive(Time now);
+  void receiveFromWeb(Time now);
   void serve(const Router::Request &request, Time now);
+  void serve(const WebServer::Request &request, Time now);
+  Answer answerToWeb(const WebServer::Request &request, const qelnk::Value &message);
   Answer perform(std::string_view command, const qelnk::Value &arguments, const Address &from);
   Answer openProject(std::string_view name);
   Answer saveProject(std::string_view name);
@@ -59,7 +65,9 @@ class Simulator {
 
   void changed(const Port &input);
   void push(const Port &port);
-  void publish(const qelnk::Value &message);
+  void publish(const qelnk::Value &message, WebServer::Audience audience);
+  void tellOfChanges(Time now);
+  qelnk::Value overview(bool withPorts);
   void forget(const Address &client);
 
   void collectCounters();
@@ -74,6 +82,7 @@ class Simulator {
   std::optional<WebServer> web_;
   std::map<std::string, std::set<Address>, std::less<>> registrations_;  // by port identifier
   std::vector<const Port *> toPush_;                                     // once the command at hand is answered
+  News news_ = News::none;                                               // likewise
   std::deque<Delayed> delayed_;
   std::vector<Counter> counters_;
   uint64_t repliesMade_ = 0;
