@@ -442,7 +442,7 @@ TEST_F(LegacyService, WithoutIPv6) {
     EXPECT_EQ(error.domain, "QELNKTCPServerErrorDomain");
     EXPECT_EQ(error.code, QELNKLegacyServer::noSocket);
     EXPECT_EQ(error.description, "Address family not supported by protocol");
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_LE(descriptorCount(), descriptors);  // what the first guest had may just have gone
     EXPECT_EQ(unable->netService(), nullptr);
     ipv6.emplace("::1", server->port());
     ipv4.emplace("localhost", server->port());

@@ -289,7 +289,7 @@ TEST_F(PingRun, EscapesOnceAReplyIsMissed) {
     EXPECT_EQ(quiet.output,
               "PING 127.0.0.1 (127.0.0.1): 56 data bytes\nintvl 1.0\n\n--- 127.0.0.1 ping statistics ---\n2 packets "
               "transmitted, 0 packets received, 100.0% packet loss\n");
-    EXPECT_EQ(descriptorCount(), descriptors);
+    EXPECT_LE(descriptorCount(), descriptors);
     // A network that refuses to send is one where replies are missed.
     const Outcome noRoute({"192.0.2.1"});
     EXPECT_EQ(noRoute.result, QELNK_PING_ESCAPE);
