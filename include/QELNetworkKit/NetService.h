@@ -76,8 +76,7 @@ class QELNK_EXPORT NetService : public std::enable_shared_from_this<NetService> 
   /// As given for one to publish; once resolved, the port found, in host byte order. 0 before.
   uint16_t port() const;
 
-  /// What was resolved, kept up to date until stop(): empty before. An address holds the bytes of a sockaddr_in (16) or
-  /// sockaddr_in6 (28), the port set, and the scope too where the address is link-local. IPv6 comes first.
+  /// The host that was found, kept up to date until stop(); empty before.
   std::string hostName() const;
   /// What was resolved, kept up to date until stop(); empty before. Each holds the bytes of a sockaddr_in (16) or
   /// sockaddr_in6 (28), the port set, and the scope too where the address is link-local. IPv6 comes first.

@@ -10,7 +10,7 @@ namespace qelnk {
 class Queue;
 }
 
-/// What messaging endpoints share: a ZeroMQ context with one io thread, the queue for network work and the queue on
+/// What messaging endpoints share: a ZeroMQ context with one io thread, a queue that is kept for the host, and the queue on
 /// which the callbacks of connections and responses run.
 ///
 /// Threads: any. It is destroyed when the last holder lets go (each endpoint holds its context), which closes its
@@ -36,7 +36,7 @@ class QELNK_EXPORT QELNKContext {
 
   /// Where the endpoints' sockets are made.
   const std::shared_ptr<ZMQContext> &zmqContext() const { return zmqContext_; }
-  /// The queue for network work.
+  /// A queue that is kept for the host; the library runs nothing on it.
   const std::shared_ptr<qelnk::Queue> &networkQueue() const { return networkQueue_; }
   /// Where callbacks run.
   const std::shared_ptr<qelnk::Queue> &responseQueue() const { return responseQueue_; }

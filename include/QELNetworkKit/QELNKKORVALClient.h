@@ -42,7 +42,7 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called. Never waits, with
   /// syncRequests() neither.
   void updateWorkflows();
-  /// Starts or stops the project, then calls `onDone` (which may be empty).
+  /// Starts the project, then calls `onDone` (which may be empty).
   void startProject(CommandBlock onDone);
   /// Stops the project, then calls `onDone` (which may be empty).
   void stopProject(CommandBlock onDone);
@@ -83,7 +83,7 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
   // The requests for one workflow or port return their message, null where nothing is to be sent.
 
-  /// Nothing is sent for a workflow that is executing already, or is not for the second.
+  /// Null, with nothing sent, for a workflow that is executing already.
   std::shared_ptr<QELNKMessage> startWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);
   /// Null, with nothing sent, for a workflow that is not executing.
   std::shared_ptr<QELNKMessage> stopWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow);

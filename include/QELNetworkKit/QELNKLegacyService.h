@@ -37,7 +37,7 @@ class QELNK_EXPORT QELNKLegacyService : public QELNKLegacyServer, public qelnk::
   /// Withdraws the service, forgets domain and type, and ends the server.
   void stop() override;
 
-  /// The TXT record of the service, in its wire form or as keys and values; from start() until stop().
+  /// The TXT record of the service in its wire form; from start() until stop().
   void setTXTRecordData(const qelnk::Data &data);
   /// The TXT record as keys and values.
   void setTXTRecordDictionary(const qelnk::TXTRecordDictionary &dictionary);

@@ -40,12 +40,11 @@ class QELNK_EXPORT QELNKOrlinWorkflow {
 
   /// The ports as they are now, in order.
   std::vector<std::shared_ptr<QELNKOrlinPort>> ports() const;
-  /// The first port in order with that name or identifier, or null. By identifier the cost does not grow with the
-  /// number of ports.
+  /// The first port in order with that name, or null.
   std::shared_ptr<QELNKOrlinPort> portWithName(std::string_view name) const;
   /// The first port with that identifier, or null. The cost does not grow with the number of ports.
   std::shared_ptr<QELNKOrlinPort> portWithID(std::string_view uid) const;
-  /// The port at a place among all ports, among the input ports, among the output ports; null beyond the end.
+  /// The port at a place among all ports; null beyond the end.
   std::shared_ptr<QELNKOrlinPort> portWithIndex(size_t index) const;
   /// The port at a place among the input ports; null beyond the end.
   std::shared_ptr<QELNKOrlinPort> inputPortWithIndex(size_t index) const;
