@@ -14,7 +14,8 @@ for way in cmake pkg-config; do
 done
 
 qelnk=$folder/installed/bin/qelnk
-if [ -x "$qelnk" ]; then
+if [ -x "$1/bin/qelnk" ]; then
   "$qelnk" --version
-  "$qelnk" demo >/dev/null && echo "the installed qelnk runs its demonstration"
+  "$qelnk" demo >/dev/null
+  echo "the installed qelnk runs its demonstration"
 fi

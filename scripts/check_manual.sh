@@ -35,11 +35,17 @@ offers qelnk legacy listen --po : --port
 offers qelnk daemon --connect localhost:5600 start : start start-workflow
 offers qelnk request localhost 5555 --log-level i : info
 offers qelnk ws --binary '' : ''
-while read -r command; do
+mapfile -t commands < <("$bin/qelnk" --help | sed -n '/^commands:/,/^$/s/^  \([a-z]*\( [a-z][a-z]*\)\?\)  .*/\1/p' | grep -v '^ping$')
+[ ${#commands[@]} -ge 10 ] || fail "qelnk --help lists ${#commands[@]} commands"
+for command in "${commands[@]}"; do
   read -ra words <<<"$command"
   "$bin/qelnk" "${words[@]}" --help | sed -n '/^options:/,$s/^ *\(--[a-z-]*\).*/\1/p' | sort >"$share/told"
   offered qelnk "${words[@]}" -- | sort | diff "$share/told" - || fail "completion and help of qelnk $command tell of different options"
-done < <("$bin/qelnk" --help | sed -n '/^commands:/,/^$/s/^  \([a-z]*\( [a-z][a-z]*\)\?\)  .*/\1/p' | grep -v '^ping$')
+done
 rm -f "$share/told"
-if command -v zsh >/dev/null; then zsh -n "$share/zsh/vendor-completions/_qelnk"; fi
+if command -v zsh >/dev/null; then
+  zsh -n "$share/zsh/vendor-completions/_qelnk"
+else
+  echo "no zsh: its completion was not looked at"
+fi
 echo "manual pages and completion are in order"

@@ -40,7 +40,11 @@ in_cache() { ldconfig -r "$root" -p | grep -q 'libQELNetworkKit.so.1 '; }
 packages --install build/packages/*.deb
 in_cache || fail "the loader does not know the library"
 "$root/usr/bin/qelnk" --version
-"$root/usr/bin/qelnk" demo >/dev/null && echo "qelnk runs its demonstration from the packages"
+"$root/usr/bin/qelnk" demo >/dev/null || fail "qelnk does not run its demonstration from the packages"
+for file in bin/orlin-sim share/man/man1/{qelnk,orlin-sim}.1.gz share/bash-completion/completions/qelnk \
+  share/zsh/vendor-completions/_qelnk share/QELNetworkKit/sample.prj; do
+  [ -e "$root/usr/$file" ] || [ -e "$root/usr/${file%.gz}" ] || fail "the packages have no $file"
+done
 for way in cmake pkg-config; do
   scripts/build_consumer.sh $way "$root/usr" "the packages"
 done

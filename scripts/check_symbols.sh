@@ -14,7 +14,8 @@ exported() {
   nm -DC --defined-only "$folder/lib/libQELNetworkKit.so" | cut -d' ' -f3- | grep -v '^typeinfo name for' | LC_ALL=C sort -u
 }
 if $accept; then
-  exported >"$list"
+  symbols=$(exported)
+  echo "$symbols" >"$list"
 elif ! changes=$(diff "$list" <(exported)); then
   sed -nE 's/^< /vanished: /p; s/^> /new: /p' <<<"$changes" >&2
   echo "What the library exports has changed. Where that is meant: scripts/check_symbols.sh --accept" >&2

@@ -4,5 +4,5 @@
 source "$(dirname "$0")/common.sh"
 scripts/setup.sh
 echo "Building the library, qelnk and the simulated daemon ..."
-build release qelnk orlin-sim-bundle
+build release qelnk orlin-sim orlin-sim-bundle
 exec build/release/bin/qelnk demo

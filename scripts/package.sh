@@ -8,7 +8,7 @@ log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 rm -f "$folder"/*.deb
 # A build of its own: the folders' names in a package are those of Debian below /usr.
-if ! { cmake --preset release -B "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DQELNK_BUILD_TESTS=OFF &&
+if ! { cmake --preset release -B "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DQELNK_BUILD_TESTS=OFF -DQELNK_BUILD_EXAMPLES=OFF &&
   cmake --build "$folder" && (cd "$folder" && cpack); } >"$log" 2>&1; then
   cat "$log" >&2
   exit 1

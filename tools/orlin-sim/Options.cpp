@@ -8,7 +8,7 @@
 namespace sim {
 
 const char usage[] =
-    "usage: orlin-sim -ffpath FOLDER -tcp PORT [-web PORT] [faults] PROJECT\n"
+    "usage: orlin-sim [-ffpath FOLDER] -tcp PORT [-web PORT] [faults] PROJECT\n"
     "\n"
     "A simulated processing daemon for the project file PROJECT (JSON). With port 0 the system chooses one, which is\n"
     "printed. The port of -web serves a page that shows the project and lets you drive it, and WebSocket clients, "

@@ -119,8 +119,8 @@ Exit run(std::vector<std::string> words, std::string &context) {
     print(arguments.has("version") ? std::string(QELNetworkKitVersionString) + "\n" : overview());
     return Exit::done;
   }
-  if (words.front() == "help") {
-    help(std::span(words).subspan(1));
+  if (words[place] == "help") {
+    help(std::span(words).subspan(place + 1));
     return Exit::done;
   }
   if (place + 2 == words.size() && words.back() == "--help" && !groupOf(words[place]).empty()) {
