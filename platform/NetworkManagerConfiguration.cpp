@@ -28,7 +28,7 @@ using Objects = std::map<Path, std::map<std::string, Properties>>;  // what each
 // Never destroyed: the thread that asks may outlive the exit handlers.
 const auto &theService = *new std::string("org.freedesktop.NetworkManager");
 const auto &theManager = *new Path("/org/freedesktop/NetworkManager");
-/// A caller waits so long. Its question stays for as long as the answer may come: it is not asked a second time.
+/// A caller waits so long. Its question stays open for as long as an answer may come; no other is asked meanwhile.
 constexpr std::chrono::seconds longestWait{2}, longestAnswer{60};
 
 // Its kinds of devices and states.

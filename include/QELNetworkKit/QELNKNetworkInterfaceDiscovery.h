@@ -24,7 +24,7 @@
 /// Nothing is kept between calls. What cannot be read gives fewer interfaces, never an error.
 ///
 /// Threads: any. A call takes a few milliseconds, with a hundred links under NetworkManager near a hundred; where
-/// NetworkManager does not answer, the first call takes two seconds.
+/// NetworkManager does not answer, one call in a minute takes two seconds.
 class QELNK_EXPORT QELNKNetworkInterfaceDiscovery {
  public:
   /// An object of the caller's own: changing it changes no network.
