@@ -160,9 +160,12 @@ void QELNKClient::Loop::receive() {
     size_t bytes = 0;
     const int error = client_.receiveMessage(ZMQ_DONTWAIT, response, failure, bytes);
     if (error == 0) {
+      // What was cancelled before its reply was sent is not to be found by the reply.
+      if (state_.cancelling.exchange(false)) takeInbox();
+      const bool wanted = !std::exchange(replyOutstanding_, false);
       awaiting_ = nullptr;
       if (response)
-        handle(std::move(*response));
+        handle(std::move(*response), wanted);
       else
         qelnk::logError("QELNKClient could not deserialize response with error {}", describe(failure));
       finishEmpty();  // before the next reply is matched
@@ -174,10 +177,10 @@ void QELNKClient::Loop::receive() {
   }
 }
 
-void QELNKClient::Loop::handle(qelnk::Value response) {
+void QELNKClient::Loop::handle(qelnk::Value response, bool wanted) {
   if (QLGetHandle().enabled(qelnk::LogLevel::debug))
     qelnk::logDebug("QELNKClient got response {}", response.description());
-  const auto message = client_.messageForResponse(response);
+  const auto message = wanted ? client_.messageForResponse(response) : nullptr;
   if (message && message->client_ == &client_ && !message->isFinished()) {
     message->response_ = std::move(response);
     finish(message);

@@ -41,7 +41,7 @@ class QELNK_HIDDEN QELNKClient::Loop {
   bool sleep();
   std::chrono::nanoseconds longestWait() const;
   void receive();
-  void handle(qelnk::Value response);
+  void handle(qelnk::Value response, bool wanted);
   void send();
   bool send(QELNKMessage &message);
   bool sendFrames(QELNKMessage &message, const QELNKFrames &frames, qelnk::Error &error);

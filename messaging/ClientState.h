@@ -54,6 +54,7 @@ struct QELNK_HIDDEN QELNKClient::State {
   // The io thread waits, or is about to: set with the mutex held and the inbox empty. Whoever fills the inbox clears it
   // and wakes the thread, so that a busy thread is never woken.
   std::atomic<bool> asleep{false};
+  std::atomic<bool> cancelling{false};  // the inbox may hold a cancellation
   std::atomic<bool> syncRequests{false}, executing{false};
   std::atomic<size_t> pending{0};
   qelnk::CallPoster<QELNKClient, Response> responses;

@@ -202,6 +202,7 @@ bool QELNKClient::handIn(std::span<const Message> messages, bool cancel) {
       if (!cancel && message->waiter_) message->sync_ = state_->phase != State::Phase::idle;
       state_->inbox.push_back({message, cancel});
     }
+    if (cancel) state_->cancelling = true;
     if (state_->asleep.exchange(false)) asleep = state_->runLoop;
   }
   if (asleep) qelnk::RunLoopThread::wake(*asleep);

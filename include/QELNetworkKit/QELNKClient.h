@@ -70,7 +70,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   void scheduleMessages(const std::vector<std::shared_ptr<QELNKMessage>> &messages);
 
   /// Ends a message that has not finished: it finishes with an error of code ECANCELED. Whether it was sent meanwhile
-  /// is not known; a reply that comes later is discarded. A message that has finished stays as it is.
+  /// is not known; a reply that is sent after this call is discarded. A message that has finished stays as it is.
   void cancelMessage(const std::shared_ptr<QELNKMessage> &message);
 
   /// Closes the connection. Every message that has not finished finishes with an error of code ENOTCONN, and
