@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import socket
 import unittest
 
 from browser import Browser
@@ -32,6 +33,15 @@ class Page(ToolTest):
         self.browser.open(f"http://localhost:{web}/")
         self.assertTrue(self.browser.sees("#connection", "Connected"))
         return sim, port, web
+
+    def listens(self, web):
+        """Starts a simulator whose web port has been used before, which somebody may have for a moment."""
+        self.start(BIN / "orlin-sim", "-ffpath", "tools", "-tcp", "0", "-web", str(web), SAMPLE).stdout.readline()
+        try:
+            socket.create_connection(("127.0.0.1", web)).close()
+        except ConnectionRefusedError:
+            return False
+        return True
 
     def set(self, label, text):
         self.browser.type(labelled(label), text)
@@ -80,6 +90,9 @@ class Page(ToolTest):
             with self.subTest(label):
                 self.set(f"{label} of Types", text)
                 self.assertEqual(client.push(), (f"out-{kind}", value))
+                # What is typed before the answer is there would be kept beside it.
+                shown = self.browser.text(row(f"out-{kind}") + " .value")
+                self.assertTrue(self.browser.sees(row(f"in-{kind}") + " .value", shown))
         self.assertTrue(self.browser.sees(row("out-long") + " .value", "-9007199254740995"), "beyond 53 bits, and exact")
         self.browser.choose(labelled("file for Logo of Types"), picture)
         self.assertTrue(eventually(lambda: self.browser.look(f"document.querySelector({json.dumps(labelled('Logo of Types'))}).value")
@@ -99,6 +112,36 @@ class Page(ToolTest):
         self.set("Level of Types", "0.75")
         self.assertTrue(self.browser.sees(row("out-doub") + " .value", "0.75"))
         self.assertEqual(self.browser.text(row("in-doub") + " .bad"), "")
+
+    def test_what_is_typed_meanwhile_stays(self):
+        _, port, _ = self.page()
+        client = Client(self, port)
+        title = f"document.querySelector({json.dumps(labelled('Title of Types'))})"
+        self.browser.look(f"""(() => {{
+            const field = {title}, type = text => {{ field.value = text; field.dispatchEvent(new Event('input')); }};
+            type('first');
+            field.form.requestSubmit();
+            type('second');
+        }})()""")
+        self.assertTrue(self.browser.sees(row("out-str") + " .value", "first"))
+        client.ask("setPortValue", {"id": "in-str", "value": "third"})
+        self.assertTrue(self.browser.sees(row("in-str") + " .value", "third"))
+        self.assertEqual(self.browser.look(title + ".value"), "second")
+        self.browser.click(labelled("Set Title of Types"))
+        self.assertTrue(self.browser.sees(row("out-str") + " .value", "second"))
+        self.browser.click(labelled("Title of Types"))
+        client.ask("setPortValue", {"id": "in-str", "value": "fourth"})
+        self.assertTrue(self.browser.sees(row("in-str") + " .value", "fourth"))
+        self.assertEqual(self.browser.look(title + ".value"), "second", "somebody is about to type there")
+        self.browser.click("h1")
+        self.assertTrue(eventually(lambda: self.browser.look(title + ".value") == "fourth"))
+
+    def test_a_file_that_is_too_large(self):
+        self.page()
+        large = self.folder / "large"
+        large.write_bytes(bytes(1 << 20))
+        self.browser.choose(labelled("file for Logo of Types"), large)
+        self.assertTrue(self.browser.sees(row("in-imag") + " .bad", "768 KiB"))
 
     def test_live_beside_qelnk(self):
         _, port, _ = self.page()
@@ -142,7 +185,7 @@ class Page(ToolTest):
         self.assertEqual(sim.wait(LIMIT), 0)
         self.assertTrue(self.browser.sees("#connection", "Disconnected"))
         self.assertTrue(self.browser.look("document.querySelector('[type=submit]').matches(':disabled')"))
-        self.sim(SAMPLE, "-web", str(web))
+        self.assertTrue(eventually(lambda: self.listens(web)))
         self.assertTrue(self.browser.sees("#connection", "Connected"))
         self.browser.click(labelled("Set Title of Types"))
         self.assertTrue(self.browser.sees(row("out-str") + " .value", "half typed"))

@@ -1,5 +1,6 @@
 #include "Simulator.h"
 
+#include <QELNetworkKit/JSON.h>
 #include <QELNetworkKit/MPMessagePack.h>
 
 #include <zmq.h>
@@ -22,6 +23,12 @@ constexpr uint8_t garbage[] = {0xC1, 0xC1, 0xC1};
 void tell(const std::string &line) { std::fprintf(stderr, "orlin-sim: %s\n", line.c_str()); }
 
 }  // namespace
+
+Value Simulator::answerOf(Answer answer, const Value &messageID) {
+  Value message = Value::map({{"messageID", messageID}, {"data", std::move(answer.data)}});
+  if (!answer.error.empty()) message.set("error", answer.error);
+  return message;
+}
 
 Simulator::Simulator(const Options &options)
     : options_(options), project_(Project::open(options.project)), router_(options.port) {
@@ -74,20 +81,22 @@ void Simulator::serve(const Router::Request &request, Time now) {
 }
 
 void Simulator::serve(const WebServer::Request &request, Time now) {
+  std::string answer;
   try {
     const Value message = tool::parseValue(request.text);
-    if (!message["command"].isString()) return tell("a WebSocket text that is no command is left out");
-    const auto [data, error] = answerToWeb(request, message);
-    Value answer = Value::map({{"messageID", message["messageID"]}, {"data", data}});
-    if (!error.empty()) answer.set("error", error);
-    web_->send(request.from, tool::textOf(answer));
+    answer = tool::textOf(answerOf(answerToWeb(request, message), message["messageID"]));
   } catch (const tool::Failure &problem) {
-    tell(std::string("a WebSocket text is left out: ") + problem.what());
+    // Its number may be readable all the same.
+    const auto message = qelnk::jsonObject(request.text);
+    const Value id = message ? (*message)["messageID"] : Value();
+    answer = tool::textOf(answerOf({nullptr, problem.what()}, id.isInteger() || id.isString() ? id : Value()));
   }
+  web_->send(request.from, std::move(answer));
   tellOfChanges(now);
 }
 
 Simulator::Answer Simulator::answerToWeb(const WebServer::Request &request, const Value &message) {
+  if (!message["command"].isString()) return {nullptr, "this is no command"};
   // The page of any site can open a WebSocket to this machine.
   if (request.isForeign) return {nullptr, "commands are taken from programs and from this server's own page alone"};
   if (message["command"] != "watch") return perform(message["command"].string(), message["data"], {});
@@ -206,8 +215,7 @@ Simulator::Answer Simulator::registerUpdates(std::string_view id, const Address 
 }
 
 void Simulator::reply(const Address &to, const Value &messageID, Answer answer, Time now) {
-  Value message = Value::map({{"messageID", messageID}, {"data", std::move(answer.data)}});
-  if (!answer.error.empty()) message.set("error", answer.error);
+  const Value message = answerOf(std::move(answer), messageID);
   ++repliesMade_;
   if (options_.garbageEvery != 0 && repliesMade_ % options_.garbageEvery == 0) router_.send(to, garbage);
   if (repliesMade_ > options_.dropReplies) {

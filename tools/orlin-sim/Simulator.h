@@ -60,6 +60,7 @@ class Simulator {
   Answer saveProject(std::string_view name);
   Answer setPort(const qelnk::Value &arguments);
   Answer registerUpdates(std::string_view id, const Address &from, bool wanted);
+  static qelnk::Value answerOf(Answer answer, const qelnk::Value &messageID);
   void reply(const Address &to, const qelnk::Value &messageID, Answer answer, Time now);
   void send(const Address &to, const qelnk::Value &message);
 

@@ -37,13 +37,15 @@ using boost::system::error_code;
 using tcp = asio::ip::tcp;
 using Text = std::shared_ptr<const std::string>;
 
-/// What may wait for a client.
+/// What may wait for a client behind the text that is being sent, unless it is a single text.
 constexpr size_t longestQueue = 10'000;
 constexpr size_t largestQueue = size_t(16) << 20;
 constexpr size_t largestRequest = size_t(1) << 20;
 constexpr uint32_t largestHeader = 16'384;
 constexpr std::chrono::seconds handshakeTime(10);
 constexpr std::chrono::milliseconds acceptPause(100);
+/// What the last answers may take once the server ends.
+constexpr std::chrono::milliseconds farewellTime(500);
 
 /// Whether a browser tells that the page of another site asks; programs tell nothing. A name that is not this machine's
 /// own counts as another site, although page and server have it in common: anybody can have a name point here.
@@ -83,7 +85,9 @@ Response pageResponse() {
   response.set(http::field::content_type, "text/html; charset=utf-8");
   response.set("Content-Security-Policy", "default-src 'none'; script-src 'nonce-" + nonce + "'; style-src 'nonce-" +
                                               nonce +
-                                              "'; img-src data:; connect-src 'self'; base-uri 'none'; "
+                                              "'; img-src data:; base-uri 'none'; "
+                                              // not every browser counts a WebSocket among what is its own
+                                              "connect-src 'self' ws://localhost:* ws://127.0.0.1:*; "
                                               "form-action 'none'; frame-ancestors 'none'");
   return response;
 }
@@ -179,14 +183,20 @@ class Client : public std::enable_shared_from_this<Client> {
     });
   }
   void send(const Text &text) {
-    if (!isOpen_) return;
-    if (queue_.size() >= longestQueue || queued_ + text->size() > largestQueue) {
+    if (!isOpen_ || isEnding_) return;
+    if (queue_.size() >= longestQueue || (queued_ > 0 && queued_ + text->size() > largestQueue)) {
       std::fprintf(stderr, "orlin-sim: a WebSocket client is too slow and is let go\n");
       return end();
     }
     queued_ += text->size();
     queue_.push_back(text);
-    if (isAccepted_ && queue_.size() == 1) write();
+    if (isAccepted_ && !sending_) write();
+  }
+  /// Ends once what waits has been sent.
+  void finish() {
+    if (!isAccepted_) return end();
+    isEnding_ = true;
+    if (!sending_) close();
   }
   void watch() { watches_ = true; }
   bool watches() const { return watches_; }
@@ -235,12 +245,20 @@ class Client : public std::enable_shared_from_this<Client> {
     });
   }
   void write() {
-    stream_.async_write(asio::buffer(*queue_.front()), [self = shared_from_this()](error_code error, size_t) {
+    sending_ = std::move(queue_.front());
+    queue_.pop_front();
+    queued_ -= sending_->size();
+    stream_.async_write(asio::buffer(*sending_), [self = shared_from_this()](error_code error, size_t) {
       if (error || !self->isOpen_) return self->end();
-      self->queued_ -= self->queue_.front()->size();
-      self->queue_.pop_front();
-      if (!self->queue_.empty()) self->write();
+      self->sending_.reset();
+      if (!self->queue_.empty())
+        self->write();
+      else if (self->isEnding_)
+        self->close();
     });
+  }
+  void close() {
+    stream_.async_close(websocket::close_code::going_away, [self = shared_from_this()](error_code) { self->end(); });
   }
 
   websocket::stream<beast::tcp_stream> stream_;
@@ -250,11 +268,13 @@ class Client : public std::enable_shared_from_this<Client> {
   http::request_parser<http::empty_body> parser_;
   Response response_;
   beast::flat_buffer received_;
-  std::deque<Text> queue_;  // the first one is being written
-  size_t queued_ = 0;
+  Text sending_;
+  std::deque<Text> queue_;  // behind it
+  size_t queued_ = 0;       // the bytes of the queue
   bool isOpen_ = false;
   bool isAccepted_ = false;
   bool isForeign_ = false;
+  bool isEnding_ = false;
   bool watches_ = false;
 };
 
@@ -278,6 +298,13 @@ class WebServer::State {
   ~State() {
     context_.stop();
     thread_.join();
+    context_.restart();
+    acceptor_.close();
+    pause_.cancel();
+    asio::post(context_, [this] {  // behind the answers that are still to be sent
+      for (const auto &[id, client] : Clients(clients_)) client->finish();
+    });
+    context_.run_for(farewellTime);
   }
   int port() const { return acceptor_.local_endpoint().port(); }
   Inbox &inbox() { return inbox_; }
@@ -302,9 +329,12 @@ class WebServer::State {
  private:
   void accept() {
     acceptor_.async_accept([this](error_code error, tcp::socket socket) {
+      if (!acceptor_.is_open()) return;
       if (error) {  // no descriptor left, for now
         pause_.expires_after(acceptPause);
-        return pause_.async_wait([this](error_code) { accept(); });
+        return pause_.async_wait([this](error_code) {
+          if (acceptor_.is_open()) accept();
+        });
       }
       socket.set_option(tcp::no_delay(true), error);
       const auto client = std::make_shared<Client>(std::move(socket), nextID_, clients_, inbox_);
