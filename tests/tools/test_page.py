@@ -46,6 +46,7 @@ class Page(ToolTest):
     def set(self, label, text):
         self.browser.type(labelled(label), text)
         self.browser.click(labelled(f"Set {label}"))
+        self.assertTrue(eventually(lambda: not self.browser.look("document.querySelector('[aria-busy=true]')?.tagName")))
 
     def test_the_whole_project_is_there(self):
         self.page()
@@ -90,9 +91,6 @@ class Page(ToolTest):
             with self.subTest(label):
                 self.set(f"{label} of Types", text)
                 self.assertEqual(client.push(), (f"out-{kind}", value))
-                # What is typed before the answer is there would be kept beside it.
-                shown = self.browser.text(row(f"out-{kind}") + " .value")
-                self.assertTrue(self.browser.sees(row(f"in-{kind}") + " .value", shown))
         self.assertTrue(self.browser.sees(row("out-long") + " .value", "-9007199254740995"), "beyond 53 bits, and exact")
         self.browser.choose(labelled("file for Logo of Types"), picture)
         self.assertTrue(eventually(lambda: self.browser.look(f"document.querySelector({json.dumps(labelled('Logo of Types'))}).value")
