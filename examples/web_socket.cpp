@@ -14,7 +14,7 @@ struct Observer final : QELNKWebSocketDelegate {
   int messages = 0;
   void webSocketDidOpen(const std::shared_ptr<QELNKWebSocket> &webSocket) override {
     std::puts("open");
-    webSocket->sendString(R"({"hello": true})");  // before this call it would be dropped
+    webSocket->sendString(R"({"command": "getProject", "messageID": 1})");  // before this call it would be dropped
   }
   void webSocketDidClose(const std::shared_ptr<QELNKWebSocket> &) override {
     std::puts("failed");  // nothing connects again: a host that wants to makes another one, after a while

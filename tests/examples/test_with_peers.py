@@ -46,8 +46,11 @@ class Examples(ToolTest):
         self.assertEqual(qelnk("daemon", "--connect", f"localhost:{port}", "start-workflow", "Clock").code, 0)
         code, out, err = self.run_example("web_socket", f"ws://localhost:{web}")
         self.assertEqual((code, out.splitlines()[0]), (0, "open"), err)
-        numbers = [json.loads(line)["data"]["value"] for line in out.splitlines()[1:4]]
-        self.assertEqual(numbers, list(range(numbers[0], numbers[0] + 3)))
+        messages = [json.loads(line) for line in out.splitlines()[1:4]]
+        for answer in (m for m in messages if "messageID" in m):
+            self.assertEqual((answer["messageID"], answer["data"]["name"]), (1, "Studio"))
+        numbers = [m["data"]["value"] for m in messages if "messageID" not in m]
+        self.assertEqual(numbers, list(range(numbers[0], numbers[0] + len(numbers))))
 
         self.assertEqual(self.run_example("web_socket", f"ws://localhost:{free_port()}")[0], 1)
 
