@@ -30,6 +30,8 @@ offers() { # WORD... : OFFER...
 }
 offers qelnk pa : pack
 offers qelnk --timeout 5 un : unpack
+offers qelnk --timeout = 5 un : unpack
+offers qelnk --log-level = i : info
 offers qelnk legacy '' : listen connect
 offers qelnk legacy listen --po : --port
 offers qelnk daemon --connect localhost:5600 start : start start-workflow

@@ -156,13 +156,15 @@ std::string optionsWithValue() {
 
 std::string bashCompletion() {
   std::string text =
-      "# bash completion for qelnk\n\n_qelnk() {\n  COMPREPLY=()\n  local word=\"${COMP_WORDS[COMP_CWORD]}\" "
-      "choices=''\n"
-      "  case \"${COMP_WORDS[COMP_CWORD - 1]}\" in\n"
+      "# bash completion for qelnk\n\n_qelnk() {\n  COMPREPLY=()\n"
+      "  local word=\"${COMP_WORDS[COMP_CWORD]#=}\" choices='' part\n"
+      "  local -a line=()  # without the = that parts an option from its value, which the shell takes for a word\n"
+      "  for part in \"${COMP_WORDS[@]:0:COMP_CWORD}\"; do [[ \"$part\" == = ]] || line+=(\"$part\"); done\n"
+      "  local current=${#line[@]}\n"
+      "  case \"${line[current - 1]}\" in\n"
       "    --log-level) COMPREPLY=($(compgen -W 'off error info debug' -- \"$word\")); return ;;\n"
       "    " +
-      optionsWithValue() + ") return ;;\n  esac\n" + findCommand("COMP_WORDS", "COMP_CWORD", "1") +
-      "  case \"$command\" in\n";
+      optionsWithValue() + ") return ;;\n  esac\n" + findCommand("line", "current", "1") + "  case \"$command\" in\n";
   for (const auto &[name, candidates] : places()) {
     std::string words;
     for (const Candidate &candidate : candidates) words += (words.empty() ? "" : " ") + candidate.word;
