@@ -3,7 +3,7 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS QELNetworkKit EXPORT QELNetworkKitTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
-install(FILES daemon/resources/Empty.prj DESTINATION ${CMAKE_INSTALL_LIBDIR}/QELNetworkKit COMPONENT library)
+install(FILES daemon/resources/Empty.prj DESTINATION ${CMAKE_INSTALL_LIBDIR}/${QELNK_RESOURCES} COMPONENT library)
 install(FILES ${QELNK_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELNetworkKit COMPONENT development)
 
 # The CMake package. The one of the build tree lies at its top.

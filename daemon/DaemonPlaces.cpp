@@ -43,7 +43,7 @@ static fs::path ownLibrary() {
 }
 
 std::string emptyProject() {
-  const fs::path file = fs::path("QELNetworkKit") / "Empty.prj";
+  const fs::path file = fs::path(QELNK_RESOURCES) / "Empty.prj";
   const fs::path beside = ownLibrary().parent_path() / file;
   const fs::path program = ownProgram().parent_path();
   for (const fs::path &place : {beside, program / file, program.parent_path() / "lib" / file}) {
