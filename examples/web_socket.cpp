@@ -1,5 +1,7 @@
 // Listens to a WebSocket server, such as a daemon's web port, until three messages have come.
-//   web_socket ws://localhost:5601
+//   orlin-sim -tcp 5600 -web 5601 examples/studio.prj &           a server to try it with; it passes over the "hello"
+//   web_socket ws://localhost:5601 &
+//   qelnk daemon --connect localhost:5600 start-workflow Clock    has it send a message every 40 ms
 // Change first: what webSocket() does with a message, and the options (a queue of your own, certificates).
 
 #include <QELNetworkKit/QELNetworkKit.h>

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compiles the C++ in README.md and docs/*.md, in one run of the compiler.
+"""Compiles the C++ in the documents (*.md, docs/*.md), in one run of the compiler, and follows the links among them.
 
     scripts/check_docs_code.py [COMPILER]
 
@@ -15,6 +15,8 @@ are lines that are put before a block's own, inside the function. A block behind
     <!-- cpp-from examples/host_glib.cpp -->
 
 has to stand in that file, with any indentation; the build compiles it there.
+
+A link to a file or to a heading has to lead somewhere; the web is not asked.
 """
 
 import pathlib
@@ -26,6 +28,7 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BLOCK = re.compile(r"(?:<!-- (?P<kind>cpp-\w+)(?P<given>(?:(?!-->).)*)-->\s*)?"
                    r"^ *```cpp\n(?P<code>.*?)^ *```$", re.M | re.S)
+LINK = re.compile(r"\]\((?!https?:)([^)#\s]*)(?:#([^)\s]*))?\)")
 INCLUDE = re.compile(r"^#\s*include\b.*$", re.M)
 
 
@@ -37,6 +40,21 @@ def stands_in(code, file):
     """Whether the lines of a block are lines of the file, one behind the other."""
     lines, wanted = stripped(file.read_text()), stripped(code)
     return any(lines[at:at + len(wanted)] == wanted for at in range(len(lines)))
+
+
+def headings(file):
+    """The names by which links reach the headings of a document."""
+    text = re.sub(r"^```.*?^```", "", file.read_text(), flags=re.M | re.S)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in re.findall(r"^#+ (.*)$", text, re.M)}
+
+
+def broken_links(file):
+    text = re.sub(r"^ *```.*?^ *```", lambda code: "\n" * code[0].count("\n"), file.read_text(), flags=re.M | re.S)
+    for link in LINK.finditer(text):
+        path, heading = link.groups()
+        target = file.parent / path if path else file
+        if not target.exists() or heading and heading not in headings(target):
+            yield f"{file.relative_to(ROOT)}:{text.count(chr(10), 0, link.start()) + 1}: {link[0][1:]} leads nowhere"
 
 
 class Source:
@@ -68,8 +86,9 @@ class Source:
 def main():
     compiler = sys.argv[1] if len(sys.argv) > 1 else "c++"
     source, problems, copies = Source(), [], 0
-    for file in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]:
+    for file in [*sorted(ROOT.glob("*.md")), *sorted((ROOT / "docs").glob("*.md"))]:
         text, name = file.read_text(), file.relative_to(ROOT)
+        problems += broken_links(file)
         found = list(BLOCK.finditer(text))
         if len(found) != len(re.findall(r"^ *```cpp", text, re.M)):
             problems.append(f"{name}: a block of C++ does not end")
@@ -97,7 +116,7 @@ def main():
         print("\n".join(problems), file=sys.stderr)
     if problems or done.returncode:
         return 1
-    print(f"{source.blocks} blocks of C++ in the documents compile, {copies} are as in the examples")
+    print(f"{source.blocks} blocks of C++ in the documents compile, {copies} are as in the examples, no link is broken")
     return 0
 
 

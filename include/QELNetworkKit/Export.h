@@ -3,7 +3,7 @@
 
 /** Marks what the shared library exports; everything else stays hidden. */
 #define QELNK_EXPORT __attribute__((visibility("default")))
-/* Marks what lies within an exported class and is not for hosts all the same (C++ only). */
+/** Marks what lies within an exported class and is not for hosts all the same (C++ only). */
 #define QELNK_HIDDEN [[gnu::visibility("hidden")]]
 
 #ifdef __cplusplus

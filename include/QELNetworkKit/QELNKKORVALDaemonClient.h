@@ -8,6 +8,8 @@
 
 /// The client of a daemon that this process launched. When the daemon's process ends the client disconnects: another
 /// daemon may get the same port.
+///
+/// Threads: as QELNKKORVALClient; quit() waits for the daemon's process.
 class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
  public:
   /// Null, with a line on the log, for no context. It is not connected yet.
