@@ -1,9 +1,14 @@
 // WebSockets: round trips of short texts, and binary messages of 1 MiB, one way and echoed. Beside bare Beast with the
 // same settings, against the same server: on one thread, and handing each message to another thread, as a host with a
-// queue must.
+// queue must. All of it on all cores and on one: where threads wake each other across cores, most of the time goes
+// there, and how much differs with where the kernel puts them; on one core it goes to the work.
 
 #include <QELNetworkKit/Log.h>
 #include <QELNetworkKit/QELNKWebSocket.h>
+
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <boost/asio.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -259,16 +264,40 @@ class Bare final : public Client {
 
 void contest(const Server &server, const std::string &name, const std::string &path, int64_t count,
              void (Client::*exchange)(int64_t)) {
-  const auto entry = [&](const char *peer, std::shared_ptr<Client> client) {
-    return bench::RatedEntry{peer, [client, exchange](int64_t n) { (client.get()->*exchange)(n); }, 1};
+  const auto entry = [&](const char *peer, std::shared_ptr<Client> client, size_t reference) {
+    return bench::RatedEntry{peer, [client, exchange](int64_t n) { (client.get()->*exchange)(n); }, reference};
   };
   const std::string url = "ws://" + server.address() + path;
   bench::contestOfRates(name,
-                        {entry("ours", std::make_shared<Ours>(url, qelnk::Queue::serial("bench"))),
-                         entry("beast-handing-over", std::make_shared<Bare>(server, path, true)),
-                         entry("ours-one-thread", std::make_shared<Ours>(url, std::make_shared<NoQueue>())),
-                         entry("beast-one-thread", std::make_shared<Bare>(server, path, false))},
+                        {entry("ours", std::make_shared<Ours>(url, qelnk::Queue::serial("bench")), 1),
+                         entry("beast-handing-over", std::make_shared<Bare>(server, path, true), 1),
+                         entry("ours-one-thread", std::make_shared<Ours>(url, std::make_shared<NoQueue>()), 3),
+                         entry("beast-one-thread", std::make_shared<Bare>(server, path, false), 3)},
                         15, count);
+}
+
+void contests(const std::string &only, const std::string &cores) {
+  const auto wants = [&](const char *part) { return only.empty() || only == part; };
+  const Server server;
+  if (wants("round-trips")) contest(server, "websocket/round-trips/" + cores, "/", 10'000, &Client::roundTrips);
+  if (wants("one-way")) contest(server, "websocket/one-way/" + cores, "/", 200, &Client::blocks);
+  if (wants("echo")) contest(server, "websocket/echo/" + cores, "/echo", 200, &Client::blocks);
+}
+
+/// In a process of its own, for threads stay where they were allowed to be when they were made.
+void contestsOnOneCore(const std::string &only) {
+  const pid_t child = fork();
+  if (child == 0) {
+    cpu_set_t core;
+    CPU_ZERO(&core);
+    CPU_SET(sched_getcpu(), &core);
+    bench::require(sched_setaffinity(0, sizeof core, &core) == 0, "one core");
+    contests(only, "one-core");
+    std::fflush(stdout);
+    _exit(0);
+  }
+  int status = -1;
+  bench::require(waitpid(child, &status, 0) == child && status == 0, "the contests on one core");
 }
 
 }  // namespace
@@ -276,9 +305,6 @@ void contest(const Server &server, const std::string &name, const std::string &p
 int main(int count, char **arguments) {
   QLGetHandle().setLevel(qelnk::LogLevel::off);
   const std::string only = count > 1 ? arguments[1] : "";
-  const auto wants = [&](const char *part) { return only.empty() || only == part; };
-  const Server server;
-  if (wants("round-trips")) contest(server, "websocket/round-trips", "/", 10'000, &Client::roundTrips);
-  if (wants("one-way")) contest(server, "websocket/one-way", "/", 200, &Client::blocks);
-  if (wants("echo")) contest(server, "websocket/echo", "/echo", 200, &Client::blocks);
+  contestsOnOneCore(only);
+  contests(only, "all-cores");
 }

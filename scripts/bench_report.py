@@ -280,12 +280,13 @@ def websocket_tables(results):
     rows = []
     names = {"round-trips": "texts of 64 bytes, there and back", "one-way": "1 MiB binary, one way",
              "echo": "1 MiB binary, there and back"}
-    for name, peers in read_lines(results / "websocket_bench.txt").items():
+    for name, peers in sorted(read_lines(results / "websocket_bench.txt").items(), key=lambda row: row[0].endswith("one-core")):
+        _, what, cores = name.split("/")
         for manner, ours, bare in (("handed over", "ours", "beast-handing-over"),
                                    ("on one thread", "ours-one-thread", "beast-one-thread")):
             rates = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (ours, bare)]
-            ratio = peers[ours]["per_second"] / peers[bare]["per_second"]
-            rows.append([f"{names[name.split('/')[1]]}, {manner}", *rates, f"{ratio:.2f}",
+            ratio = peers[ours]["ratio"]
+            rows.append([f"{names[what]}, {manner}" + (", on one core" if cores == "one-core" else ""), *rates, f"{ratio:.2f}",
                          *verdict(ratio, 0.9, at_most=False)])
     headings = ["WebSocket", "QELNetworkKit", "Beast", "ratio", "goal", ""]
     return {"websocket": table(headings, rows)} if rows else {}
