@@ -10,8 +10,8 @@ namespace qelnk {
 class Queue;
 }
 
-/// What messaging endpoints share: a ZeroMQ context with one io thread, a queue that is kept for the host, and the queue on
-/// which the callbacks of connections and responses run.
+/// What messaging endpoints share: a ZeroMQ context with one io thread, a queue that is kept for the host, and the
+/// queue on which the callbacks of connections and responses run.
 ///
 /// Threads: any. It is destroyed when the last holder lets go (each endpoint holds its context), which closes its
 /// sockets and terminates its ZeroMQ context; that waits for no peer beyond the linger time of a socket.

@@ -15,9 +15,9 @@ class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
                                                          std::shared_ptr<QELNKOrlinDaemon> daemon);
   ~QELNKKORVALDaemonClient() override;
 
-  /// Asks the daemon to exit, waits until its process has ended, without a bound, and disconnects. Where it is called on
-  /// the response queue, no callback comes meanwhile. A daemon that is still starting gets to hear it. Where there is no process (any more), or no
-  /// connection to ask it on, it does not wait.
+  /// Asks the daemon to exit, waits until its process has ended, without a bound, and disconnects. Where it is called
+  /// on the response queue, no callback comes meanwhile. A daemon that is still starting gets to hear it. Where there
+  /// is no process (any more), or no connection to ask it on, it does not wait.
   void quit() override;
 
   /// The daemon it was made for.
