@@ -53,7 +53,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::optional<std::string> peerHostName QELNK_GUARDED_BY(mutex), peerIPv4Address QELNK_GUARDED_BY(mutex);
   std::optional<std::string> peerAppID QELNK_GUARDED_BY(mutex);
 
-  /// What has been read; of its own, so that writing and reading do not wait for each other.
+  /// What has been read; of its own, so that writing and reading do not wait for each other. Behind `mutex`, if both.
   alignas(64) qelnk::Mutex readMutex;
   qelnk::IncomingMessages incoming QELNK_GUARDED_BY(readMutex);
   std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
