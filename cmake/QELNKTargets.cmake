@@ -17,8 +17,9 @@ function(qelnk_sanitize target)
   endif()
 endfunction()
 
-# Warnings as errors.
+# Warnings as errors. Clang also checks that what a mutex guards is used under it.
 function(qelnk_own_code target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+                         $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety -Wthread-safety-reference>)
   qelnk_sanitize(${target})
 endfunction()

@@ -3,14 +3,14 @@
 namespace qelnk {
 
 size_t Mirror::append(const Workflow &workflow) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   workflows_.push_back(workflow);
   return workflows_.size() - 1;
 }
 
 void Mirror::opened(uint64_t opening) {
   std::vector<Workflow> removed;  // ends after the lock: with it may end callbacks of the host
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   removed.swap(workflows_);
   placeByPort_.clear();
   opening_ = opening;
@@ -18,52 +18,52 @@ void Mirror::opened(uint64_t opening) {
 }
 
 bool Mirror::openingFailed(uint64_t opening) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   openingsAsked_.erase(opening);
   return opening == lastOpening_;
 }
 
 uint64_t Mirror::opening() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return opening_;
 }
 
 std::vector<Mirror::Workflow> Mirror::workflows() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return workflows_;
 }
 
 Mirror::Workflow Mirror::workflowWithIndex(size_t index) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return index < workflows_.size() ? workflows_[index] : nullptr;
 }
 
 size_t Mirror::numberOfWorkflows() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return workflows_.size();
 }
 
 void Mirror::portAdded(const QELNKOrlinWorkflow *workflow, size_t place, const std::string &uid) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (place >= workflows_.size() || workflows_[place].get() != workflow) return;
   const auto [known, isNew] = placeByPort_.try_emplace(uid, place);
   if (!isNew && place < known->second) known->second = place;
 }
 
 Mirror::Workflow Mirror::workflowWithPort(std::string_view uid) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto found = placeByPort_.find(uid);
   return found == placeByPort_.end() ? nullptr : workflows_[found->second];
 }
 
-std::optional<std::string> Mirror::read(const std::optional<std::string> &text) const {
-  const std::lock_guard lock(mutex_);
-  return text;
+std::optional<std::string> Mirror::read(Text text) const {
+  const Lock lock(mutex_);
+  return this->*text;
 }
 
-void Mirror::swapIn(std::optional<std::string> &text, std::optional<std::string> &value) {
-  const std::lock_guard lock(mutex_);
-  text.swap(value);
+void Mirror::swapIn(Text text, std::optional<std::string> &value) {
+  const Lock lock(mutex_);
+  (this->*text).swap(value);
 }
 
 }  // namespace qelnk

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKOrlinWorkflow.h>
 #include <QELNetworkKit/Value.h>
 
@@ -7,7 +8,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -26,10 +26,10 @@ class Mirror {
 
   std::atomic<bool> running{false};
   std::atomic<int64_t> nextMessageID{0};
-  std::optional<std::string> projectName() const { return read(projectName_); }
-  void setProjectName(std::optional<std::string> name) { swapIn(projectName_, name); }
-  std::optional<std::string> projectFile() const { return read(projectFile_); }
-  void setProjectFile(std::optional<std::string> file) { swapIn(projectFile_, file); }
+  std::optional<std::string> projectName() const { return read(&Mirror::projectName_); }
+  void setProjectName(std::optional<std::string> name) { swapIn(&Mirror::projectName_, name); }
+  std::optional<std::string> projectFile() const { return read(&Mirror::projectFile_); }
+  void setProjectFile(std::optional<std::string> file) { swapIn(&Mirror::projectFile_, file); }
 
   /// Appends a workflow and returns its place.
   size_t append(const Workflow &workflow);
@@ -39,7 +39,7 @@ class Mirror {
   /// Numbers an opening that is about to be asked for, and does `also` in the same step: it must not call anybody.
   template <class Also>
   uint64_t beginOpening(Also also) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     also();
     openingsAsked_.insert(++lastOpening_);
     return lastOpening_;
@@ -54,7 +54,7 @@ class Mirror {
   /// call anybody.
   template <class Then>
   void ifNewest(uint64_t opening, Then then) const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (opening_ == opening && openingsAsked_.upper_bound(opening) == openingsAsked_.end()) then();
   }
 
@@ -63,7 +63,7 @@ class Mirror {
   /// The first workflow for which `matches`, or null.
   template <class Matches>
   Workflow firstWorkflow(Matches matches) const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     for (const Workflow &workflow : workflows_)
       if (matches(*workflow)) return workflow;
     return nullptr;
@@ -81,15 +81,16 @@ class Mirror {
     using is_transparent = void;
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
   };
-  std::optional<std::string> read(const std::optional<std::string> &text) const;
-  void swapIn(std::optional<std::string> &text, std::optional<std::string> &value);
+  using Text = std::optional<std::string> Mirror::*;
+  std::optional<std::string> read(Text text) const;
+  void swapIn(Text text, std::optional<std::string> &value);
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::optional<std::string> projectName_, projectFile_;
-  uint64_t lastOpening_ = 0, opening_ = 0;
-  std::set<uint64_t> openingsAsked_;  // those not answered yet
-  std::vector<Workflow> workflows_;
-  std::unordered_map<std::string, size_t, Hash, std::equal_to<>> placeByPort_;
+  mutable Mutex mutex_;
+  std::optional<std::string> projectName_ QELNK_GUARDED_BY(mutex_), projectFile_ QELNK_GUARDED_BY(mutex_);
+  uint64_t lastOpening_ QELNK_GUARDED_BY(mutex_) = 0, opening_ QELNK_GUARDED_BY(mutex_) = 0;
+  std::set<uint64_t> openingsAsked_ QELNK_GUARDED_BY(mutex_);  // those not answered yet
+  std::vector<Workflow> workflows_ QELNK_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, size_t, Hash, std::equal_to<>> placeByPort_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace qelnk

@@ -13,22 +13,22 @@ void QELNKOrlinDaemon::quit() {
 }
 
 std::string QELNKOrlinDaemon::project() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return project_;
 }
 
 void QELNKOrlinDaemon::setProject(std::string project) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   project_.swap(project);
 }
 
 std::shared_ptr<qelnk::Process> QELNKOrlinDaemon::task() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return task_;
 }
 
 void QELNKOrlinDaemon::setTask(std::shared_ptr<qelnk::Process> task) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   task_.swap(task);
 }
 
@@ -38,7 +38,7 @@ std::string QELNKOrlinDaemon::description() const {
 
 void QELNKOrlinDaemon::whenEnded(const std::function<void()> &notice) {
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     if (!hasEnded_) return notices_.push_back(notice);
   }
   notice();
@@ -47,7 +47,7 @@ void QELNKOrlinDaemon::whenEnded(const std::function<void()> &notice) {
 void QELNKOrlinDaemon::noteEnd() {
   std::vector<std::function<void()>> notices;
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     hasEnded_ = true;
     notices.swap(notices_);
   }

@@ -1,11 +1,10 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
 #include <QELNetworkKit/UserSettings.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 
 #include "daemon/DaemonPlaces.h"
 #include "platform/LogFormat.h"
@@ -17,10 +16,10 @@ using DaemonClient = std::shared_ptr<QELNKKORVALDaemonClient>;
 
 /// The daemons that run. The handler of each process's end holds it too, so it may outlive its spawner.
 struct QELNK_HIDDEN QELNKOrlinDaemonSpawner::Tracked {
-  std::mutex changing;  // held while a daemon is started or its end is told: one that ends at once is told in order
-  mutable std::mutex mutex;  // guards the list; nothing is called under it
-  std::condition_variable emptied;
-  std::vector<Daemon> daemons;
+  qelnk::Mutex changing;  // held while a daemon is started or its end is told: one that ends at once is told in order
+  mutable qelnk::Mutex mutex;  // nothing is called under it
+  qelnk::Condition emptied;
+  std::vector<Daemon> daemons QELNK_GUARDED_BY(mutex);
 
   int64_t freePort(int64_t port) const;
   size_t add(const Daemon &daemon);
@@ -28,13 +27,13 @@ struct QELNK_HIDDEN QELNKOrlinDaemonSpawner::Tracked {
 };
 
 int64_t QELNKOrlinDaemonSpawner::Tracked::freePort(int64_t port) const {
-  const std::lock_guard lock(mutex);
+  const qelnk::Lock lock(mutex);
   while (std::ranges::any_of(daemons, [&](const Daemon &daemon) { return daemon->port() == port; })) ++port;
   return port;
 }
 
 size_t QELNKOrlinDaemonSpawner::Tracked::add(const Daemon &daemon) {
-  const std::lock_guard lock(mutex);
+  const qelnk::Lock lock(mutex);
   daemons.push_back(daemon);
   return daemons.size();
 }
@@ -45,8 +44,8 @@ static void tell(const char *what, const Daemon &daemon, size_t running) {
 }
 
 void QELNKOrlinDaemonSpawner::Tracked::ended(const Daemon &daemon, const qelnk::Process &process) {
-  const std::lock_guard order(changing);
-  std::unique_lock lock(mutex);
+  const qelnk::Lock order(changing);
+  qelnk::Lock lock(mutex);
   std::erase(daemons, daemon);
   const size_t running = daemons.size();
   lock.unlock();
@@ -54,7 +53,7 @@ void QELNKOrlinDaemonSpawner::Tracked::ended(const Daemon &daemon, const qelnk::
   if (const auto status = process.status(); status && (status->signalled || status->code != 0))
     qelnk::logError("QELNKOrlinDaemonSpawner: {} ended {} {}", daemon->description(),
                     status->signalled ? "by signal" : "with exit code", status->code);
-  if (running == 0) emptied.notify_all();
+  if (running == 0) emptied.notifyAll();
   daemon->noteEnd();
 }
 
@@ -98,7 +97,7 @@ Daemon QELNKOrlinDaemonSpawner::spawnDaemonWithProject(const std::string &projec
     qelnk::logError("QELNKOrlinDaemonSpawner starts nothing: there is no project {}", project);
     return std::make_shared<QELNKOrlinDaemon>(project, 0, 0, nullptr);
   }
-  const std::lock_guard order(tracked_->changing);
+  const qelnk::Lock order(tracked_->changing);
   const int64_t port = tracked_->freePort(basePort_);
   if (port == 0) qelnk::logError("QELNKOrlinDaemonSpawner has no base port: no client will find the daemon");
   auto daemon = std::make_shared<QELNKOrlinDaemon>(project, port, webSocketPort, nullptr);
@@ -163,16 +162,16 @@ void QELNKOrlinDaemonSpawner::connect(const DaemonClient &client, ConnectedDaemo
 
 void QELNKOrlinDaemonSpawner::stopAllDaemons() {
   for (const Daemon &daemon : daemons()) daemon->quit();
-  std::unique_lock lock(tracked_->mutex);
-  tracked_->emptied.wait(lock, [&] { return tracked_->daemons.empty(); });
+  qelnk::Lock lock(tracked_->mutex);
+  while (!tracked_->daemons.empty()) tracked_->emptied.wait(lock);
 }
 
 size_t QELNKOrlinDaemonSpawner::runningDaemons() const {
-  const std::lock_guard lock(tracked_->mutex);
+  const qelnk::Lock lock(tracked_->mutex);
   return tracked_->daemons.size();
 }
 
 std::vector<Daemon> QELNKOrlinDaemonSpawner::daemons() const {
-  const std::lock_guard lock(tracked_->mutex);
+  const qelnk::Lock lock(tracked_->mutex);
   return tracked_->daemons;
 }

@@ -105,27 +105,27 @@ std::optional<std::string> QELNKOrlinPort::currentValueAsString() const {
 // The setters let what was there go after the lock: a callback's end may run anything of the host's.
 
 std::optional<std::string> QELNKOrlinPort::stringValue() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return stringValue_;
 }
 
 void QELNKOrlinPort::setStringValue(std::optional<std::string> value) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   stringValue_.swap(value);
 }
 
 std::optional<Value> QELNKOrlinPort::arrayValue() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return arrayValue_;
 }
 
 void QELNKOrlinPort::setArrayValue(std::optional<Value> value) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   arrayValue_.swap(value);
 }
 
 std::shared_ptr<const QELNKOrlinPort::UpdateBlock> QELNKOrlinPort::sharedUpdateBlock() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return updateBlock_;
 }
 
@@ -136,6 +136,6 @@ QELNKOrlinPort::UpdateBlock QELNKOrlinPort::updateBlock() const {
 
 void QELNKOrlinPort::setUpdateBlock(UpdateBlock block) {
   auto shared = block ? std::make_shared<const UpdateBlock>(std::move(block)) : nullptr;
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   updateBlock_.swap(shared);
 }

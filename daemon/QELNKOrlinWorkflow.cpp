@@ -16,48 +16,46 @@ QELNKOrlinWorkflow::QELNKOrlinWorkflow(const Value &description)
 
 Port QELNKOrlinWorkflow::addPortWithDescription(const Value &description) {
   auto port = std::make_shared<QELNKOrlinPort>(description);
-  PortAddedBlock onPortAdded;
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     if (port->uid()) portsByID_.try_emplace(*port->uid(), ports_.size());
     ports_.push_back(port);
-    onPortAdded = onPortAdded_;
   }
-  if (onPortAdded) onPortAdded(port);
+  if (onPortAdded_) onPortAdded_(port);
   return port;
 }
 
 std::vector<Port> QELNKOrlinWorkflow::ports() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return ports_;
 }
 
 Port QELNKOrlinWorkflow::portWithName(std::string_view name) const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   const auto found = std::find_if(ports_.begin(), ports_.end(), [&](const Port &port) { return port->name() == name; });
   return found == ports_.end() ? nullptr : *found;
 }
 
 Port QELNKOrlinWorkflow::portWithID(std::string_view uid) const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   const auto found = portsByID_.find(uid);
   return found == portsByID_.end() ? nullptr : ports_[found->second];
 }
 
 Port QELNKOrlinWorkflow::portWithIndex(size_t index) const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return index < ports_.size() ? ports_[index] : nullptr;
 }
 
 Port QELNKOrlinWorkflow::portOfType(int32_t portType, size_t index) const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   for (const Port &port : ports_)
     if (port->portType() == portType && index-- == 0) return port;
   return nullptr;
 }
 
 size_t QELNKOrlinWorkflow::numberOfPortsOfType(int32_t portType) const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return size_t(
       std::count_if(ports_.begin(), ports_.end(), [&](const Port &port) { return port->portType() == portType; }));
 }
@@ -68,6 +66,6 @@ size_t QELNKOrlinWorkflow::numberOfInputPorts() const { return numberOfPortsOfTy
 size_t QELNKOrlinWorkflow::numberOfOutputPorts() const { return numberOfPortsOfType(QELNKOrlinPortTypeOutput); }
 
 size_t QELNKOrlinWorkflow::numberOfPorts() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return ports_.size();
 }

@@ -1,9 +1,9 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKOrlinDaemonSpawner.h>
 #include <QELNetworkKit/UserSettings.h>
 
 #include <atomic>
-#include <mutex>
 
 #include "daemon/DaemonPlaces.h"
 #include "platform/Semaphore.h"
@@ -11,8 +11,8 @@
 namespace {
 
 struct GivenBundle {
-  std::mutex mutex;
-  std::string path;
+  qelnk::Mutex mutex;
+  std::string path QELNK_GUARDED_BY(mutex);
 };
 
 // The statics of this file are never destroyed: a process may exit while threads use them, and its exit waits for none.
@@ -23,14 +23,14 @@ GivenBundle &givenBundle() {
 }
 
 std::string sharedBundle() {
-  const std::lock_guard lock(givenBundle().mutex);
+  const qelnk::Lock lock(givenBundle().mutex);
   return qelnk::daemonBundle(givenBundle().path);
 }
 
 /// The process's client.
 struct SharedClient {
-  std::mutex mutex;  // guards the launch
-  std::shared_ptr<QELNKKORVALDaemonClient> client;
+  qelnk::Mutex mutex;  // held for the launch
+  std::shared_ptr<QELNKKORVALDaemonClient> client QELNK_GUARDED_BY(mutex);
   std::atomic<bool> isReady{false};
   qelnk::Semaphore ready;
 
@@ -62,26 +62,28 @@ std::shared_ptr<QELNKOrlinDaemonSpawner> QELNKOrlinDaemonSpawner::sharedSpawner(
 }
 
 void QELNKOrlinDaemonSpawner::setSharedDaemonPath(std::string daemonBundle) {
-  const std::lock_guard lock(givenBundle().mutex);
+  const qelnk::Lock lock(givenBundle().mutex);
   givenBundle().path = std::move(daemonBundle);
 }
 
 std::shared_ptr<QELNKKORVALDaemonClient> QELNKOrlinDaemonSpawner::sharedClient() {
   static SharedClient &shared = *new SharedClient;
+  std::shared_ptr<QELNKKORVALDaemonClient> client;
   bool isFirst = false;
   {
-    const std::lock_guard lock(shared.mutex);
+    const qelnk::Lock lock(shared.mutex);
     if (!shared.client) {
       shared.client = sharedSpawner()->spawnClient(qelnk::emptyProject(), {}, QELNKContext::sharedContext());
       if (!shared.client) return nullptr;
       isFirst = true;
     }
+    client = shared.client;
   }
   if (isFirst) {
-    connect(shared.client, [word = std::make_shared<ReadyWithCallback>(shared)](auto &) {});
-    shared.client->setSyncRequests(true);
-    if (shared.client->daemon()->port() == 0) shared.client->disconnect();
+    connect(client, [word = std::make_shared<ReadyWithCallback>(shared)](auto &) {});
+    client->setSyncRequests(true);
+    if (client->daemon()->port() == 0) client->disconnect();
   }
   shared.waitUntilReady();
-  return shared.client;
+  return client;
 }

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKLegacyStream.h>
 #include <QELNetworkKit/RunLoop.h>
 
 #include <array>
 #include <atomic>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -23,37 +23,39 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::atomic<bool> callDelegateOnMainThread{false};
 
   /// Taken for each write to the connection, before the next: so that whoever queues does not wait for the system.
-  std::mutex flushMutex;
+  qelnk::Mutex flushMutex;
 
-  /// The stream's lock, re-entrant: guards what is queued and all that is small. No delegate is called under it.
+  /// The stream's lock, re-entrant: for what is queued and all that is small. No delegate is called under it.
   mutable qelnk::SpinningMutex mutex;
-  qelnk::OutgoingBytes outgoing;
-  uint64_t dataFence = 0;
-  uint64_t handshakeLeft = 0;  // of what is queued, at its beginning
-  uint64_t droppedLength = 0;
-  std::error_code connectionError;
-  uint64_t maximumWriteSize = 0;
-  bool missedSpaceEvent = false;
-  bool flushScheduled = false;
-  uint64_t testFullyConfigured = 0, compareFullyConfigured = 0;
-  qelnk::Value options;
-  qelnk::IncomingMessages::Limits limits;
-  std::string appID;
-  std::weak_ptr<QELNKLegacyStreamDelegate> delegate;
+  qelnk::OutgoingBytes outgoing QELNK_GUARDED_BY(mutex);
+  uint64_t dataFence QELNK_GUARDED_BY(mutex) = 0;
+  uint64_t handshakeLeft QELNK_GUARDED_BY(mutex) = 0;  // of what is queued, at its beginning
+  uint64_t droppedLength QELNK_GUARDED_BY(mutex) = 0;
+  std::error_code connectionError QELNK_GUARDED_BY(mutex);
+  uint64_t maximumWriteSize QELNK_GUARDED_BY(mutex) = 0;
+  bool missedSpaceEvent QELNK_GUARDED_BY(mutex) = false;
+  bool flushScheduled QELNK_GUARDED_BY(mutex) = false;
+  uint64_t testFullyConfigured QELNK_GUARDED_BY(mutex) = 0, compareFullyConfigured QELNK_GUARDED_BY(mutex) = 0;
+  qelnk::Value options QELNK_GUARDED_BY(mutex);
+  qelnk::IncomingMessages::Limits limits QELNK_GUARDED_BY(mutex);
+  std::string appID QELNK_GUARDED_BY(mutex);
+  std::weak_ptr<QELNKLegacyStreamDelegate> delegate QELNK_GUARDED_BY(mutex);
   std::atomic<uint64_t> delegateVersion{1};
-  std::any context;
-  std::shared_ptr<qelnk::InputStream> input;
-  std::shared_ptr<qelnk::OutputStream> output;
-  std::shared_ptr<QELNKLegacyStreamThread> thread;
-  std::shared_ptr<QELNKLegacyStreamThread> connectionThread;  // the one that serves `input` and `output`
+  std::any context QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<qelnk::InputStream> input QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<qelnk::OutputStream> output QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<QELNKLegacyStreamThread> thread QELNK_GUARDED_BY(mutex);
+  // The one that serves `input` and `output`.
+  std::shared_ptr<QELNKLegacyStreamThread> connectionThread QELNK_GUARDED_BY(mutex);
   // Threads of its own that it had before: something may still wait on their run loops.
-  std::vector<std::shared_ptr<QELNKLegacyStreamThread>> replacedThreads;
-  std::array<uint8_t, 28> peerAddress{};
-  std::optional<std::string> peerHostName, peerIPv4Address, peerAppID;
+  std::vector<std::shared_ptr<QELNKLegacyStreamThread>> replacedThreads QELNK_GUARDED_BY(mutex);
+  std::array<uint8_t, 28> peerAddress QELNK_GUARDED_BY(mutex){};
+  std::optional<std::string> peerHostName QELNK_GUARDED_BY(mutex), peerIPv4Address QELNK_GUARDED_BY(mutex);
+  std::optional<std::string> peerAppID QELNK_GUARDED_BY(mutex);
 
-  /// What has been read; of its own, so that writing and reading do not wait for each other.
-  alignas(64) std::mutex readMutex;
-  qelnk::IncomingMessages incoming;
+  /// What has been read; of its own, so that writing and reading do not wait for each other. Behind `mutex`, if both.
+  alignas(64) qelnk::Mutex readMutex;
+  qelnk::IncomingMessages incoming QELNK_GUARDED_BY(readMutex);
   std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
 
   /// What waits for the main thread. While it is much, nothing is read.
@@ -83,7 +85,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::shared_ptr<QELNKLegacyStreamThread> servingThread() const;
   static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
                     const std::shared_ptr<qelnk::ByteStream> &stream);
-  void dropConnection();
+  void dropConnection() QELNK_REQUIRES(mutex, readMutex);
   /// Takes back what was queued since it was made, unless all of it could be: a message goes out whole or not at all.
   class Appending {
    public:
@@ -102,7 +104,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   };
 
   bool flush(const qelnk::ByteStream *withSpace);
-  bool requestFlush();
+  bool requestFlush() QELNK_REQUIRES(mutex);
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
 
@@ -112,9 +114,9 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::pair<uint64_t, uint64_t> incomingState();
 
   template <class Field>
-  Field locked(const Field &field) const {
-    const std::lock_guard lock(mutex);
-    return field;
+  Field locked(Field State::*field) const {
+    const qelnk::Lock lock(mutex);
+    return this->*field;
   }
 
   /// While there is one on the calling thread, flushes that it requests are put together: a thread of streams is asked
@@ -163,7 +165,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     /// The delegate, to be held for one call: it may have several streams, whose passes would keep it for each other.
     std::shared_ptr<QELNKLegacyStreamDelegate> delegate() {
       if (const uint64_t version = source_.state_->delegateVersion; version != version_) {
-        delegate_ = source_.state_->locked(source_.state_->delegate);
+        delegate_ = source_.state_->locked(&State::delegate);
         version_ = version;
       }
       return delegate_.lock();

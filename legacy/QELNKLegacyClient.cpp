@@ -65,57 +65,63 @@ void QELNKLegacyClientDelegate::networkStreamWasTerminated(const std::shared_ptr
 // --- State ---
 
 struct QELNK_HIDDEN QELNKLegacyClient::ClientState {
-  /// Guards all below. Re-entrant; the stream's own lock may be taken under it. No delegate is called under it.
-  mutable std::recursive_mutex mutex;
+  /// Re-entrant; the stream's own lock may be taken under it. No delegate is called under it.
+  mutable qelnk::RecursiveMutex mutex;
 
-  std::shared_ptr<LoopSource> timeoutTimer, heartbeatTimer, delayedConnect;
+  std::shared_ptr<LoopSource> timeoutTimer QELNK_GUARDED_BY(mutex), heartbeatTimer QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<LoopSource> delayedConnect QELNK_GUARDED_BY(mutex);
   // Of the one that counts: a timer that has begun to fire may have been cancelled meanwhile.
-  uint64_t timeoutNumber = 0, heartbeatNumber = 0, connectNumber = 0;
+  uint64_t timeoutNumber QELNK_GUARDED_BY(mutex) = 0, heartbeatNumber QELNK_GUARDED_BY(mutex) = 0;
+  uint64_t connectNumber QELNK_GUARDED_BY(mutex) = 0;
 
-  bool isReconnecting = false, isCancelled = false, attemptIPv4Fallback = false;
-  double lastHeartbeat = 0;
-  std::weak_ptr<qelnk::InputStream> heartbeatInput;  // whose heartbeats are watched
-  std::optional<double> lastHeartbeatCheck;
-  bool heartbeatNotifiedProblem = false;
-  bool attemptReconnect = false, connected = false;
-  std::shared_ptr<NetService> netService;
-  std::string name, host;
-  uint64_t port = 0;
-  std::string resolvedHost;  // what the service last told
-  uint64_t resolvedPort = 0;
-  double connectTimeout = 0, autoReconnectDelay = 0, autoRetryInterval = 0;
-  int64_t maxRetryAttempts = 0, retryAttempts = 0;
-  double heartbeatDisconnectTimeout = 0, heartbeatProblemTimeout = 0;
-  Data serviceTXTRecordData;
-  qelnk::TXTRecordDictionary serviceTXTRecordDictionary;
+  bool isReconnecting QELNK_GUARDED_BY(mutex) = false, isCancelled QELNK_GUARDED_BY(mutex) = false;
+  bool attemptIPv4Fallback QELNK_GUARDED_BY(mutex) = false;
+  double lastHeartbeat QELNK_GUARDED_BY(mutex) = 0;
+  std::weak_ptr<qelnk::InputStream> heartbeatInput QELNK_GUARDED_BY(mutex);  // whose heartbeats are watched
+  std::optional<double> lastHeartbeatCheck QELNK_GUARDED_BY(mutex);
+  bool heartbeatNotifiedProblem QELNK_GUARDED_BY(mutex) = false;
+  bool attemptReconnect QELNK_GUARDED_BY(mutex) = false, connected QELNK_GUARDED_BY(mutex) = false;
+  std::shared_ptr<NetService> netService QELNK_GUARDED_BY(mutex);
+  std::string name QELNK_GUARDED_BY(mutex), host QELNK_GUARDED_BY(mutex);
+  uint64_t port QELNK_GUARDED_BY(mutex) = 0;
+  std::string resolvedHost QELNK_GUARDED_BY(mutex);  // what the service last told
+  uint64_t resolvedPort QELNK_GUARDED_BY(mutex) = 0;
+  double connectTimeout QELNK_GUARDED_BY(mutex) = 0, autoReconnectDelay QELNK_GUARDED_BY(mutex) = 0;
+  double autoRetryInterval QELNK_GUARDED_BY(mutex) = 0;
+  int64_t maxRetryAttempts QELNK_GUARDED_BY(mutex) = 0, retryAttempts QELNK_GUARDED_BY(mutex) = 0;
+  double heartbeatDisconnectTimeout QELNK_GUARDED_BY(mutex) = 0, heartbeatProblemTimeout QELNK_GUARDED_BY(mutex) = 0;
+  Data serviceTXTRecordData QELNK_GUARDED_BY(mutex);
+  qelnk::TXTRecordDictionary serviceTXTRecordDictionary QELNK_GUARDED_BY(mutex);
 
   template <class Field>
-  Field get(const Field &field) const {
-    const std::lock_guard lock(mutex);
-    return field;
+  Field get(Field ClientState::*field) const {
+    const qelnk::Lock lock(mutex);
+    return this->*field;
   }
   template <class Field>
-  void set(Field &field, Field value) {
-    const std::lock_guard lock(mutex);
-    std::swap(field, value);
+  void set(Field ClientState::*field, Field value) {
+    const qelnk::Lock lock(mutex);
+    std::swap(this->*field, value);
   }
+  using Timer = std::shared_ptr<LoopSource> ClientState::*;
+  using Number = uint64_t ClientState::*;
   /// Ends a timer; what it holds goes with the result.
-  std::shared_ptr<LoopSource> stop(std::shared_ptr<LoopSource> &timer, uint64_t &number) {
-    const std::lock_guard lock(mutex);
-    ++number;
-    if (timer) timer->cancel();
-    return std::exchange(timer, nullptr);
+  std::shared_ptr<LoopSource> stop(Timer timer, Number number) {
+    const qelnk::Lock lock(mutex);
+    ++(this->*number);
+    if (this->*timer) (this->*timer)->cancel();
+    return std::exchange(this->*timer, nullptr);
   }
   /// Starts a timer on the calling thread's loop in place of the one there was. It calls `work` of `client` unless
   /// another has taken its place.
-  void start(std::shared_ptr<LoopSource> &timer, uint64_t &number, double seconds, std::chrono::nanoseconds interval,
+  void start(Timer timer, Number number, double seconds, std::chrono::nanoseconds interval,
              const std::weak_ptr<QELNKLegacyStream> &client, void (QELNKLegacyClient::*work)(),
              const void *target = nullptr) {
-    const std::lock_guard lock(mutex);
+    const qelnk::Lock lock(mutex);
     stop(timer, number);
-    timer = RunLoop::current()->performAfter(
+    this->*timer = RunLoop::current()->performAfter(
         nanoseconds(seconds),
-        [this, client, work, &number, mine = number] {
+        [this, client, work, number, mine = this->*number] {
           const auto self = std::static_pointer_cast<QELNKLegacyClient>(client.lock());
           if (self && get(number) == mine) (*self.*work)();
         },
@@ -132,7 +138,7 @@ std::shared_ptr<QELNKLegacyClient> QELNKLegacyClient::create(std::shared_ptr<Net
   auto client = own(new QELNKLegacyClient);
   client->setOptions(options);
   client->setDelegate(std::move(delegate));
-  client->clientState_->attemptIPv4Fallback = true;
+  client->clientState_->set(&ClientState::attemptIPv4Fallback, true);
   client->takeNetService(std::move(netService));
   return client;
 }
@@ -158,14 +164,14 @@ void QELNKLegacyClient::cleanUp() {
   disconnect();
   std::shared_ptr<NetService> service;
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     service.swap(clientState_->netService);
   }
   if (service) {
     service->setDelegate({});
     service->stop();
   }
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   clientState_->host.clear();
   clientState_->name.clear();
   clientState_->serviceTXTRecordData.clear();
@@ -205,7 +211,7 @@ Value QELNKLegacyClient::defaultIngestOptions() {
 
 void QELNKLegacyClient::setOptions(const Value &options) {
   QELNKLegacyStream::setOptions(options);
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   const auto seconds = [&](std::string_view key, double &field) {
     if (const Value *value = options.find(key); value && value->isNumber()) field = value->doubleValue();
   };
@@ -236,7 +242,7 @@ void QELNKLegacyClient::_connect() { _connectToHost(host()); }
 
 void QELNKLegacyClient::_connectToHost(const std::string &host) {
   const auto connectError = [&]() -> std::optional<ConnectError> {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     if (clientState_->isCancelled) {
       logDefault("{} wants to connect, but cancelled", description());
       return std::nullopt;
@@ -248,9 +254,9 @@ void QELNKLegacyClient::_connectToHost(const std::string &host) {
       return alreadyConnected;
     }
     logDefault("{} connecting to {}:{}...", description(), host, clientState_->port);
-    clientState_->stop(clientState_->delayedConnect, clientState_->connectNumber);  // this is it
+    clientState_->stop(&ClientState::delayedConnect, &ClientState::connectNumber);  // this is it
     if (clientState_->connectTimeout > 0)
-      clientState_->start(clientState_->timeoutTimer, clientState_->timeoutNumber, clientState_->connectTimeout, {},
+      clientState_->start(&ClientState::timeoutTimer, &ClientState::timeoutNumber, clientState_->connectTimeout, {},
                           held(), &QELNKLegacyClient::timeoutReached);
     const auto streams = streamsToHost(host, clientState_->port);
     if (!streams) return noStreams;
@@ -275,19 +281,19 @@ void QELNKLegacyClient::connectFailedWithError(int64_t error) {
 }
 
 bool QELNKLegacyClient::willRetryConnect() const {
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   return clientState_->retryAttempts < clientState_->maxRetryAttempts && clientState_->connected;
 }
 
 void QELNKLegacyClient::retryConnect() {
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   if (!willRetryConnect()) return logDefault("{} want to retry connection, but too many attempts", description());
   ++clientState_->retryAttempts;
   connectAfter(clientState_->autoRetryInterval);
 }
 
 void QELNKLegacyClient::reconnect() {
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   if (!clientState_->attemptReconnect || !clientState_->connected) return;
   clientState_->isReconnecting = true;
   connectAfter(clientState_->autoReconnectDelay);
@@ -296,7 +302,7 @@ void QELNKLegacyClient::reconnect() {
 /// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a
 /// time.
 void QELNKLegacyClient::connectAfter(double seconds) {
-  clientState_->start(clientState_->delayedConnect, clientState_->connectNumber, seconds, {}, held(),
+  clientState_->start(&ClientState::delayedConnect, &ClientState::connectNumber, seconds, {}, held(),
                       &QELNKLegacyClient::delayedConnect, static_cast<const QELNKLegacyStream *>(this));
 }
 
@@ -307,14 +313,15 @@ void QELNKLegacyClient::delayedConnect() {
 
 /// A service that was resolved may have moved; the owner may have set another host, too.
 void QELNKLegacyClient::followService() {
-  const std::lock_guard lock(clientState_->mutex);
-  const auto &service = clientState_->netService;
+  const qelnk::Lock lock(clientState_->mutex);
+  const auto service = clientState_->netService;
   const bool isTheServices =
       clientState_->host == clientState_->resolvedHost && clientState_->port == clientState_->resolvedPort;
   if (service && isTheServices && !service->hostName().empty()) takeAddress(*service);
 }
 
 void QELNKLegacyClient::takeAddress(const NetService &service) {
+  const qelnk::Lock lock(clientState_->mutex);
   clientState_->host = clientState_->resolvedHost = service.hostName();
   clientState_->port = clientState_->resolvedPort = service.port();
 }
@@ -326,20 +333,20 @@ void QELNKLegacyClient::timeoutReached() {
 }
 
 void QELNKLegacyClient::cancelTimeoutTimer() {
-  clientState_->stop(clientState_->timeoutTimer, clientState_->timeoutNumber);
+  clientState_->stop(&ClientState::timeoutTimer, &ClientState::timeoutNumber);
 }
 
 void QELNKLegacyClient::cancelConnectAttempt() {
-  clientState_->set(clientState_->isCancelled, true);
+  clientState_->set(&ClientState::isCancelled, true);
   _disconnect();
 }
 
 void QELNKLegacyClient::disconnect() {
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     clientState_->connected = false;
     clientState_->isReconnecting = false;
-    clientState_->stop(clientState_->delayedConnect, clientState_->connectNumber);
+    clientState_->stop(&ClientState::delayedConnect, &ClientState::connectNumber);
   }
   QELNKLegacyStream::disconnect();
 }
@@ -373,12 +380,12 @@ void QELNKLegacyClient::informDelegateStreamIsReady() {
   cancelTimeoutTimer();
   startHeartbeatMonitor();
   informClientIsReady();
-  clientState_->set(clientState_->retryAttempts, int64_t(0));
+  clientState_->set(&ClientState::retryAttempts, int64_t(0));
 }
 
 void QELNKLegacyClient::informDelegateStreamWasTerminated() {
   _disconnect();
-  if (!clientState_->get(clientState_->isReconnecting))
+  if (!clientState_->get(&ClientState::isReconnecting))
     informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, auto *delegate) {
       delegate->networkClientWasTerminated(client, willReconnect);
     });
@@ -388,7 +395,7 @@ void QELNKLegacyClient::informDelegateStreamWasTerminated() {
 /// The first sign of life after a reconnect, which may come before the handshake is complete.
 void QELNKLegacyClient::informReconnected() {
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     if (!std::exchange(clientState_->isReconnecting, false)) return;
   }
   informClient(false, 0, [](const auto &client, auto *delegate) {
@@ -417,7 +424,7 @@ void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTime
   informReconnected();
   bool cameBack = false;
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     clientState_->lastHeartbeat = wallTime();
     cameBack = std::exchange(clientState_->heartbeatNotifiedProblem, false);
   }
@@ -440,7 +447,7 @@ void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailedWithErr
 void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr<ByteStream> &stream) {
   std::shared_ptr<NetService> service;
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     if (std::exchange(clientState_->attemptIPv4Fallback, false)) service = clientState_->netService;
   }
   if (service) {
@@ -460,7 +467,7 @@ void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr
 
 void QELNKLegacyClient::startHeartbeatMonitor() {
   cancelHeartbeatMonitor();
-  const std::lock_guard lock(clientState_->mutex);
+  const qelnk::Lock lock(clientState_->mutex);
   if (!(clientState_->heartbeatDisconnectTimeout < 0 && clientState_->heartbeatProblemTimeout < 0)) return;
   const auto input = inputStream();
   if (!input) return;  // disconnected meanwhile
@@ -468,15 +475,15 @@ void QELNKLegacyClient::startHeartbeatMonitor() {
   clientState_->heartbeatInput = input;
   clientState_->lastHeartbeat = wallTime();
   clientState_->heartbeatNotifiedProblem = false;
-  clientState_->start(clientState_->heartbeatTimer, clientState_->heartbeatNumber,
+  clientState_->start(&ClientState::heartbeatTimer, &ClientState::heartbeatNumber,
                       std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval, held(),
                       &QELNKLegacyClient::heartbeatMonitorTask);
 }
 
 void QELNKLegacyClient::cancelHeartbeatMonitor() {
   if (logsHeartbeatMonitor()) logDefault("Cancelling heartbeat monitor");
-  const std::lock_guard lock(clientState_->mutex);
-  clientState_->stop(clientState_->heartbeatTimer, clientState_->heartbeatNumber);
+  const qelnk::Lock lock(clientState_->mutex);
+  clientState_->stop(&ClientState::heartbeatTimer, &ClientState::heartbeatNumber);
   clientState_->lastHeartbeatCheck.reset();
 }
 
@@ -484,12 +491,12 @@ void QELNKLegacyClient::heartbeatMonitorTask() {
   if (logsHeartbeatMonitor()) logDefault("Heartbeat monitor");
   const auto input = inputStream();
   // Disconnected while it was being started.
-  if (!input || input != clientState_->get(clientState_->heartbeatInput).lock()) return cancelHeartbeatMonitor();
+  if (!input || input != clientState_->get(&ClientState::heartbeatInput).lock()) return cancelHeartbeatMonitor();
   if (input->hasBytesAvailable()) return;  // the heartbeat may be among them
   const double now = wallTime();
   bool isLost = false, isOver = false;
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     const auto previous = std::exchange(clientState_->lastHeartbeatCheck, now);
     if (previous && logsHeartbeatMonitor()) logDefault("Heartbeat last check at {}", *previous);
     if (previous && *previous - now > clockSetBack) return;
@@ -516,13 +523,13 @@ void QELNKLegacyClient::setNetService(std::shared_ptr<NetService> netService) {
 }
 
 void QELNKLegacyClient::takeNetService(std::shared_ptr<NetService> netService) {
-  const auto before = clientState_->get(clientState_->netService);
+  const auto before = clientState_->get(&ClientState::netService);
   if (before && before != netService) {
     before->setDelegate({});
     before->stop();
   }
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     clientState_->netService = netService;
     clientState_->name = netService ? netService->name() : "";
   }
@@ -535,7 +542,7 @@ void QELNKLegacyClient::takeNetService(std::shared_ptr<NetService> netService) {
 
 void QELNKLegacyClient::netServiceDidResolveAddress(const std::shared_ptr<NetService> &service) {
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     if (service != clientState_->netService) return;
     logDefault("Resolved net service {}", service->name());
     if (isReady() && service->hostName() == clientState_->host && service->port() == clientState_->port) return;
@@ -551,7 +558,7 @@ void QELNKLegacyClient::netServiceDidNotResolve(const std::shared_ptr<NetService
 void QELNKLegacyClient::netServiceDidUpdateTXTRecordData(const std::shared_ptr<NetService> &service,
                                                          const std::string &data) {
   {
-    const std::lock_guard lock(clientState_->mutex);
+    const qelnk::Lock lock(clientState_->mutex);
     if (service != clientState_->netService) return;
     clientState_->serviceTXTRecordData = Data(data);
     clientState_->serviceTXTRecordDictionary = NetService::dictionaryFromTXTRecordData(data);
@@ -562,49 +569,49 @@ void QELNKLegacyClient::netServiceDidUpdateTXTRecordData(const std::shared_ptr<N
 
 // --- Properties ---
 
-bool QELNKLegacyClient::isConnected() const { return clientState_->get(clientState_->connected); }
-void QELNKLegacyClient::setConnected(bool connected) { clientState_->set(clientState_->connected, connected); }
+bool QELNKLegacyClient::isConnected() const { return clientState_->get(&ClientState::connected); }
+void QELNKLegacyClient::setConnected(bool connected) { clientState_->set(&ClientState::connected, connected); }
 std::shared_ptr<NetService> QELNKLegacyClient::netService() const {
-  return clientState_->get(clientState_->netService);
+  return clientState_->get(&ClientState::netService);
 }
-std::string QELNKLegacyClient::name() const { return clientState_->get(clientState_->name); }
-void QELNKLegacyClient::setName(std::string name) { clientState_->set(clientState_->name, std::move(name)); }
-std::string QELNKLegacyClient::host() const { return clientState_->get(clientState_->host); }
-void QELNKLegacyClient::setHost(std::string host) { clientState_->set(clientState_->host, std::move(host)); }
-uint64_t QELNKLegacyClient::port() const { return clientState_->get(clientState_->port); }
-void QELNKLegacyClient::setPort(uint64_t port) { clientState_->set(clientState_->port, port); }
-double QELNKLegacyClient::connectTimeout() const { return clientState_->get(clientState_->connectTimeout); }
+std::string QELNKLegacyClient::name() const { return clientState_->get(&ClientState::name); }
+void QELNKLegacyClient::setName(std::string name) { clientState_->set(&ClientState::name, std::move(name)); }
+std::string QELNKLegacyClient::host() const { return clientState_->get(&ClientState::host); }
+void QELNKLegacyClient::setHost(std::string host) { clientState_->set(&ClientState::host, std::move(host)); }
+uint64_t QELNKLegacyClient::port() const { return clientState_->get(&ClientState::port); }
+void QELNKLegacyClient::setPort(uint64_t port) { clientState_->set(&ClientState::port, port); }
+double QELNKLegacyClient::connectTimeout() const { return clientState_->get(&ClientState::connectTimeout); }
 void QELNKLegacyClient::setConnectTimeout(double seconds) {
-  clientState_->set(clientState_->connectTimeout, seconds < 0 ? 10.0 : seconds);
+  clientState_->set(&ClientState::connectTimeout, seconds < 0 ? 10.0 : seconds);
 }
-bool QELNKLegacyClient::attemptReconnect() const { return clientState_->get(clientState_->attemptReconnect); }
-void QELNKLegacyClient::setAttemptReconnect(bool flag) { clientState_->set(clientState_->attemptReconnect, flag); }
-double QELNKLegacyClient::autoReconnectDelay() const { return clientState_->get(clientState_->autoReconnectDelay); }
+bool QELNKLegacyClient::attemptReconnect() const { return clientState_->get(&ClientState::attemptReconnect); }
+void QELNKLegacyClient::setAttemptReconnect(bool flag) { clientState_->set(&ClientState::attemptReconnect, flag); }
+double QELNKLegacyClient::autoReconnectDelay() const { return clientState_->get(&ClientState::autoReconnectDelay); }
 void QELNKLegacyClient::setAutoReconnectDelay(double seconds) {
-  clientState_->set(clientState_->autoReconnectDelay, seconds);
+  clientState_->set(&ClientState::autoReconnectDelay, seconds);
 }
-double QELNKLegacyClient::autoRetryInterval() const { return clientState_->get(clientState_->autoRetryInterval); }
+double QELNKLegacyClient::autoRetryInterval() const { return clientState_->get(&ClientState::autoRetryInterval); }
 void QELNKLegacyClient::setAutoRetryInterval(double seconds) {
-  clientState_->set(clientState_->autoRetryInterval, seconds < 0 ? 1.0 : seconds);
+  clientState_->set(&ClientState::autoRetryInterval, seconds < 0 ? 1.0 : seconds);
 }
-int64_t QELNKLegacyClient::maxRetryAttempts() const { return clientState_->get(clientState_->maxRetryAttempts); }
-void QELNKLegacyClient::setMaxRetryAttempts(int64_t count) { clientState_->set(clientState_->maxRetryAttempts, count); }
-int64_t QELNKLegacyClient::retryAttempts() const { return clientState_->get(clientState_->retryAttempts); }
+int64_t QELNKLegacyClient::maxRetryAttempts() const { return clientState_->get(&ClientState::maxRetryAttempts); }
+void QELNKLegacyClient::setMaxRetryAttempts(int64_t count) { clientState_->set(&ClientState::maxRetryAttempts, count); }
+int64_t QELNKLegacyClient::retryAttempts() const { return clientState_->get(&ClientState::retryAttempts); }
 double QELNKLegacyClient::heartbeatDisconnectTimeout() const {
-  return clientState_->get(clientState_->heartbeatDisconnectTimeout);
+  return clientState_->get(&ClientState::heartbeatDisconnectTimeout);
 }
 void QELNKLegacyClient::setHeartbeatDisconnectTimeout(double seconds) {
-  clientState_->set(clientState_->heartbeatDisconnectTimeout, seconds);
+  clientState_->set(&ClientState::heartbeatDisconnectTimeout, seconds);
 }
 double QELNKLegacyClient::heartbeatProblemTimeout() const {
-  return clientState_->get(clientState_->heartbeatProblemTimeout);
+  return clientState_->get(&ClientState::heartbeatProblemTimeout);
 }
 void QELNKLegacyClient::setHeartbeatProblemTimeout(double seconds) {
-  clientState_->set(clientState_->heartbeatProblemTimeout, seconds);
+  clientState_->set(&ClientState::heartbeatProblemTimeout, seconds);
 }
-Data QELNKLegacyClient::serviceTXTRecordData() const { return clientState_->get(clientState_->serviceTXTRecordData); }
+Data QELNKLegacyClient::serviceTXTRecordData() const { return clientState_->get(&ClientState::serviceTXTRecordData); }
 qelnk::TXTRecordDictionary QELNKLegacyClient::serviceTXTRecordDictionary() const {
-  return clientState_->get(clientState_->serviceTXTRecordDictionary);
+  return clientState_->get(&ClientState::serviceTXTRecordDictionary);
 }
 std::shared_ptr<QELNKLegacyClientDelegate> QELNKLegacyClient::delegate() const {
   return std::dynamic_pointer_cast<QELNKLegacyClientDelegate>(QELNKLegacyStream::delegate());

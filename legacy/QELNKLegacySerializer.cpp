@@ -23,13 +23,13 @@ QELNKLegacySerializer::QELNKLegacySerializer(std::shared_ptr<QELNKLegacyStream> 
 QELNKLegacySerializer::~QELNKLegacySerializer() { cancel(); }
 
 void QELNKLegacySerializer::writeString(const std::string &string) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   if (streamThread_)
     streamThread_->thread.runLoop()->perform([stream = stream_, string] { stream->writeString(string); });
 }
 
 void QELNKLegacySerializer::writeData(const Data &data) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   if (streamThread_) streamThread_->thread.runLoop()->perform([stream = stream_, data] { stream->writeData(data); });
 }
 
@@ -37,7 +37,7 @@ void QELNKLegacySerializer::cancel() {
   RunLoop::current()->cancelPerforms(stream_.get());
   std::unique_ptr<StreamThread> ending;
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     ending.swap(streamThread_);
   }
   if (!ending) return;

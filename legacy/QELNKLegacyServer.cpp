@@ -1,8 +1,8 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKLegacyServer.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
 #include "legacy/LegacyStreamState.h"
@@ -32,20 +32,20 @@ using Streams = std::vector<std::shared_ptr<QELNKLegacyStream>>;
 struct QELNK_HIDDEN QELNKLegacyServer::State {
   std::weak_ptr<QELNKLegacyServer> held;
   /// The server's lock, re-entrant: taken for each write to all, so that all connections get the same order.
-  mutable std::recursive_mutex mutex;
-  std::unique_ptr<ListeningSocket> ipv4Socket, ipv6Socket;
-  std::optional<Streams> terminatedStreams;  // there while a write to all runs
-  uint16_t port = 0;
-  uint32_t bindingIPAddress = 0;
-  std::weak_ptr<QELNKLegacyServerDelegate> delegate;
-  Streams streams;
-  std::string name;
-  Value streamOptions;
+  mutable qelnk::RecursiveMutex mutex;
+  std::unique_ptr<ListeningSocket> ipv4Socket QELNK_GUARDED_BY(mutex), ipv6Socket QELNK_GUARDED_BY(mutex);
+  std::optional<Streams> terminatedStreams QELNK_GUARDED_BY(mutex);  // there while a write to all runs
+  uint16_t port QELNK_GUARDED_BY(mutex) = 0;
+  uint32_t bindingIPAddress QELNK_GUARDED_BY(mutex) = 0;
+  std::weak_ptr<QELNKLegacyServerDelegate> delegate QELNK_GUARDED_BY(mutex);
+  Streams streams QELNK_GUARDED_BY(mutex);
+  std::string name QELNK_GUARDED_BY(mutex);
+  Value streamOptions QELNK_GUARDED_BY(mutex);
 
   template <class Field>
-  Field locked(const Field &field) const {
-    const std::lock_guard lock(mutex);
-    return field;
+  Field locked(Field State::*field) const {
+    const qelnk::Lock lock(mutex);
+    return this->*field;
   }
 };
 
@@ -74,6 +74,7 @@ std::shared_ptr<QELNKLegacyServer> QELNKLegacyServer::create(std::string name, u
 /// Makes both sockets listen on `port`. Returns 0, or the code of what failed, for `reason`.
 int64_t QELNKLegacyServer::listen(uint16_t port, std::error_code &reason) {
   using Family = ListeningSocket::Family;
+  const qelnk::Lock lock(state_->mutex);
   state_->ipv4Socket = ListeningSocket::create(Family::ipv4, reason);
   state_->ipv6Socket = state_->ipv4Socket ? ListeningSocket::create(Family::ipv6, reason) : nullptr;
   if (!state_->ipv6Socket) return noSocket;
@@ -87,7 +88,7 @@ int64_t QELNKLegacyServer::listen(uint16_t port, std::error_code &reason) {
 }
 
 bool QELNKLegacyServer::start(Error *error) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (state_->ipv4Socket) {
     logError("QELNKLegacyServer listens already, on port {}", state_->port);
     return true;
@@ -114,7 +115,7 @@ bool QELNKLegacyServer::start(Error *error) {
 
 bool QELNKLegacyServer::returnWithErrorCode(int64_t code, const std::error_code &reason, Error *error) {
   if (error) *error = {QELNKTCPServerErrorDomain, code, reason.message(), {}};
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->ipv4Socket.reset();
   state_->ipv6Socket.reset();
   return false;
@@ -125,7 +126,7 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
   if (!streams) return;
   logDefault("Got streams");
   // Under the lock throughout: the connection may end, and is to be taken off the list, before it is on it.
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (!state_->ipv4Socket) return;  // stopped meanwhile
   const auto stream = QELNKLegacyStream::create(state_->streamOptions);
   const Value *own = state_->streamOptions.find("multiThreaded");
@@ -139,7 +140,7 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
 void QELNKLegacyServer::stop() {
   Streams streams;  // these go after the lock: that waits for their threads
   std::unique_ptr<ListeningSocket> ipv4Socket, ipv6Socket;
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   streams.swap(state_->streams);
   state_->terminatedStreams.reset();
   state_->name.clear();
@@ -152,7 +153,7 @@ void QELNKLegacyServer::stop() {
 template <class Write>
 void QELNKLegacyServer::writeToAll(Write write) {
   Streams terminated;  // goes after the lock
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->terminatedStreams.emplace();
   {
     const QELNKLegacyStream::State::FlushesTogether flushes;
@@ -226,7 +227,7 @@ void QELNKLegacyServer::networkStreamIsReady(const std::shared_ptr<QELNKLegacySt
 
 void QELNKLegacyServer::networkStreamWasTerminated(const std::shared_ptr<QELNKLegacyStream> &stream) {
   inform([&](auto &observer, const auto &self) { observer.networkServiceNetworkStreamWasTerminated(self, stream); });
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (state_->terminatedStreams)
     state_->terminatedStreams->push_back(stream);
   else
@@ -235,31 +236,31 @@ void QELNKLegacyServer::networkStreamWasTerminated(const std::shared_ptr<QELNKLe
 
 // --- Properties ---
 
-uint16_t QELNKLegacyServer::port() const { return state_->locked(state_->port); }
-std::string QELNKLegacyServer::name() const { return state_->locked(state_->name); }
-uint32_t QELNKLegacyServer::bindingIPAddress() const { return state_->locked(state_->bindingIPAddress); }
+uint16_t QELNKLegacyServer::port() const { return state_->locked(&State::port); }
+std::string QELNKLegacyServer::name() const { return state_->locked(&State::name); }
+uint32_t QELNKLegacyServer::bindingIPAddress() const { return state_->locked(&State::bindingIPAddress); }
 
 void QELNKLegacyServer::setBindingIPAddress(uint32_t address) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->bindingIPAddress = address;
 }
 
-Value QELNKLegacyServer::streamOptions() const { return state_->locked(state_->streamOptions); }
+Value QELNKLegacyServer::streamOptions() const { return state_->locked(&State::streamOptions); }
 
 void QELNKLegacyServer::setStreamOptions(const Value &options) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->streamOptions = options;
 }
 
 std::vector<std::shared_ptr<QELNKLegacyStream>> QELNKLegacyServer::streams() const {
-  return state_->locked(state_->streams);
+  return state_->locked(&State::streams);
 }
 
 std::shared_ptr<QELNKLegacyServerDelegate> QELNKLegacyServer::delegate() const {
-  return state_->locked(state_->delegate).lock();
+  return state_->locked(&State::delegate).lock();
 }
 
 void QELNKLegacyServer::setDelegate(std::weak_ptr<QELNKLegacyServerDelegate> delegate) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->delegate.swap(delegate);
 }

@@ -1,6 +1,5 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKLegacyService.h>
-
-#include <mutex>
 
 #include "legacy/LocalHost.h"
 #include "platform/LogFormat.h"
@@ -10,9 +9,9 @@ using qelnk::NetService;
 using qelnk::Value;
 
 struct QELNK_HIDDEN QELNKLegacyService::ServiceState {
-  mutable std::mutex mutex;
-  std::string domain, type;
-  std::shared_ptr<NetService> netService;
+  mutable qelnk::Mutex mutex;
+  std::string domain QELNK_GUARDED_BY(mutex), type QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<NetService> netService QELNK_GUARDED_BY(mutex);
 };
 
 QELNKLegacyService::QELNKLegacyService(std::string domain, std::string type, std::string name, uint16_t port,
@@ -37,7 +36,7 @@ bool QELNKLegacyService::start(qelnk::Error *error) {
   if (error) *error = {};
   std::shared_ptr<NetService> service;
   {
-    const std::lock_guard lock(serviceState_->mutex);
+    const qelnk::Lock lock(serviceState_->mutex);
     if (serviceState_->type.empty() || serviceState_->netService) return true;
     const std::string given = name();
     service = NetService::create(serviceState_->domain, serviceState_->type,
@@ -53,7 +52,7 @@ bool QELNKLegacyService::start(qelnk::Error *error) {
 void QELNKLegacyService::stop() {
   std::shared_ptr<NetService> service;
   {
-    const std::lock_guard lock(serviceState_->mutex);
+    const qelnk::Lock lock(serviceState_->mutex);
     service = std::exchange(serviceState_->netService, nullptr);
     serviceState_->domain.clear();
     serviceState_->type.clear();
@@ -71,7 +70,7 @@ void QELNKLegacyService::setTXTRecordDictionary(const qelnk::TXTRecordDictionary
 }
 
 std::shared_ptr<NetService> QELNKLegacyService::netService() const {
-  const std::lock_guard lock(serviceState_->mutex);
+  const qelnk::Lock lock(serviceState_->mutex);
   return serviceState_->netService;
 }
 

@@ -100,7 +100,7 @@ std::string QELNKLegacyStream::connectAppID() { return "com.kestrova.connect"; }
 uint64_t QELNKLegacyStream::loggingMask() { return theLoggingMask; }
 void QELNKLegacyStream::setLoggingMask(uint64_t mask) { theLoggingMask = mask; }
 
-Value QELNKLegacyStream::options() const { return state_->locked(state_->options); }
+Value QELNKLegacyStream::options() const { return state_->locked(&State::options); }
 
 void QELNKLegacyStream::setOptions(const Value &options) {
   const auto number = [&](std::string_view key) {
@@ -111,7 +111,7 @@ void QELNKLegacyStream::setOptions(const Value &options) {
     const Value *value = options.find(key);
     return value && value->isBool() ? std::optional(value->boolValue()) : std::nullopt;
   };
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (const auto *size = number("writeSize")) state_->maximumWriteSize = size->unsignedValue();
   if (const auto own = flag("multiThreaded")) {
     const bool hasIt = state_->thread && state_->thread->isCancellable() == *own;
@@ -168,7 +168,7 @@ std::shared_ptr<QELNKLegacyStream> QELNKLegacyStream::networkStreamWithInputStre
 
 void QELNKLegacyStream::dealloc() {
   _disconnect();
-  for (const auto &thread : state_->replacedThreads) thread->cancel();
+  for (const auto &thread : state_->locked(&State::replacedThreads)) thread->cancel();
   if (const auto thread = this->thread()) thread->cancel();
 }
 
@@ -176,7 +176,8 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
                                        std::shared_ptr<OutputStream> outputStream) {
   std::shared_ptr<ByteStream> droppedInput, droppedOutput;  // go after the lock
   {
-    const std::scoped_lock lock(state_->mutex, state_->readMutex);
+    const qelnk::Lock lock(state_->mutex);
+    const qelnk::Lock reading(state_->readMutex);
     state_->dropConnection();
     state_->incoming.setLimits(state_->limits);
     state_->handledCloseError = false;  // of this connection nothing has been handled
@@ -219,7 +220,8 @@ void QELNKLegacyStream::_disconnect() {
   std::shared_ptr<ByteStream> input, output;
   std::shared_ptr<QELNKLegacyStreamThread> thread;
   {
-    const std::scoped_lock lock(state_->mutex, state_->readMutex);
+    const qelnk::Lock lock(state_->mutex);
+    const qelnk::Lock reading(state_->readMutex);
     input = std::exchange(state_->input, nullptr);
     output = std::exchange(state_->output, nullptr);
     thread = std::exchange(state_->connectionThread, nullptr);
@@ -227,17 +229,16 @@ void QELNKLegacyStream::_disconnect() {
   }
   State::close(thread, input);
   State::close(thread, output);
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (!state_->input && !state_->output) state_->status = 0;  // what an event that was under way has set
 }
 
 /// The thread of the connection, or of the next one.
 std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::State::servingThread() const {
-  const std::lock_guard lock(mutex);
+  const qelnk::Lock lock(mutex);
   return connectionThread ? connectionThread : thread;
 }
 
-/// Under both locks.
 void QELNKLegacyStream::State::dropConnection() {
   ++connections;
   incoming.clear();
@@ -252,7 +253,7 @@ void QELNKLegacyStream::State::dropConnection() {
 /// Queues the bytes, or `shared` by reference, which are the same.
 bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shared, bool terminated,
                               bool ignoringStatus) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (!bytes || state_->handledCloseError || (!ignoringStatus && !isReady())) return false;
   const std::span<const uint8_t> span(static_cast<const uint8_t *>(bytes), length);
   if (logs(logOutgoing)) logOutgoingBytes({static_cast<const char *>(bytes), length});
@@ -272,7 +273,7 @@ bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shar
   return true;
 }
 
-/// Under the lock. Returns whether the connection's thread will flush.
+/// Returns whether the connection's thread will flush.
 bool QELNKLegacyStream::State::requestFlush() {
   if (auto *together = FlushesTogether::here()) {
     together->add(connectionThread, held);
@@ -307,7 +308,7 @@ void QELNKLegacyStream::State::FlushesTogether::request() {
     logError("QELNKLegacyStream has no memory to have written; the next write will try again");
     for (const auto &stream : streams_)
       if (const auto self = stream.lock()) {
-        const std::lock_guard lock(self->state_->mutex);
+        const qelnk::Lock lock(self->state_->mutex);
         self->state_->flushScheduled = false;
       }
   }
@@ -334,7 +335,7 @@ bool QELNKLegacyStream::writeData(const Data &data) {
 }
 
 bool QELNKLegacyStream::writeBinaryData(const Data &data, const std::string &contentType, bool fenced) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (fenced && state_->dataFence != 0) {
     logDefault("Data fence: dropping binary data with content {} and length {}", contentType, data.size());
     return false;
@@ -354,11 +355,11 @@ bool QELNKLegacyStream::flushOutput() { return state_->flush(nullptr); }
 
 /// With the stream that has told of space, what comes of it is noted before anybody can queue more.
 bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
-  const std::lock_guard flushing(flushMutex);
-  std::unique_lock lock(mutex);
+  const qelnk::Lock flushing(flushMutex);
+  qelnk::Lock lock(mutex);
   if (withSpace && withSpace != output.get()) return false;  // of an earlier connection
   if (!withSpace) flushScheduled = false;
-  const auto result = [&](bool flushed) {
+  const auto result = [&](bool flushed) QELNK_REQUIRES(mutex) {
     if (withSpace) missedSpaceEvent = !flushed;
     return flushed;
   };
@@ -389,12 +390,13 @@ bool QELNKLegacyStream::State::flush(const ByteStream *withSpace) {
 }
 
 uint64_t QELNKLegacyStream::outgoingLength() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->outgoing.size();
 }
 
 void QELNKLegacyStream::queueHandshake() {
   constexpr std::string_view handshake("handshake\0", 10);
+  const qelnk::Lock lock(state_->mutex);
   if (state_->appID.empty()) logError("QELNKLegacyStream has no application ID for its handshake");
   writeBytes(handshake.data(), handshake.size(), false, true);
   for (const std::string &message : {hostMessage(), ipv4Message(), "appID " + state_->appID})
@@ -412,7 +414,7 @@ void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
   if (!condition || (state_->status & bit)) return;
   std::shared_ptr<ByteStream> input, output;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     auto &status = state_->status;
     if (status & bit) return;
     status |= bit;
@@ -437,7 +439,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
   const auto self = held();
   bool isInput = false, isOutput = false;
   if (stream) {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     isInput = stream == state_->input;
     isOutput = stream == state_->output;
   }
@@ -465,7 +467,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       if (state_->handledCloseError.exchange(true)) break;
       const std::error_code error = stream ? stream->error() : std::error_code();
       {
-        const std::lock_guard lock(state_->mutex);
+        const qelnk::Lock lock(state_->mutex);
         state_->connectionError = error;
       }
       if (error == std::errc::connection_refused) return informDelegateConnectionRefused();
@@ -527,7 +529,7 @@ bool QELNKLegacyStream::State::readAll(QELNKLegacyStream &stream, InputStream &f
     if (count < 0) return false;
     try {
       {
-        const std::lock_guard lock(readMutex);
+        const qelnk::Lock lock(readMutex);
         if (connections != connection) return true;
         incoming.append({chunk.data(), size_t(count)});
       }
@@ -558,7 +560,7 @@ bool QELNKLegacyStream::State::receiveSome(QELNKLegacyStream &stream, Messages &
   size_t count = 0;
   bool goesOn = true;
   {
-    const std::lock_guard lock(readMutex);
+    const qelnk::Lock lock(readMutex);
     while (goesOn && count < messagesAtOnce) {
       if (count == messages.size()) messages.emplace_back();
       if (!(goesOn = incoming.next(messages[count]))) break;
@@ -574,7 +576,7 @@ bool QELNKLegacyStream::State::receiveSome(QELNKLegacyStream &stream, Messages &
 void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::value_type &message) {
   using Kind = IncomingMessages::Kind;
   const auto remember = [&](std::optional<std::string> State::*field, std::optional<std::string> text) {
-    const std::lock_guard lock(mutex);
+    const qelnk::Lock lock(mutex);
     (*this).*field = std::move(text);
   };
   if (logs(logIncoming) && message.kind != Kind::binary) logIncomingString(message.string);
@@ -628,7 +630,7 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
 
 /// The length of the block that is being received, and how many bytes are buffered.
 std::pair<uint64_t, uint64_t> QELNKLegacyStream::State::incomingState() {
-  const std::lock_guard lock(readMutex);
+  const qelnk::Lock lock(readMutex);
   return {incoming.binaryDataPending(), incoming.buffered()};
 }
 
@@ -689,12 +691,12 @@ void QELNKLegacyStream::handleAddressNotAvailableForStream(const std::shared_ptr
 
 // --- Properties ---
 
-uint64_t QELNKLegacyStream::droppedLength() const { return state_->locked(state_->droppedLength); }
-std::error_code QELNKLegacyStream::connectionError() const { return state_->locked(state_->connectionError); }
-uint64_t QELNKLegacyStream::maximumWriteSize() const { return state_->locked(state_->maximumWriteSize); }
+uint64_t QELNKLegacyStream::droppedLength() const { return state_->locked(&State::droppedLength); }
+std::error_code QELNKLegacyStream::connectionError() const { return state_->locked(&State::connectionError); }
+uint64_t QELNKLegacyStream::maximumWriteSize() const { return state_->locked(&State::maximumWriteSize); }
 
 void QELNKLegacyStream::setMaximumWriteSize(uint64_t size) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->maximumWriteSize = size;
 }
 
@@ -702,26 +704,26 @@ bool QELNKLegacyStream::callDelegateOnMainThread() const { return state_->callDe
 void QELNKLegacyStream::setCallDelegateOnMainThread(bool flag) { state_->callDelegateOnMainThread = flag; }
 
 std::shared_ptr<QELNKLegacyStreamDelegate> QELNKLegacyStream::delegate() const {
-  return state_->locked(state_->delegate).lock();
+  return state_->locked(&State::delegate).lock();
 }
 
 void QELNKLegacyStream::setDelegate(std::weak_ptr<QELNKLegacyStreamDelegate> delegate) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->delegate.swap(delegate);
   ++state_->delegateVersion;
 }
 
-std::any QELNKLegacyStream::context() const { return state_->locked(state_->context); }
+std::any QELNKLegacyStream::context() const { return state_->locked(&State::context); }
 
 void QELNKLegacyStream::setContext(std::any context) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->context.swap(context);
 }
 
-std::string QELNKLegacyStream::appID() const { return state_->locked(state_->appID); }
-std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::thread() const { return state_->locked(state_->thread); }
-std::shared_ptr<InputStream> QELNKLegacyStream::inputStream() const { return state_->locked(state_->input); }
-std::shared_ptr<OutputStream> QELNKLegacyStream::outputStream() const { return state_->locked(state_->output); }
+std::string QELNKLegacyStream::appID() const { return state_->locked(&State::appID); }
+std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::thread() const { return state_->locked(&State::thread); }
+std::shared_ptr<InputStream> QELNKLegacyStream::inputStream() const { return state_->locked(&State::input); }
+std::shared_ptr<OutputStream> QELNKLegacyStream::outputStream() const { return state_->locked(&State::output); }
 
 // --- The peer ---
 
@@ -737,7 +739,7 @@ sockaddr_in6 socketAddressOf(const std::array<uint8_t, 28> &bytes) {
 }  // namespace
 
 std::optional<std::string> QELNKLegacyStream::peerAddress() const {
-  const sockaddr_in6 address = socketAddressOf(state_->locked(state_->peerAddress));
+  const sockaddr_in6 address = socketAddressOf(state_->locked(&State::peerAddress));
   if (address.sin6_family != AF_INET6 && address.sin6_family != AF_INET) return std::nullopt;
   std::array<char, INET6_ADDRSTRLEN> text{};
   const auto *generic = reinterpret_cast<const sockaddr *>(&address);
@@ -747,19 +749,19 @@ std::optional<std::string> QELNKLegacyStream::peerAddress() const {
 }
 
 std::optional<std::string> QELNKLegacyStream::peerIPv4Address() const {
-  if (auto announced = state_->locked(state_->peerIPv4Address)) return announced;
-  return socketAddressOf(state_->locked(state_->peerAddress)).sin6_family == AF_INET ? peerAddress() : std::nullopt;
+  if (auto announced = state_->locked(&State::peerIPv4Address)) return announced;
+  return socketAddressOf(state_->locked(&State::peerAddress)).sin6_family == AF_INET ? peerAddress() : std::nullopt;
 }
 
 uint16_t QELNKLegacyStream::peerPort() const {
-  return socketAddressOf(state_->locked(state_->peerAddress)).sin6_port;  // at the same place for IPv4
+  return socketAddressOf(state_->locked(&State::peerAddress)).sin6_port;  // at the same place for IPv4
 }
 
-std::optional<std::string> QELNKLegacyStream::peerHostName() const { return state_->locked(state_->peerHostName); }
-std::optional<std::string> QELNKLegacyStream::peerAppID() const { return state_->locked(state_->peerAppID); }
+std::optional<std::string> QELNKLegacyStream::peerHostName() const { return state_->locked(&State::peerHostName); }
+std::optional<std::string> QELNKLegacyStream::peerAppID() const { return state_->locked(&State::peerAppID); }
 
 void QELNKLegacyStream::setPeerAddressFromData(const Data &address) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (address.size() == state_->peerAddress.size())
     std::copy(address.begin(), address.end(), state_->peerAddress.begin());
 }

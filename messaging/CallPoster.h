@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKSocket.h>
 #include <QELNetworkKit/Queue.h>
 
@@ -9,7 +10,6 @@
 #include <deque>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <utility>
 #include <vector>
@@ -40,7 +40,7 @@ class CallPoster {
   /// The same for several, which are moved from.
   size_t post(std::weak_ptr<QELNKSocket> endpoint, std::span<Call> calls, Limit limit = {}) {
     if (calls.empty()) return 0;
-    std::unique_lock lock(shared_->mutex);
+    Lock lock(shared_->mutex);
     size_t dropped = 0;
     for (Call &call : calls) {
       shared_->cost += call.cost();
@@ -63,14 +63,14 @@ class CallPoster {
 
   /// Lets no later call share the task of an earlier one: between them something else is posted to the queue.
   void seal() {
-    const std::lock_guard lock(shared_->mutex);
+    const Lock lock(shared_->mutex);
     if (const auto batch = std::exchange(shared_->open, nullptr)) batch->sealed = true;
   }
 
   /// Drops what waits.
   void clear() {
     std::deque<Call> dropped;  // goes after the lock
-    const std::lock_guard lock(shared_->mutex);
+    const Lock lock(shared_->mutex);
     shared_->first += shared_->calls.size();
     shared_->clearedUpTo = shared_->first;
     shared_->cost = 0;
@@ -79,7 +79,7 @@ class CallPoster {
 
   /// How many calls wait.
   size_t waiting() const {
-    const std::lock_guard lock(shared_->mutex);
+    const Lock lock(shared_->mutex);
     return shared_->calls.size() + shared_->takenLeft;
   }
 
@@ -97,11 +97,11 @@ class CallPoster {
   };
   struct Shared {
     std::weak_ptr<Queue> queue;  // it may go with the endpoint
-    std::mutex mutex;            // guards the members down to `open`
-    std::deque<Call> calls;
-    uint64_t first = 0;  // the number of the first of them
-    size_t cost = 0;
-    std::shared_ptr<Batch> open;  // the one that takes more
+    Mutex mutex;
+    std::deque<Call> calls QELNK_GUARDED_BY(mutex);
+    uint64_t first QELNK_GUARDED_BY(mutex) = 0;  // the number of the first of them
+    size_t cost QELNK_GUARDED_BY(mutex) = 0;
+    std::shared_ptr<Batch> open QELNK_GUARDED_BY(mutex);  // the one that takes more
 
     // What a task has taken and is about to call; the queue's own, and of its nested tasks.
     std::vector<Call> taken;
@@ -111,7 +111,7 @@ class CallPoster {
     std::atomic<size_t> takenLeft{0};
     std::atomic<uint64_t> clearedUpTo{0};
 
-    size_t drop(const Limit &limit) {
+    size_t drop(const Limit &limit) QELNK_REQUIRES(mutex) {
       size_t dropped = 0;
       for (; calls.size() > 1 && (calls.size() + takenLeft > limit.calls || cost > limit.cost); ++dropped) {
         cost -= calls.front().cost();
@@ -120,7 +120,7 @@ class CallPoster {
       }
       return dropped;
     }
-    void take(size_t count) {
+    void take(size_t count) QELNK_REQUIRES(mutex) {
       taken.clear();
       next = 0;
       takenFirst = first;
@@ -195,7 +195,7 @@ class CallPoster {
 
   // Takes some calls, unless it is enough for this task's turn. Returns how many there were.
   static size_t take(Shared &shared, const Batch &batch, bool enough) {
-    const std::lock_guard lock(shared.mutex);
+    const Lock lock(shared.mutex);
     const size_t left = shared.first < batch.end ? size_t(batch.end - shared.first) : 0;
     shared.take(enough && !batch.sealed ? 0 : std::min(left, callsTaken));
     return left;

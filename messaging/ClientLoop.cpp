@@ -41,7 +41,7 @@ QELNKClient::Loop::Loop(QELNKClient &client)
   runLoop_->setClock(client.clock());
   client.clock()->attach(runLoop_);  // deadlines are looked at in every pass: a clock moved by hand has to cause one
   state_.loop = this;
-  const std::lock_guard lock(state_.mutex);
+  const qelnk::Lock lock(state_.mutex);
   state_.runLoop = runLoop_;
 }
 
@@ -134,7 +134,7 @@ int QELNKClient::Loop::wantedEvents() {
 // Whether the thread may wait: nothing is left to do, and whoever hands something in from here on wakes it.
 bool QELNKClient::Loop::sleep() {
   if (isEnding() || (messages_.first() && messages_.first()->isEmptyMessage())) return false;
-  const std::lock_guard lock(state_.mutex);
+  const qelnk::Lock lock(state_.mutex);
   if (!state_.inbox.empty()) return false;
   state_.asleep.store(true, std::memory_order_relaxed);
   return true;
@@ -299,7 +299,7 @@ void QELNKClient::Loop::renewSocket() {
 
 void QELNKClient::Loop::takeInbox() {
   {
-    const std::lock_guard lock(state_.mutex);
+    const qelnk::Lock lock(state_.mutex);
     if (state_.inbox.empty()) return;
     taken_.swap(state_.inbox);
   }
@@ -322,7 +322,7 @@ void QELNKClient::Loop::end() {
     takeInbox();
     while (QELNKMessage *message = messages_.first())
       client_.fail(messages_.remove(*message), ENOTCONN, "Client disconnected");
-    const std::lock_guard lock(state_.mutex);
+    const qelnk::Lock lock(state_.mutex);
     if (!state_.inbox.empty()) continue;
     ended = true;
     state_.phase = State::Phase::ended;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKClient.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/RunLoop.h>
@@ -9,7 +10,6 @@
 #include "platform/Semaphore.h"
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -41,15 +41,15 @@ struct QELNK_HIDDEN QELNKClient::State {
 
   explicit State(const std::shared_ptr<qelnk::Queue> &queue) : responses(queue) {}
 
-  mutable std::mutex mutex;  // guards the members down to `port`; the phase may be read without it
-  std::atomic<Phase> phase = Phase::idle;
-  std::vector<Order> inbox;
-  std::shared_ptr<qelnk::RunLoop> runLoop;  // the io thread's, while it runs
-  ConnectedBlock connectedBlock;
-  std::shared_ptr<qelnk::Semaphore> connected;  // for who waits for the connection
-  std::optional<std::chrono::nanoseconds> requestTimeout;
-  std::string host;
-  int32_t port = 0;
+  mutable qelnk::Mutex mutex;
+  std::atomic<Phase> phase = Phase::idle;  // set with the mutex held, read without it too
+  std::vector<Order> inbox QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<qelnk::RunLoop> runLoop QELNK_GUARDED_BY(mutex);  // the io thread's, while it runs
+  ConnectedBlock connectedBlock QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<qelnk::Semaphore> connected QELNK_GUARDED_BY(mutex);  // for who waits for the connection
+  std::optional<std::chrono::nanoseconds> requestTimeout QELNK_GUARDED_BY(mutex);
+  std::string host QELNK_GUARDED_BY(mutex);
+  int32_t port QELNK_GUARDED_BY(mutex) = 0;
 
   // The io thread waits, or is about to: set with the mutex held and the inbox empty. Whoever fills the inbox clears it
   // and wakes the thread, so that a busy thread is never woken.

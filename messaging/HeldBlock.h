@@ -1,9 +1,10 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace qelnk {
@@ -20,14 +21,14 @@ class HeldBlock {
 
   /// For calling it, with no lock held; null when there is none.
   std::shared_ptr<const Block> current() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return block_;
   }
   /// The same, faster, with what the last call left in the lease.
   const Block *current(Lease &lease) const {
     if (lease.version != version_.load(std::memory_order_acquire)) {
       const auto old = std::move(lease.block);  // goes after the lock
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       lease = {block_, version_};
     }
     return lease.block.get();
@@ -38,14 +39,14 @@ class HeldBlock {
   }
   void set(Block block) {
     auto held = block ? std::make_shared<const Block>(std::move(block)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     block_.swap(held);  // the old one goes after the lock
     ++version_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const Block> block_;
+  mutable Mutex mutex_;
+  std::shared_ptr<const Block> block_ QELNK_GUARDED_BY(mutex_);
   std::atomic<uint64_t> version_{1};  // changed with the mutex held
 };
 

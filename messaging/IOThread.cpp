@@ -1,15 +1,15 @@
 #include "messaging/IOThread.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include "platform/Guard.h"
 
-#include <mutex>
-
 struct QELNKSocket::IOThread::Shared {
-  std::mutex mutex;
-  bool ended = false;  // the thread does not use the endpoint any longer
+  qelnk::Mutex mutex;
+  bool ended QELNK_GUARDED_BY(mutex) = false;  // the thread does not use the endpoint any longer
   // What the thread is to destroy at its end, with its own handle, which would wait for it on any other thread.
-  QELNKSocket *abandoned = nullptr;
-  std::shared_ptr<IOThread> self;
+  QELNKSocket *abandoned QELNK_GUARDED_BY(mutex) = nullptr;
+  std::shared_ptr<IOThread> self QELNK_GUARDED_BY(mutex);
 };
 
 namespace {
@@ -33,11 +33,12 @@ void QELNKSocket::IOThread::run(Shared &shared, QELNKSocket *endpoint) {
   qelnk::runGuarded("QELNKSocket io thread", [&] { endpoint->ioThread(); });
   endpoint->closeSocket();
   current.endpoint = nullptr;
-  std::unique_lock lock(shared.mutex);
+  qelnk::Lock lock(shared.mutex);
   shared.ended = true;
   const auto self = std::move(shared.self);
+  const QELNKSocket *const abandoned = shared.abandoned;
   lock.unlock();
-  delete shared.abandoned;
+  delete abandoned;
 }
 
 bool QELNKSocket::IOThread::join(bool waitsForNobody) {
@@ -50,7 +51,7 @@ bool QELNKSocket::IOThread::end(std::shared_ptr<IOThread> thread, QELNKSocket *e
   thread->cancel();
   if (current.isIOThread) {
     const auto shared = thread->shared_;
-    const std::lock_guard lock(shared->mutex);
+    const qelnk::Lock lock(shared->mutex);
     if (!shared->ended) {
       shared->abandoned = endpoint;
       shared->self = std::move(thread);

@@ -41,7 +41,7 @@ void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock o
   std::shared_ptr<qelnk::Semaphore> connected;
   bool refused;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     refused = state_->phase != State::Phase::idle && state_->phase != State::Phase::ended;
     if (!refused) {
       state_->phase = State::Phase::running;
@@ -76,7 +76,7 @@ void QELNKClient::onConnected() { informConnected(); }
 void QELNKClient::informConnected(ConnectedBlock block) {
   std::shared_ptr<qelnk::Semaphore> connected;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     connected = state_->connected;
   }
   state_->responses.seal();
@@ -92,7 +92,7 @@ void QELNKClient::disconnect() {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
   bool idle;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     idle = state_->phase == State::Phase::idle;
     if (state_->phase == State::Phase::running || idle) state_->phase = State::Phase::stopping;
   }
@@ -105,7 +105,7 @@ void QELNKClient::endWithoutThread() {
   std::vector<State::Order> orders;
   std::shared_ptr<qelnk::Semaphore> connected;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     state_->phase = State::Phase::ended;
     orders.swap(state_->inbox);
     connected = state_->connected;
@@ -123,7 +123,7 @@ void QELNKClient::dropConnectedBlock() {
     const auto self = std::static_pointer_cast<QELNKClient>(weak.lock());
     if (!self) return;
     ConnectedBlock dropped;  // goes after the lock
-    const std::lock_guard lock(self->state_->mutex);
+    const qelnk::Lock lock(self->state_->mutex);
     if (self->state_->phase == State::Phase::ended) dropped.swap(self->state_->connectedBlock);
   });
 }
@@ -196,7 +196,7 @@ void QELNKClient::enqueue(std::span<const Message> messages) {
 bool QELNKClient::handIn(std::span<const Message> messages, bool cancel) {
   std::shared_ptr<qelnk::RunLoop> asleep;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     if (state_->phase == State::Phase::ended) return false;
     for (const Message &message : messages) {
       if (!cancel && message->waiter_) message->sync_ = state_->phase != State::Phase::idle;
@@ -223,7 +223,7 @@ void QELNKClient::cancelMessage(const Message &message) {
 
 // Takes a message back that waits for the connection to be started; there is no io thread yet that could do it.
 bool QELNKClient::withdraw(const Message &message) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->phase == State::Phase::idle &&
          std::erase_if(state_->inbox, [&](const State::Order &order) { return order.message == message; }) > 0;
 }
@@ -272,12 +272,12 @@ std::shared_ptr<QELNKMessage> QELNKClient::messageWithIdentifier(int64_t identif
 // Properties.
 
 std::optional<nanoseconds> QELNKClient::requestTimeout() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->requestTimeout;
 }
 
 void QELNKClient::setRequestTimeout(std::optional<nanoseconds> timeout) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->requestTimeout = timeout;
 }
 
@@ -288,26 +288,26 @@ void QELNKClient::setExecuting(bool executing) { state_->executing = executing; 
 size_t QELNKClient::pendingMessages() const { return state_->pending; }
 
 std::string QELNKClient::host() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->host;
 }
 
 int32_t QELNKClient::port() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->port;
 }
 
 QELNKClient::ConnectedBlock QELNKClient::connectedBlock() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->connectedBlock;
 }
 
 void QELNKClient::setConnectedBlock(ConnectedBlock block) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   if (state_->phase != State::Phase::ended) state_->connectedBlock.swap(block);  // what is let go goes after the lock
 }
 
 QELNKClient::ConnectedBlock QELNKClient::takeConnectedBlock() {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return std::exchange(state_->connectedBlock, nullptr);
 }

@@ -1,10 +1,10 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/ZMQContext.h>
 #include <QELNetworkKit/ZMQException.h>
 
 #include <cstdlib>
-#include <mutex>
 
 using qelnk::Queue;
 
@@ -13,9 +13,9 @@ namespace {
 constexpr const char *queueLabel = "com.kestrova.qelnetworkkit.networkcontext";
 
 struct Shared {
-  std::mutex mutex;
-  std::shared_ptr<QELNKContext> context;
-  bool terminated = false;
+  qelnk::Mutex mutex;
+  std::shared_ptr<QELNKContext> context QELNK_GUARDED_BY(mutex);
+  bool terminated QELNK_GUARDED_BY(mutex) = false;
 };
 
 Shared &shared();
@@ -25,7 +25,7 @@ Shared &shared();
 void endUnused() {
   std::shared_ptr<QELNKContext> context;  // goes after the lock
   Shared &state = shared();
-  const std::lock_guard lock(state.mutex);
+  const qelnk::Lock lock(state.mutex);
   if (state.context && state.context.use_count() == 1 && state.context->zmqContext()->sockets().empty())
     context.swap(state.context);
 }
@@ -43,7 +43,7 @@ Shared &shared() {
 
 std::shared_ptr<QELNKContext> QELNKContext::sharedContext() {
   Shared &state = shared();
-  const std::lock_guard lock(state.mutex);
+  const qelnk::Lock lock(state.mutex);
   if (!state.context && !state.terminated)
     state.context =
         std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), Queue::serial(queueLabel), Queue::main());
@@ -58,7 +58,7 @@ std::shared_ptr<QELNKContext> QELNKContext::contextWithBackgroundQueue() {
 void QELNKContext::terminateSharedContext() {
   Shared &state = shared();
   std::shared_ptr<QELNKContext> context;  // goes after the lock
-  const std::lock_guard lock(state.mutex);
+  const qelnk::Lock lock(state.mutex);
   context.swap(state.context);
   state.terminated = true;
 }

@@ -1,3 +1,4 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKMonitor.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/ZMQException.h>
@@ -8,11 +9,9 @@
 #include "platform/Guard.h"
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <future>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -24,8 +23,8 @@ namespace {
 // How many events are kept for a host that does not ask for them.
 constexpr size_t mostEvents = 65536;
 
-std::mutex settingUp;  // one monitor of the process at a time is set up
-int32_t nextIndex = 0;
+qelnk::Mutex settingUp;  // one monitor of the process at a time is set up
+int32_t nextIndex QELNK_GUARDED_BY(settingUp) = 0;
 
 constexpr struct {
   uint32_t mask;
@@ -37,14 +36,14 @@ constexpr struct {
 }  // namespace
 
 struct QELNK_HIDDEN QELNKMonitor::State {
-  std::mutex connecting;  // one connectToSocket() at a time
+  qelnk::Mutex connecting;  // one connectToSocket() at a time
 
-  std::mutex mutex;  // guards the members down to `dropping`
-  std::condition_variable changed;
-  std::deque<uint16_t> events;
-  bool connected = false;
-  uint64_t connection = 0;  // its number
-  bool dropping = false;    // the host has been told
+  qelnk::Mutex mutex;
+  qelnk::Condition changed;
+  std::deque<uint16_t> events QELNK_GUARDED_BY(mutex);
+  bool connected QELNK_GUARDED_BY(mutex) = false;
+  uint64_t connection QELNK_GUARDED_BY(mutex) = 0;  // its number
+  bool dropping QELNK_GUARDED_BY(mutex) = false;    // the host has been told
 
   // What is handed to the io thread at its start, and its own then.
   std::string endpoint;
@@ -72,13 +71,13 @@ int32_t QELNKMonitor::socketType() const { return ZMQ_PAIR; }
 void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, uint32_t events) {
   const auto self = weak_from_this().lock();  // the socket block may drop the last reference before this is over
   if (onMessageThread()) return logError("QELNKMonitor cannot connect on its own io thread");
-  const std::lock_guard lock(state_->connecting);
+  const qelnk::Lock lock(state_->connecting);
   disconnect();
   joinThread(true);
   if (!socket || socket->endPoint().empty())
     return logError("QELNKMonitor cannot connect to a socket without an end-point");
   if (socket->context() != context()) return logError("QELNKMonitor cannot connect to a socket of another context");
-  const std::lock_guard setUp(settingUp);
+  const qelnk::Lock setUp(settingUp);
   state_->endpoint = fmt::format("inproc://monitor.{}", nextIndex++);
   state_->mask = events;
   state_->watched = socket->socket();
@@ -101,19 +100,19 @@ void QELNKMonitor::disconnect() {
 }
 
 bool QELNKMonitor::isConnected() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->connected;
 }
 
 void QELNKMonitor::setConnected(bool connected) {
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     ++state_->connection;
     state_->connected = connected;
     state_->dropping = false;
     state_->events.clear();
   }
-  state_->changed.notify_all();
+  state_->changed.notifyAll();
 }
 
 // The io thread.
@@ -127,10 +126,10 @@ void QELNKMonitor::ioThread() {
     bool stopped = false;
     qelnk::runGuarded("QELNKMonitor io thread", [&] { stopped = readEvents(); });
     {
-      const std::lock_guard lock(state_->mutex);
+      const qelnk::Lock lock(state_->mutex);
       state_->connected = false;  // what has been read can still be asked for
     }
-    state_->changed.notify_all();
+    state_->changed.notifyAll();
     // ZeroMQ's own thread would wait for ever to hand over an event to a socket that has closed, and a watched one that
     // is closing itself cannot be told to stop.
     state_->watched->stopMonitor(state_->endpoint);
@@ -182,7 +181,7 @@ bool QELNKMonitor::readEvents() {
 void QELNKMonitor::add(uint16_t event) {
   bool isFirstDropped = false;
   {
-    const std::lock_guard lock(state_->mutex);
+    const qelnk::Lock lock(state_->mutex);
     if (!state_->connected) return;
     if (state_->events.size() == mostEvents) {
       state_->events.pop_front();
@@ -190,22 +189,21 @@ void QELNKMonitor::add(uint16_t event) {
     }
     state_->events.push_back(event);
   }
-  state_->changed.notify_one();
+  state_->changed.notifyOne();
   if (isFirstDropped) logError("QELNKMonitor drops events, for nobody asks for them");
 }
 
 // Reading.
 
 uint16_t QELNKMonitor::events() {
-  std::unique_lock lock(state_->mutex);
+  qelnk::Lock lock(state_->mutex);
   if (!state_->connected && state_->events.empty()) {
     lock.unlock();
     return receiveEvent();
   }
   const uint64_t connection = state_->connection;
-  const auto isAnother = [&] { return state_->connection != connection; };
-  state_->changed.wait(lock, [&] { return isAnother() || !state_->events.empty() || !state_->connected; });
-  if (isAnother() || state_->events.empty()) return 0;
+  while (state_->connection == connection && state_->events.empty() && state_->connected) state_->changed.wait(lock);
+  if (state_->connection != connection || state_->events.empty()) return 0;
   const uint16_t event = state_->events.front();
   state_->events.pop_front();
   state_->dropping = state_->dropping && !state_->events.empty();

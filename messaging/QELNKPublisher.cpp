@@ -22,13 +22,13 @@ void QELNKPublisher::bindToPort(int32_t port) {
   const auto self = weak_from_this().lock();  // the socket block may drop the last reference before this is over
   bool refused;
   {
-    const std::lock_guard lock(sending_);
+    const qelnk::Lock lock(sending_);
     refused = binding_ || rawSocket();
     if (!refused) binding_ = true;
   }
   if (refused) return qelnk::logError("QELNKPublisher is bound already, not binding to port {}", port);
   const std::shared_ptr<void> bound(nullptr, [this](void *) {
-    const std::lock_guard lock(sending_);
+    const qelnk::Lock lock(sending_);
     binding_ = false;
     if (std::exchange(closeWhenBound_, false)) closeSocket();
   });
@@ -46,7 +46,7 @@ void QELNKPublisher::bindToPort(int32_t port) {
 bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
   Error failure;
   const auto send = [&](auto &&sendIt) {
-    const std::lock_guard lock(sending_);
+    const qelnk::Lock lock(sending_);
     if (!binding_) return sendIt();
     failure = qelnk::zmqError(ENOTSOCK);
     return false;
@@ -62,7 +62,7 @@ bool QELNKPublisher::publish(const qelnk::Value &message, Error *error) {
 }
 
 void QELNKPublisher::disconnect() {
-  const std::lock_guard lock(sending_);
+  const qelnk::Lock lock(sending_);
   closeWhenBound_ = binding_;
   if (!binding_) QELNKSocket::disconnect();
 }

@@ -1,3 +1,4 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/ZMQException.h>
@@ -11,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -21,10 +21,10 @@ using qelnk::Value;
 
 struct QELNK_HIDDEN QELNKServer::State {
   qelnk::HeldBlock<MessageBlock> block;
-  std::mutex mutex;  // guards fallback
-  std::optional<Value> fallback;
+  qelnk::Mutex mutex;
+  std::optional<Value> fallback QELNK_GUARDED_BY(mutex);
 
-  std::mutex binding;  // one bindToPort() at a time
+  qelnk::Mutex binding;  // one bindToPort() at a time
   std::atomic<bool> stopping{false}, silent{false};
   std::atomic<int32_t> port{0};
   // What is handed to the io thread at its start, and its own then.
@@ -54,7 +54,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
   };
   const auto self = weak_from_this().lock();  // the handler may drop the last reference before this is over
   if (onMessageThread()) return refuse(EDEADLK, "called on its own io thread");
-  const std::lock_guard lock(state_->binding);
+  const qelnk::Lock lock(state_->binding);
   if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
   QELNKSocket::disconnect();
   if (!joinThread()) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
@@ -155,11 +155,11 @@ QELNKServer::MessageBlock QELNKServer::messageBlock() const { return state_->blo
 void QELNKServer::setMessageBlock(MessageBlock block) { state_->block.set(std::move(block)); }
 
 std::optional<Value> QELNKServer::fallbackResponse() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->fallback;
 }
 
 void QELNKServer::setFallbackResponse(std::optional<Value> response) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->fallback.swap(response);
 }

@@ -37,14 +37,14 @@ bool QELNKSocket::isUsable(const std::shared_ptr<QELNKContext> &context) {
 // The thread.
 
 std::shared_ptr<QELNKSocket::IOThread> QELNKSocket::thread() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return thread_;
 }
 
 void QELNKSocket::startThread(const std::string &name) {
   std::shared_ptr<IOThread> previous;
   // Held while the thread starts: whoever disconnects then waits for the thread that he has to cancel.
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   previous = std::move(thread_);
   thread_ = std::make_shared<IOThread>(name, this);
 }
@@ -76,12 +76,12 @@ std::string QELNKSocket::endPointForHost(const std::string &host, int32_t port) 
 }
 
 std::string QELNKSocket::endPoint() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return socket_ ? socket_->endpoint() : lastEndPoint_;
 }
 
 std::shared_ptr<ZMQSocket> QELNKSocket::socket() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return socket_;
 }
 
@@ -92,7 +92,7 @@ void QELNKSocket::setSocket(std::shared_ptr<ZMQSocket> socket) {
 }
 
 void QELNKSocket::replaceSocket(std::shared_ptr<ZMQSocket> socket) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   if (socket_) lastEndPoint_ = socket_->endpoint();
   socket_.swap(socket);
   owned_ = socket_.get();
@@ -105,7 +105,7 @@ std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, 
   replaceSocket(socket);
   std::shared_ptr<const SocketBlock> block;
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     block = socketBlock_;
   }
   if (const auto self = weak_from_this().lock(); self && block)
@@ -115,7 +115,7 @@ std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, 
 
 void QELNKSocket::setSocketBlock(SocketBlock block) {
   auto shared = block ? std::make_shared<const SocketBlock>(std::move(block)) : nullptr;
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   socketBlock_.swap(shared);  // the old one goes after the lock
 }
 
@@ -312,7 +312,7 @@ static int32_t kibibytesPerSecond(uint64_t bytes, double seconds) {
 
 void QELNKSocket::logData() {
   const double now = clock_->wallTime();
-  std::unique_lock lock(mutex_);
+  qelnk::Lock lock(mutex_);
   const double seconds = now - std::exchange(dataMark_, now).value_or(now);
   const uint64_t sent = dataSent_.takeSinceMark(), received = dataReceived_.takeSinceMark();
   lock.unlock();

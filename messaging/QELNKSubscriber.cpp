@@ -28,7 +28,7 @@ int32_t QELNKSubscriber::socketType() const { return ZMQ_SUB; }
 // Filters.
 
 void QELNKSubscriber::addFilter(Data prefix) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->filters.push_back(std::move(prefix));
 }
 
@@ -37,7 +37,7 @@ void QELNKSubscriber::addFilterWithInt(int32_t prefix) {
 }
 
 std::vector<Data> QELNKSubscriber::filters() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->filters;
 }
 
@@ -57,7 +57,7 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   };
   if (onMessageThread()) return refuse("called on its own io thread");
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
-  const std::lock_guard lock(state_->connecting);
+  const qelnk::Lock lock(state_->connecting);
   if (hasThread() && !state_->stopping) return refuse("it is connected already");
   state_->abandoned = true;  // this may be the thread that the last line is to be written on
   QELNKSocket::disconnect();
@@ -66,7 +66,7 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   state_->deliveries.clear();  // of the last connection
   ++state_->connection;
   {
-    const std::lock_guard members(state_->mutex);
+    const qelnk::Lock members(state_->mutex);
     state_->host = std::move(host);
     state_->port = port;
   }
@@ -117,22 +117,22 @@ QELNKSubscriber::MessageBlock QELNKSubscriber::messageBlock() const { return sta
 void QELNKSubscriber::setMessageBlock(MessageBlock block) { state_->messageBlock.set(std::move(block)); }
 
 std::string QELNKSubscriber::host() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->host;
 }
 
 int32_t QELNKSubscriber::port() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->port;
 }
 
 QELNKSubscriber::PendingLimit QELNKSubscriber::pendingLimit() const {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   return state_->limit;
 }
 
 void QELNKSubscriber::setPendingLimit(PendingLimit limit) {
-  const std::lock_guard lock(state_->mutex);
+  const qelnk::Lock lock(state_->mutex);
   state_->limit = limit;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKSubscriber.h>
 
@@ -9,7 +10,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,13 +32,13 @@ struct QELNK_HIDDEN QELNKSubscriber::State {
 
   qelnk::HeldBlock<ConnectedBlock> connectedBlock;
   qelnk::HeldBlock<MessageBlock> messageBlock;
-  std::mutex mutex;  // guards the members down to `limit`
-  std::vector<qelnk::Data> filters;
-  std::string host;
-  int32_t port = 0;
-  PendingLimit limit;
+  qelnk::Mutex mutex;
+  std::vector<qelnk::Data> filters QELNK_GUARDED_BY(mutex);
+  std::string host QELNK_GUARDED_BY(mutex);
+  int32_t port QELNK_GUARDED_BY(mutex) = 0;
+  PendingLimit limit QELNK_GUARDED_BY(mutex);
 
-  std::mutex connecting;                // one connectToHost() at a time
+  qelnk::Mutex connecting;              // one connectToHost() at a time
   std::atomic<uint64_t> connection{0};  // its number
   std::atomic<bool> stopping{false};    // the connection is to end, or has ended
   std::atomic<bool> abandoned{false};   // nobody waits for the io thread's last line

@@ -85,7 +85,7 @@ class LockedExecutor {
     bool isHeldHere() const { return holder.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
     boost::asio::io_context &context;
-    std::mutex mutex;
+    std::mutex mutex;  // not of the analysed kind: whether a step runs under it is known at run time only
     std::atomic<std::thread::id> holder{};
     std::deque<std::unique_ptr<Step>> next;         // under the lock
     std::vector<std::unique_ptr<Step>> afterwards;  // without it

@@ -1,5 +1,6 @@
 #include "netutil/Ping.h"
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/qelNKPing.h>
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -19,7 +20,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <mutex>
 #include <set>
 #include <thread>
 #include <utility>
@@ -53,7 +53,7 @@ constexpr int mostPackets = 1024;
 constexpr size_t timeSize = 8, headerSize = 8, ipHeaderSize = 20;
 constexpr auto fullBufferPause = 20ms;
 
-std::mutex publishedMutex;
+Mutex publishedMutex;
 
 /// Writes one of the exported numbers, which others may be looking at.
 template <class Number, class Value>
@@ -103,17 +103,20 @@ uint32_t millisecondsOfDay() {
 
 /// A number for the requests of a run, which no other run of this process has meanwhile: the process's, if it is free.
 std::shared_ptr<const uint16_t> reserveIdentifier() {
-  static std::mutex mutex;
-  static auto &taken = *new std::set<uint16_t>;
-  const std::lock_guard lock(mutex);
+  struct Taken {
+    Mutex mutex;
+    std::set<uint16_t> identifiers QELNK_GUARDED_BY(mutex);
+  };
+  static auto &taken = *new Taken;
+  const Lock lock(taken.mutex);
   auto candidate = uint16_t(getpid());
-  while (!taken.insert(candidate).second) {
-    if (taken.size() > UINT16_MAX) throw PingExit(PingExit::system, "socket: too many pings at once");
+  while (!taken.identifiers.insert(candidate).second) {
+    if (taken.identifiers.size() > UINT16_MAX) throw PingExit(PingExit::system, "socket: too many pings at once");
     ++candidate;
   }
   return {new uint16_t(candidate), [](const uint16_t *number) {
-            const std::lock_guard inner(mutex);
-            taken.erase(*number);
+            const Lock inner(taken.mutex);
+            taken.identifiers.erase(*number);
             delete number;
           }};
 }
@@ -520,7 +523,7 @@ bool Ping::handleReply(Span message, const sockaddr_in &from, int ttl, timeval a
     sumOfSquares_ += time * time;
     shortest_ = std::min(shortest_, time);
     longest_ = std::max(longest_, time);
-    const std::lock_guard lock(publishedMutex);
+    const Lock lock(publishedMutex);
     publish(qelnk_tsum, qelnk_tsum + time);
     publish(qelnk_tsumsq, qelnk_tsumsq + time * time);
     if (time < qelnk_tmin) publish(qelnk_tmin, time);

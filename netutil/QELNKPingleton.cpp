@@ -54,7 +54,7 @@ const std::shared_ptr<QELNKPingleton> &QELNKPingleton::sharedPingleton() {
 }
 
 void QELNKPingleton::setPrintsPings(bool prints) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   printsPings_ = prints;
 }
 
@@ -71,7 +71,7 @@ bool QELNKPingleton::isAwaited(const std::string &address, const std::shared_ptr
 
 void QELNKPingleton::startWatchingIP(const std::string &address, std::weak_ptr<QELNKPingletonDelegate> observer) {
   {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     auto &watched = watched_[address];
     if (!watched || watched->observer.expired()) watched = std::make_shared<Watched>();
     watched->observer.swap(observer);
@@ -85,12 +85,12 @@ void QELNKPingleton::startWatchingIP(const std::string &address, std::weak_ptr<Q
 
 void QELNKPingleton::volumeStayAlive(const std::string &address) {
   logDefault("Ping Thread starts!");
-  std::unique_lock lock(mutex_);
+  qelnk::Lock lock(mutex_);
   const auto found = watched_.find(address);
   const auto watched = found == watched_.end() ? nullptr : found->second;
   const bool prints = printsPings_;
   const auto isOver = [&] {
-    const std::lock_guard inner(mutex_);
+    const qelnk::Lock inner(mutex_);
     return !isAwaited(address, watched);
   };
   std::shared_ptr<QELNKPingletonDelegate> observer;

@@ -123,12 +123,12 @@ bool QELNKWebSocket::sendData(qelnk::Data data, Error *error) {
 }
 
 std::shared_ptr<QELNKWebSocketDelegate> QELNKWebSocket::delegate() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return delegate_.lock();
 }
 
 void QELNKWebSocket::setDelegate(std::weak_ptr<QELNKWebSocketDelegate> delegate) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   delegate_.swap(delegate);  // what the old one holds goes after the lock
 }
 

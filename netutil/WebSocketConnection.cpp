@@ -1,5 +1,7 @@
 #include "netutil/WebSocketConnection.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -19,9 +21,7 @@
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/websocket/error.hpp>
 #include <boost/beast/websocket/stream.hpp>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -63,14 +63,17 @@ constexpr size_t keptCapacity = size_t(4) << 20;
 /// The io context of all connections, with a thread that serves it from the first reference to the last. Throws
 /// std::system_error when there is no thread.
 std::shared_ptr<asio::io_context> sharedContext() {
-  static auto &mutex = *new std::mutex;
-  static auto &current = *new std::weak_ptr<asio::io_context>;
+  struct Current {
+    Mutex mutex;
+    std::weak_ptr<asio::io_context> context QELNK_GUARDED_BY(mutex);
+  };
+  static auto &current = *new Current;
   struct Running {
     asio::io_context context{1};
     asio::executor_work_guard<asio::io_context::executor_type> work = asio::make_work_guard(context);
   };
-  const std::lock_guard lock(mutex);
-  if (auto context = current.lock()) return context;
+  const Lock lock(current.mutex);
+  if (auto context = current.context.lock()) return context;
   auto running = std::make_shared<Running>();
   startThread("qelnk-websocket", [running] {
     while (!runGuarded("The WebSockets' thread", [&] { running->context.run(); })) {
@@ -80,7 +83,7 @@ std::shared_ptr<asio::io_context> sharedContext() {
   std::shared_ptr<asio::io_context> context(&running->context, [running = std::shared_ptr(running)](auto *) mutable {
     std::exchange(running, nullptr)->work.reset();  // the context goes with its thread, whoever keeps weak references
   });
-  current = context;
+  current.context = context;
   return context;
 }
 
@@ -88,33 +91,33 @@ std::shared_ptr<asio::io_context> sharedContext() {
 class Lingering {
  public:
   Lingering() {
-    const std::lock_guard lock(mutex());
-    ++count();
+    const Lock lock(all().mutex);
+    ++all().count;
   }
   ~Lingering() {
-    const std::lock_guard lock(mutex());
-    if (--count() == 0) noneLeft().notify_all();
+    const Lock lock(all().mutex);
+    if (--all().count == 0) all().noneLeft.notifyAll();
   }
   Lingering(const Lingering &) = delete;
   Lingering &operator=(const Lingering &) = delete;
 
   static bool awaitNone(std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex());
-    return noneLeft().wait_for(lock, std::min(limit, longest), [] { return count() == 0; });
+    const auto deadline = std::chrono::steady_clock::now() + std::min(limit, longest);
+    Lock lock(all().mutex);
+    while (all().count != 0 && all().noneLeft.waitUntil(lock, deadline)) {
+    }
+    return all().count == 0;
   }
 
  private:
-  static std::mutex &mutex() {
-    static auto &immortal = *new std::mutex;
+  struct All {
+    Mutex mutex;
+    Condition noneLeft;
+    size_t count QELNK_GUARDED_BY(mutex) = 0;
+  };
+  static All &all() {
+    static auto &immortal = *new All;
     return immortal;
-  }
-  static std::condition_variable &noneLeft() {
-    static auto &immortal = *new std::condition_variable;
-    return immortal;
-  }
-  static size_t &count() {
-    static size_t count = 0;
-    return count;
   }
 };
 

@@ -1,3 +1,4 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/qelNKPing.h>
 #include <signal.h>
 #include <unistd.h>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <mutex>
 #include <optional>
 #include <set>
 
@@ -36,7 +36,7 @@ class Signals {
  public:
   /// The process is told of the nearest time-out; none is zero.
   explicit Signals(std::chrono::seconds timeout) {
-    const std::lock_guard lock(mutex);
+    const qelnk::Lock lock(mutex);
     if (runs++ == 0) {
       hasReply = false;
       for (size_t i = 0; i < std::size(numbers); ++i) {
@@ -47,14 +47,14 @@ class Signals {
       }
     }
     if (timeout.count() == 0) return;
-    timeout_ = timeouts.insert(Clock::now() + timeout);
+    timeout_ = timeouts->insert(Clock::now() + timeout);
     setAlarm();
   }
   ~Signals() {
-    const std::lock_guard lock(mutex);
+    const qelnk::Lock lock(mutex);
     if (atEnd) return;
     if (timeout_) {
-      timeouts.erase(*timeout_);
+      timeouts->erase(*timeout_);
       setAlarm();
     }
     if (--runs == 0)
@@ -64,7 +64,7 @@ class Signals {
   Signals &operator=(const Signals &) = delete;
 
   static void ignore() {
-    const std::lock_guard lock(mutex);
+    const qelnk::Lock lock(mutex);
     atEnd = true;
     signal(SIGINT, SIG_IGN);
     signal(SIGALRM, SIG_IGN);
@@ -73,21 +73,21 @@ class Signals {
  private:
   using Clock = std::chrono::steady_clock;
   using Timeouts = std::multiset<Clock::time_point>;
-  static void setAlarm() {
-    if (timeouts.empty()) {
+  static void setAlarm() QELNK_REQUIRES(mutex) {
+    if (timeouts->empty()) {
       alarm(0);
       return;
     }
-    const auto left = std::chrono::ceil<std::chrono::seconds>(*timeouts.begin() - Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::seconds>(*timeouts->begin() - Clock::now());
     alarm(unsigned(std::max<int64_t>(1, left.count())));
   }
 
   static constexpr int numbers[] = {SIGINT, SIGALRM, SIGQUIT};
-  static inline std::mutex mutex;
-  static inline auto &timeouts = *new Timeouts;
-  static inline int runs = 0;
-  static inline bool atEnd = false;
-  static inline struct sigaction before[std::size(numbers)];
+  static inline qelnk::Mutex mutex;
+  static inline Timeouts *const timeouts QELNK_PT_GUARDED_BY(mutex) = new Timeouts;
+  static inline int runs QELNK_GUARDED_BY(mutex) = 0;
+  static inline bool atEnd QELNK_GUARDED_BY(mutex) = false;
+  static inline struct sigaction before[std::size(numbers)] QELNK_GUARDED_BY(mutex);
 
   std::optional<Timeouts::iterator> timeout_;
 };
@@ -99,7 +99,7 @@ void printTo(FILE *stream, std::string_view text) {
 
 /// Two runs that end at once must not both run what is to be done at exit: the second waits for the end.
 [[noreturn]] void endProcess(int code, std::string_view text) {
-  static auto &once = *new std::mutex;
+  static auto &once = *new qelnk::Mutex;
   once.lock();
   printTo(stderr, text);
   std::exit(code);

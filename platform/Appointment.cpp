@@ -5,14 +5,14 @@
 namespace qelnk {
 
 void MeetingPoint::announce(std::shared_ptr<Appointment> appointment) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   announced_.push_back(std::move(appointment));
-  news_.notify_all();
+  news_.notifyAll();
 }
 
 void MeetingPoint::strike(const Appointment *appointment) {
   std::shared_ptr<Appointment> struck;  // goes after the lock
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto at = std::find_if(announced_.begin(), announced_.end(), [&](auto &a) { return a.get() == appointment; });
   if (at == announced_.end()) return;
   struck = std::move(*at);
@@ -21,17 +21,21 @@ void MeetingPoint::strike(const Appointment *appointment) {
 
 void MeetingPoint::close() {
   std::deque<std::shared_ptr<Appointment>> givenUp;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   givenUp.swap(announced_);
 }
 
 bool MeetingPoint::wait(std::optional<Time> limit, const std::function<bool()> &over) {
   const auto end = std::chrono::steady_clock::now() + limit.value_or(Time::zero());
-  const auto hasNews = [&] { return over() || !announced_.empty(); };
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   while (!over()) {
-    if (limit ? !news_.wait_until(lock, end, hasNews) : (news_.wait(lock, hasNews), false)) return false;
-    if (over()) break;
+    if (announced_.empty()) {
+      if (!limit)
+        news_.wait(lock);
+      else if (!news_.waitUntil(lock, end) && announced_.empty())
+        return over();
+      continue;
+    }
     const auto appointment = std::move(announced_.front());
     announced_.pop_front();
     lock.unlock();
@@ -42,9 +46,9 @@ bool MeetingPoint::wait(std::optional<Time> limit, const std::function<bool()> &
 }
 
 void MeetingPoint::tell(const std::function<void()> &change) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   change();
-  news_.notify_all();
+  news_.notifyAll();
 }
 
 }  // namespace qelnk

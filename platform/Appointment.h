@@ -1,13 +1,12 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -38,9 +37,9 @@ class MeetingPoint {
   void tell(const std::function<void()> &change);
 
  private:
-  std::mutex mutex_;
-  std::condition_variable news_;
-  std::deque<std::shared_ptr<class Appointment>> announced_;
+  Mutex mutex_;
+  Condition news_;
+  std::deque<std::shared_ptr<class Appointment>> announced_ QELNK_GUARDED_BY(mutex_);
 };
 
 /// A task that another thread waits for. One that is destroyed without having been kept ends the wait too.

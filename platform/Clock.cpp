@@ -31,17 +31,17 @@ const std::shared_ptr<Clock> &Clock::system() {
 ManualClock::ManualClock(std::chrono::nanoseconds start, double wallTime) : now_(start), wallTime_(wallTime) {}
 
 std::chrono::nanoseconds ManualClock::now() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return now_;
 }
 
 double ManualClock::wallTime() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return wallTime_;
 }
 
 void ManualClock::attach(const std::weak_ptr<RunLoop> &loop) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   std::erase_if(loops_, [&](const auto &known) { return known.expired() || sameLoop(known, loop); });
   loops_.push_back(loop);
 }
@@ -49,7 +49,7 @@ void ManualClock::attach(const std::weak_ptr<RunLoop> &loop) {
 void ManualClock::advance(std::chrono::nanoseconds by) {
   std::vector<std::weak_ptr<RunLoop>> loops;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     now_ += by;
     wallTime_ += std::chrono::duration<double>(by).count();
     loops = loops_;
@@ -59,7 +59,7 @@ void ManualClock::advance(std::chrono::nanoseconds by) {
 }
 
 void ManualClock::setWallTime(double seconds) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   wallTime_ = seconds;
 }
 

@@ -36,7 +36,7 @@ Connector::~Connector() { cancel(); }
 std::shared_ptr<Connector> Connector::start(const std::string &host, uint16_t port,
                                             const std::shared_ptr<RunLoop> &loop, Handler handler) {
   std::shared_ptr<Connector> connector(new Connector(loop, std::move(handler)));
-  const std::lock_guard lock(connector->mutex_);
+  const Lock lock(connector->mutex_);
   connector->lookup_ =
       HostLookup::start(host, port, loop, [weak = std::weak_ptr(connector)](auto addresses, std::error_code error) {
         if (const auto self = weak.lock()) self->lookedUp(std::move(addresses), error);
@@ -47,7 +47,7 @@ std::shared_ptr<Connector> Connector::start(const std::string &host, uint16_t po
 void Connector::cancel() {
   Handler handler;  // what it holds goes after the lock
   std::shared_ptr<HostLookup> lookup;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   handler_.swap(handler);
   lookup_.swap(lookup);
   if (lookup) lookup->cancel();
@@ -60,7 +60,7 @@ void Connector::cancel() {
 
 void Connector::lookedUp(std::vector<std::string> addresses, std::error_code error) {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!handler_) return;
     addresses_ = std::move(addresses);
     error_ = error;
@@ -70,7 +70,7 @@ void Connector::lookedUp(std::vector<std::string> addresses, std::error_code err
 
 /// Begins with the next address that can be begun with.
 void Connector::tryNext() {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   if (!handler_) return;
   if (timer_) timer_->cancel();
   while (next_ < addresses_.size()) {
@@ -111,7 +111,7 @@ std::error_code Connector::begin(const std::string &address) {
 
 void Connector::answered(int socket) {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto attempt =
         std::find_if(attempts_.begin(), attempts_.end(), [&](const Attempt &a) { return a.socket == socket; });
     if (attempt == attempts_.end()) return;
@@ -124,14 +124,14 @@ void Connector::answered(int socket) {
   if (number == 0) return finish(socket, {});
   close(socket);
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     error_ = worthier(error_, systemError(number));
   }
   tryNext();
 }
 
 void Connector::finish(int socket, std::error_code error) {
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   const Handler handler = std::exchange(handler_, nullptr);
   lock.unlock();
   cancel();

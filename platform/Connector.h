@@ -1,11 +1,11 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -39,21 +39,21 @@ class Connector : public std::enable_shared_from_this<Connector> {
   };
 
   Connector(std::shared_ptr<RunLoop> loop, Handler handler);
-  void lookedUp(std::vector<std::string> addresses, std::error_code error);
-  void tryNext();
-  std::error_code begin(const std::string &address);
-  void answered(int socket);
-  void finish(int socket, std::error_code error);
+  void lookedUp(std::vector<std::string> addresses, std::error_code error) QELNK_EXCLUDES(mutex_);
+  void tryNext() QELNK_EXCLUDES(mutex_);
+  std::error_code begin(const std::string &address) QELNK_REQUIRES(mutex_);
+  void answered(int socket) QELNK_EXCLUDES(mutex_);
+  void finish(int socket, std::error_code error) QELNK_EXCLUDES(mutex_);
 
   const std::shared_ptr<RunLoop> loop_;
-  std::mutex mutex_;  // guards all below
-  Handler handler_;
-  std::shared_ptr<HostLookup> lookup_;
-  std::vector<std::string> addresses_;
-  size_t next_ = 0;
-  std::vector<Attempt> attempts_;
-  std::shared_ptr<LoopSource> timer_;
-  std::error_code error_;
+  Mutex mutex_;
+  Handler handler_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<HostLookup> lookup_ QELNK_GUARDED_BY(mutex_);
+  std::vector<std::string> addresses_ QELNK_GUARDED_BY(mutex_);
+  size_t next_ QELNK_GUARDED_BY(mutex_) = 0;
+  std::vector<Attempt> attempts_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<LoopSource> timer_ QELNK_GUARDED_BY(mutex_);
+  std::error_code error_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace qelnk

@@ -1,5 +1,7 @@
 #include "platform/DiscoveryDaemon.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <avahi-common/domain.h>
 #include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
@@ -7,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -188,11 +189,14 @@ class DiscoveryDaemon::Connection {
 };
 
 std::shared_ptr<DiscoveryDaemon> DiscoveryDaemon::shared() {
-  static auto &mutex = *new std::mutex;
-  static auto &known = *new std::weak_ptr<DiscoveryDaemon>;
-  const std::lock_guard lock(mutex);
-  auto daemon = known.lock();
-  if (!daemon) known = daemon = std::shared_ptr<DiscoveryDaemon>(new DiscoveryDaemon);
+  struct Known {
+    Mutex mutex;
+    std::weak_ptr<DiscoveryDaemon> daemon QELNK_GUARDED_BY(mutex);
+  };
+  static auto &known = *new Known;
+  const Lock lock(known.mutex);
+  auto daemon = known.daemon.lock();
+  if (!daemon) known.daemon = daemon = std::shared_ptr<DiscoveryDaemon>(new DiscoveryDaemon);
   return daemon;
 }
 

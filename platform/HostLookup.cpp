@@ -1,9 +1,10 @@
 #include "platform/HostLookup.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <netdb.h>
 
 #include <cerrno>
-#include <mutex>
 #include <utility>
 
 #include "platform/AsciiCase.h"
@@ -68,7 +69,7 @@ class Lookup final : public HostLookup, public std::enable_shared_from_this<Look
 
  private:
   void askNetwork() try {
-    const std::lock_guard lock(mutex_);  // the answer may come before the query is kept
+    const Lock lock(mutex_);  // the answer may come before the query is kept
     query_ = std::make_unique<Active<HostQuery>>(
         host_, port_, [weak = weak_from_this()](std::vector<std::string> addresses) {
           const auto self = weak.lock();
@@ -99,7 +100,7 @@ class Lookup final : public HostLookup, public std::enable_shared_from_this<Look
 
   Handler end() {
     std::unique_ptr<Active<HostQuery>> query;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     query.swap(query_);
     return std::exchange(handler_, nullptr);
   }
@@ -107,9 +108,9 @@ class Lookup final : public HostLookup, public std::enable_shared_from_this<Look
   const std::string host_;
   const uint16_t port_;
   const std::shared_ptr<RunLoop> loop_;
-  std::mutex mutex_;
-  Handler handler_;  // none once called or cancelled
-  std::unique_ptr<Active<HostQuery>> query_;
+  Mutex mutex_;
+  Handler handler_ QELNK_GUARDED_BY(mutex_);  // none once called or cancelled
+  std::unique_ptr<Active<HostQuery>> query_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "platform/ListeningSocket.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "platform/LogFormat.h"
@@ -35,24 +36,24 @@ struct ListeningSocket::Accepting : std::enable_shared_from_this<Accepting> {
   const std::shared_ptr<RunLoop> loop;
   const AcceptHandler handler;
   bool isShort = false;  // of descriptors; the loop's thread's
-  std::mutex mutex;      // guards the rest
-  bool ended = false;
-  std::shared_ptr<LoopSource> source;
+  Mutex mutex;
+  bool ended QELNK_GUARDED_BY(mutex) = false;
+  std::shared_ptr<LoopSource> source QELNK_GUARDED_BY(mutex);
 
   void watch() {
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     if (ended) return;
     source = loop->watch(*socket, Readiness::readable, [weak = weak_from_this()](Readiness) {
       if (const auto self = weak.lock()) self->acceptSome();
     });
   }
   void end() {
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     ended = true;
     if (source) source->cancel();
   }
   bool hasEnded() {
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     return ended;
   }
 
@@ -75,7 +76,7 @@ struct ListeningSocket::Accepting : std::enable_shared_from_this<Accepting> {
   void pause(int number) {
     if (!std::exchange(isShort, true))
       logError("Listening socket cannot accept connections for now: {}", std::system_category().message(number));
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     if (ended) return;
     source->cancel();
     source = loop->performAfter(pauseWithoutDescriptors, [weak = weak_from_this()] {

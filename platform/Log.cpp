@@ -1,11 +1,11 @@
 #include <QELNetworkKit/Log.h>
+#include <QELNetworkKit/Mutex.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <cxxabi.h>
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "platform/Guard.h"
@@ -34,12 +34,12 @@ class Output {
  public:
   void setSink(LogHandle::Sink sink) {
     auto next = sink ? std::make_shared<const LogHandle::Sink>(std::move(sink)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     sink_.swap(next);
   }
 
   void write(LogLevel level, std::string_view line) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (writing_) return;  // a sink that logs would never come to an end
     writing_ = true;
     const auto sink = sink_;
@@ -54,9 +54,9 @@ class Output {
   }
 
  private:
-  std::recursive_mutex mutex_;
-  bool writing_ = false;
-  std::shared_ptr<const LogHandle::Sink> sink_;
+  RecursiveMutex mutex_;
+  bool writing_ QELNK_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const LogHandle::Sink> sink_ QELNK_GUARDED_BY(mutex_);
   const std::shared_ptr<spdlog::logger> standardError_ = makeStandardErrorLogger();
 };
 

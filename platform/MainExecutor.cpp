@@ -18,10 +18,10 @@ void RunLoop::State::setExecutor(Executor next) {
   auto executor = next ? std::make_shared<const Executor>(std::move(next)) : nullptr;
   News news;
   {
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     executor_.swap(executor);  // the old one goes after the lock
     // Once this returns the host may take down what the old one uses.
-    if (executorsEntered == 0) executorLeft_.wait(lock, [this] { return executorCalls_ == 0; });
+    while (executorsEntered == 0 && executorCalls_ != 0) executorLeft_.wait(lock);
     hostAsked_ = false;
     news = newsLocked();  // whatever has been waiting
   }
@@ -38,7 +38,7 @@ struct RunLoop::State::HostTurn {
   ~HostTurn() {
     if (served) return;
     {
-      const std::lock_guard lock(state->mutex_);
+      const Lock lock(state->mutex_);
       state->hostAsked_ = false;
     }
     runGuarded("RunLoop main executor", [this] {
@@ -56,13 +56,13 @@ void RunLoop::State::askHost(const Executor &executor) {
     });
   });
   --executorsEntered;
-  const std::lock_guard lock(mutex_);
-  if (--executorCalls_ == 0) executorLeft_.notify_all();
+  const Lock lock(mutex_);
+  if (--executorCalls_ == 0) executorLeft_.notifyAll();
 }
 
 void RunLoop::State::serveForHost() {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     hostAsked_ = false;
   }
   if (!belongsHere()) return logError("RunLoop: the main executor ran its closure on another thread than the main one");
@@ -77,7 +77,7 @@ bool RunLoop::State::hostWatchIsStale() const {
 
 void RunLoop::State::keepForHost() {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!hostWatchIsStale()) return;
   }
   runGuarded("RunLoop main executor",
@@ -89,7 +89,7 @@ void RunLoop::State::watchForHost() {
   std::optional<Time> delay;
   int descriptor = -1;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     hostWatchDeadline_ = executor_ ? timers_.earliest() : std::nullopt;
     hostWatchesDescriptors_ = executor_ && watches_.isOpen();
     if (executor_) delay = untilDue();
@@ -111,7 +111,7 @@ void RunLoop::State::wakeHost() {
   for (const auto &source : std::exchange(hostWatch_, {})) source->cancel();
   News news;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     hostWatchDeadline_ = std::nullopt;
     hostWatchesDescriptors_ = false;
     news = newsLocked();

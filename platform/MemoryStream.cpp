@@ -1,12 +1,12 @@
 // Byte streams in memory.
 
 #include <QELNetworkKit/ByteStream.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -25,12 +25,21 @@ class MemoryOutput;
 struct Pipe {
   explicit Pipe(size_t room) : capacity(room) {}
   const size_t capacity;
-  std::mutex mutex;  // guards all below
-  std::vector<uint8_t> bytes;
-  bool ended = false;    // the writer has closed
-  bool refused = false;  // the reader has closed
-  std::weak_ptr<MemoryInput> input;
-  std::weak_ptr<MemoryOutput> output;
+  Mutex mutex;
+  std::vector<uint8_t> bytes QELNK_GUARDED_BY(mutex);
+  bool ended QELNK_GUARDED_BY(mutex) = false;    // the writer has closed
+  bool refused QELNK_GUARDED_BY(mutex) = false;  // the reader has closed
+  std::weak_ptr<MemoryInput> input QELNK_GUARDED_BY(mutex);
+  std::weak_ptr<MemoryOutput> output QELNK_GUARDED_BY(mutex);
+
+  void setInput(const std::shared_ptr<MemoryInput> &end) {
+    const Lock lock(mutex);
+    input = end;
+  }
+  void setOutput(const std::shared_ptr<MemoryOutput> &end) {
+    const Lock lock(mutex);
+    output = end;
+  }
 };
 
 /// What both directions do alike.
@@ -41,28 +50,28 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
 
   void setEventTarget(ByteStream::EventTarget target) final {
     auto next = target ? std::make_shared<const ByteStream::EventTarget>(std::move(target)) : nullptr;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     target_.swap(next);
   }
   void schedule(const std::shared_ptr<RunLoop> &loop) final {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     loop_ = loop;
   }
   void unschedule() final { schedule(nullptr); }
   std::error_code error() const final {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return error_;
   }
   void close() override {
     std::shared_ptr<const ByteStream::EventTarget> target;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     closed_ = true;
     target.swap(target_);
   }
 
   /// Has `event` told, unless one of its kind is still to be told.
-  void post(StreamEvent event) {
-    const std::lock_guard lock(mutex_);
+  void post(StreamEvent event) QELNK_EXCLUDES(mutex_) {
+    const Lock lock(mutex_);
     postLocked(event);
   }
 
@@ -70,17 +79,17 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   /// From here on there are events, "opened" before any other: the peer's thread may post one at once, and nothing can
   /// be read before.
   void ask() {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     asked_ = true;
     postLocked(StreamEvent::opened);
   }
   bool isOpen() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return open_ && !closed_;
   }
-  void fail(std::error_code error) {
+  void fail(std::error_code error) QELNK_EXCLUDES(mutex_) {
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       error_ = error;
     }
     post(StreamEvent::error);
@@ -89,7 +98,7 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   const std::shared_ptr<Pipe> pipe_;
 
  private:
-  void postLocked(StreamEvent event) {
+  void postLocked(StreamEvent event) QELNK_REQUIRES(mutex_) {
     const unsigned bit = 1u << unsigned(event);
     if (!asked_ || closed_ || !loop_ || (posted_ & bit)) return;
     posted_ |= bit;
@@ -98,8 +107,8 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
     });
   }
 
-  void tell(StreamEvent event) {
-    std::unique_lock lock(mutex_);
+  void tell(StreamEvent event) QELNK_EXCLUDES(mutex_) {
+    Lock lock(mutex_);
     posted_ &= ~(1u << unsigned(event));
     if (closed_ || !loop_ || told_) return;
     if (event == StreamEvent::opened) open_ = true;
@@ -109,12 +118,13 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
     if (target) runGuarded("ByteStream event target", [&] { (*target)(event); });
   }
 
-  mutable std::mutex mutex_;  // guards all below
-  std::shared_ptr<const ByteStream::EventTarget> target_;
-  std::shared_ptr<RunLoop> loop_;
-  std::error_code error_;
-  bool asked_ = false, open_ = false, closed_ = false, told_ = false;
-  unsigned posted_ = 0;
+  mutable Mutex mutex_;
+  std::shared_ptr<const ByteStream::EventTarget> target_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<RunLoop> loop_ QELNK_GUARDED_BY(mutex_);
+  std::error_code error_ QELNK_GUARDED_BY(mutex_);
+  bool asked_ QELNK_GUARDED_BY(mutex_) = false, open_ QELNK_GUARDED_BY(mutex_) = false;
+  bool closed_ QELNK_GUARDED_BY(mutex_) = false, told_ QELNK_GUARDED_BY(mutex_) = false;
+  unsigned posted_ QELNK_GUARDED_BY(mutex_) = 0;
 };
 
 class MemoryOutput final : public MemoryStream<OutputStream, MemoryOutput> {
@@ -143,7 +153,7 @@ void MemoryOutput::open() {
 
 void MemoryOutput::close() {
   MemoryStream::close();
-  std::unique_lock lock(pipe_->mutex);
+  Lock lock(pipe_->mutex);
   pipe_->ended = true;
   const auto input = pipe_->input.lock();
   const bool drained = pipe_->bytes.empty();
@@ -153,7 +163,7 @@ void MemoryOutput::close() {
 
 ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
   if (!isOpen()) return -1;
-  std::unique_lock lock(pipe_->mutex);
+  Lock lock(pipe_->mutex);
   if (pipe_->refused) {
     lock.unlock();
     fail(brokenPipe());
@@ -172,7 +182,7 @@ ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
 
 void MemoryInput::open() {
   ask();
-  std::unique_lock lock(pipe_->mutex);
+  Lock lock(pipe_->mutex);
   const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;
   lock.unlock();
   if (!empty) post(StreamEvent::bytesAvailable);
@@ -181,7 +191,7 @@ void MemoryInput::open() {
 
 void MemoryInput::close() {
   MemoryStream::close();
-  std::unique_lock lock(pipe_->mutex);
+  Lock lock(pipe_->mutex);
   pipe_->refused = true;
   const auto output = pipe_->output.lock();
   lock.unlock();
@@ -190,13 +200,13 @@ void MemoryInput::close() {
 
 bool MemoryInput::hasBytesAvailable() {
   if (!isOpen()) return false;
-  const std::lock_guard lock(pipe_->mutex);
+  const Lock lock(pipe_->mutex);
   return !pipe_->bytes.empty();
 }
 
 ssize_t MemoryInput::read(std::span<uint8_t> room) {
   if (!isOpen()) return -1;
-  std::unique_lock lock(pipe_->mutex);
+  Lock lock(pipe_->mutex);
   const bool wasFull = pipe_->bytes.size() == pipe_->capacity;
   const size_t count = std::min(room.size(), pipe_->bytes.size());
   if (count == 0) return 0;
@@ -214,8 +224,8 @@ ssize_t MemoryInput::read(std::span<uint8_t> room) {
 StreamPair pairOf(const std::shared_ptr<Pipe> &in, const std::shared_ptr<Pipe> &out) {
   const auto input = std::make_shared<MemoryInput>(in);
   const auto output = std::make_shared<MemoryOutput>(out);
-  in->input = input;
-  out->output = output;
+  in->setInput(input);
+  out->setOutput(output);
   return {input, output};
 }
 

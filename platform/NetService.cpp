@@ -1,9 +1,9 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/NetService.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <avahi-common/error.h>
 
 #include <functional>
-#include <mutex>
 #include <utility>
 
 #include "platform/DiscoveryDaemon.h"
@@ -45,8 +45,6 @@ struct ResolveSession : Session {
 
 /// What a service is made of, shared with what is on its way to its observer.
 struct QELNK_HIDDEN NetService::State : std::enable_shared_from_this<NetService::State> {
-  using Lock = std::lock_guard<std::mutex>;
-
   State(std::string domain, std::string type, std::string name, uint16_t port)
       : domain(std::move(domain)), type(std::move(type)), name(std::move(name)), port(port) {}
 
@@ -68,12 +66,13 @@ struct QELNK_HIDDEN NetService::State : std::enable_shared_from_this<NetService:
     };
   }
 
-  /// Under the mutex.
-  bool isCurrent(const Session &session) const { return &session == publishing.get() || &session == resolving.get(); }
+  bool isCurrent(const Session &session) const QELNK_REQUIRES(mutex) {
+    return &session == publishing.get() || &session == resolving.get();
+  }
 
   /// Calls the observer unless the session was ended, as its last call may have done.
   template <class Operation, class... Arguments>
-  void tell(const Session &session, Operation operation, const Arguments &...arguments) {
+  void tell(const Session &session, Operation operation, const Arguments &...arguments) QELNK_EXCLUDES(mutex) {
     std::shared_ptr<NetServiceDelegate> observer;
     {
       const Lock lock(mutex);
@@ -97,13 +96,13 @@ struct QELNK_HIDDEN NetService::State : std::enable_shared_from_this<NetService:
 
   const std::string domain, type;
   std::weak_ptr<NetService> owner;
-  mutable std::mutex mutex;
-  std::string name, hostName, txt;
-  uint16_t port;
-  std::vector<std::string> addresses;
-  std::weak_ptr<NetServiceDelegate> delegate;
-  std::shared_ptr<PublishSession> publishing;
-  std::shared_ptr<ResolveSession> resolving;
+  mutable Mutex mutex;
+  std::string name QELNK_GUARDED_BY(mutex), hostName QELNK_GUARDED_BY(mutex), txt QELNK_GUARDED_BY(mutex);
+  uint16_t port QELNK_GUARDED_BY(mutex);
+  std::vector<std::string> addresses QELNK_GUARDED_BY(mutex);
+  std::weak_ptr<NetServiceDelegate> delegate QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<PublishSession> publishing QELNK_GUARDED_BY(mutex);
+  std::shared_ptr<ResolveSession> resolving QELNK_GUARDED_BY(mutex);
 };
 
 // --- Publishing ---
@@ -236,12 +235,12 @@ std::vector<std::string> NetService::addresses() const { return state_->get(&Sta
 std::string NetService::txtRecordData() const { return state_->get(&State::txt); }
 
 void NetService::setDelegate(std::weak_ptr<NetServiceDelegate> delegate) {
-  const std::lock_guard lock(state_->mutex);
+  const Lock lock(state_->mutex);
   state_->delegate.swap(delegate);
 }
 
 void NetService::setTXTRecordData(std::string data) {
-  const std::lock_guard lock(state_->mutex);
+  const Lock lock(state_->mutex);
   state_->txt = data;
   if (state_->publishing && state_->publishing->publication)
     state_->publishing->publication->tell(

@@ -1,15 +1,16 @@
 #include "platform/NetworkConfiguration.h"
 
-#include <mutex>
+#include <QELNetworkKit/Mutex.h>
+
 #include <utility>
 
 namespace qelnk {
 
 namespace {
 
-std::mutex openerMutex;
+Mutex openerMutex;
 
-NetworkConfiguration::Opener &theOpener() {
+NetworkConfiguration::Opener &theOpener() QELNK_REQUIRES(openerMutex) {
   static auto &opener = *new NetworkConfiguration::Opener;
   return opener;
 }
@@ -19,7 +20,7 @@ NetworkConfiguration::Opener &theOpener() {
 std::unique_ptr<NetworkConfiguration> NetworkConfiguration::open() {
   Opener opener;
   {
-    const std::lock_guard lock(openerMutex);
+    const Lock lock(openerMutex);
     opener = theOpener();
   }
   if (opener) return opener();
@@ -28,7 +29,7 @@ std::unique_ptr<NetworkConfiguration> NetworkConfiguration::open() {
 }
 
 void NetworkConfiguration::setOpener(Opener opener) {
-  const std::lock_guard lock(openerMutex);
+  const Lock lock(openerMutex);
   theOpener().swap(opener);
 }
 

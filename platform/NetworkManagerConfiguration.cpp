@@ -1,14 +1,14 @@
 // The network as NetworkManager has it, over the system bus.
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -177,10 +177,10 @@ std::optional<Objects> askForEverything() {
 
 /// What a thread finds out, and whether anybody still waits for it.
 struct Answer {
-  std::mutex mutex;
-  std::condition_variable found;
-  bool isThere = false, isAwaited = true;
-  std::optional<Objects> objects;
+  Mutex mutex;
+  Condition found;
+  bool isThere QELNK_GUARDED_BY(mutex) = false, isAwaited QELNK_GUARDED_BY(mutex) = true;
+  std::optional<Objects> objects QELNK_GUARDED_BY(mutex);
 };
 
 }  // namespace
@@ -194,18 +194,21 @@ std::unique_ptr<NetworkConfiguration> NetworkConfiguration::ofNetworkManager() {
   try {
     startThread("qelnk-network", [answer] {
       auto objects = askForEverything();
-      const std::lock_guard lock(answer->mutex);
+      const Lock lock(answer->mutex);
       answer->objects = std::move(objects);
       answer->isThere = true;
       if (!answer->isAwaited) --hanging;
-      answer->found.notify_one();
+      answer->found.notifyOne();
     }).detach();
   } catch (const std::system_error &failure) {
     logError("NetworkManager could not be asked: {}", failure.what());
     return nullptr;
   }
-  std::unique_lock lock(answer->mutex);
-  if (!answer->found.wait_for(lock, longestWait, [&] { return answer->isThere; })) {
+  const auto deadline = std::chrono::steady_clock::now() + longestWait;
+  Lock lock(answer->mutex);
+  while (!answer->isThere && answer->found.waitUntil(lock, deadline)) {
+  }
+  if (!answer->isThere) {
     answer->isAwaited = false;
     ++hanging;
     logError("NetworkManager does not answer, its interfaces are told as the kernel has them");

@@ -1,3 +1,4 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Process.h>
 #include <poll.h>
 #include <signal.h>
@@ -6,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -82,7 +82,7 @@ class Child final : public Process, public std::enable_shared_from_this<Child> {
   pid_t pid() const override { return pid_; }
   bool isRunning() const override { return descriptor() != nullptr; }
   std::optional<Status> status() const override {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return status_;
   }
 
@@ -120,14 +120,14 @@ class Child final : public Process, public std::enable_shared_from_this<Child> {
 
  private:
   std::shared_ptr<ProcessDescriptor> descriptor() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return fd_;
   }
 
   /// Takes the status of the child, which has ended. Whoever comes first does so: a thread that waits for the end need
   /// not wait for the service thread, which may be the thread that waits.
   void noteEnd() {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!fd_) return;
     siginfo_t info{};
     if (waitid(P_PIDFD, id_t(fd_->get()), &info, WEXITED) == 0)
@@ -141,9 +141,9 @@ class Child final : public Process, public std::enable_shared_from_this<Child> {
   }
 
   const pid_t pid_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<ProcessDescriptor> fd_;  // none once the child has ended
-  std::optional<Status> status_;
+  mutable Mutex mutex_;
+  std::shared_ptr<ProcessDescriptor> fd_ QELNK_GUARDED_BY(mutex_);  // none once the child has ended
+  std::optional<Status> status_ QELNK_GUARDED_BY(mutex_);
   TerminationHandler onExit_;  // the service thread's
 };
 

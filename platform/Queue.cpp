@@ -1,7 +1,7 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Queue.h>
 
 #include <atomic>
-#include <mutex>
 #include <system_error>
 
 #include "platform/LogFormat.h"
@@ -30,7 +30,7 @@ class SerialQueue final : public Queue {
     loop_->perform(std::move(task));
     if (started_) return;
     try {
-      const std::lock_guard lock(starting_);
+      const Lock lock(starting_);
       if (!started_) start();
     } catch (const std::system_error &error) {  // the next async() tries again
       logError("Queue {} could not start its thread: {}", label_, error.what());
@@ -41,7 +41,7 @@ class SerialQueue final : public Queue {
   const std::string &label() const override { return label_; }
 
  private:
-  void start() {
+  void start() QELNK_REQUIRES(starting_) {
     startThread(threadName(label_), [loop = loop_, finished = finished_] {
       RunLoopThread::adopt(loop);
       while (!*finished) loop->runOnce(std::chrono::nanoseconds::max());  // not run(): a task may call stop()
@@ -52,7 +52,7 @@ class SerialQueue final : public Queue {
   const std::string label_;
   const std::shared_ptr<RunLoop> loop_ = RunLoopThread::make();
   const std::shared_ptr<bool> finished_ = std::make_shared<bool>(false);  // the thread's own
-  std::mutex starting_;
+  Mutex starting_;
   std::atomic<bool> started_ = false;
 };
 

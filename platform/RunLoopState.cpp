@@ -75,7 +75,7 @@ RunLoop::State::News RunLoop::State::newsLocked() {
 }
 
 void RunLoop::State::bring(const News &news) {
-  if (news.notify) wakeUp_.notify_one();
+  if (news.notify) wakeUp_.notifyOne();
   if (news.descriptor >= 0) eventfd_write(news.descriptor, 1);
   if (news.executor) askHost(*news.executor);
 }
@@ -83,7 +83,7 @@ void RunLoop::State::bring(const News &news) {
 void RunLoop::State::wake() {
   News news;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     woken_ = true;
     news = newsLocked();
   }
@@ -109,7 +109,7 @@ void RunLoop::State::drainWakeDescriptor() {
 }
 
 int RunLoop::State::exposeWakeDescriptor() {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   openWakeDescriptor();
   if (!exposed_ && !signalled_ && (woken_ || waitingTasks() != 0)) {
     signalled_ = true;
@@ -124,7 +124,7 @@ int RunLoop::State::exposeWakeDescriptor() {
 bool RunLoop::State::perform(Task task) {
   News news;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (ended_) return false;
     incoming_.push_back(std::move(task));
     news = newsLocked();
@@ -157,7 +157,7 @@ void RunLoop::State::end() {
   const std::vector<Task> ready = std::exchange(ready_, {});
   nextReady_ = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ended_ = true;
     incoming.swap(incoming_);
     actions = timers_.cancelAll();
@@ -169,7 +169,7 @@ void RunLoop::State::end() {
 bool RunLoop::State::refill() {
   ready_.clear();
   nextReady_ = 0;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (ready_.capacity() > keptCapacity && incoming_.size() < keptCapacity) ready_ = {};  // a burst is over
   ready_.swap(incoming_);
   return !ready_.empty();
@@ -197,7 +197,7 @@ std::shared_ptr<LoopSource> RunLoop::State::performAfter(Time delay, Task task, 
   std::shared_ptr<Clock> toAttach;
   News news;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (!ended_) {
       const auto before = timers_.earliest();
       timer->action = std::move(action);
@@ -219,14 +219,14 @@ std::shared_ptr<LoopSource> RunLoop::State::performAfter(Time delay, Task task, 
 
 void RunLoop::State::cancel(TimerSet::Timer &timer) {
   std::shared_ptr<const Task> action;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   action = timers_.cancel(timer);
 }
 
 void RunLoop::State::cancelPerforms(const void *target) {
   if (!target) return;  // nobody's
   TimerSet::Actions actions;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   actions = timers_.cancelTarget(target);
 }
 
@@ -245,12 +245,12 @@ std::optional<Time> RunLoop::State::untilDue() const {
 }
 
 Time RunLoop::State::untilNextTimer(Time limit) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return std::min(limit, untilDue().value_or(limit));
 }
 
 void RunLoop::State::setClock(std::shared_ptr<Clock> next) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   clock.swap(next);
   movedByHand_ = clock->isMovedByHand();
   attached_ = false;
@@ -262,13 +262,13 @@ bool RunLoop::State::serveTimers(Time now, uint64_t order, bool stoppable) {
     std::shared_ptr<TimerSet::Timer> timer;
     std::shared_ptr<const Task> action;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       if (!(timer = timers_.takeDue(now, order))) break;
       action = timer->action;
     }
     runTask(*action);
     ran = true;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     timers_.giveBack(timer, now);
   }
   return ran;
@@ -284,7 +284,7 @@ std::shared_ptr<LoopSource> RunLoop::State::watch(int fd, Readiness events, Watc
   News news;
   std::exception_ptr failure;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     try {
       openWakeDescriptor();
       if (!watches_.isOpen()) {
@@ -307,14 +307,14 @@ std::shared_ptr<LoopSource> RunLoop::State::watch(int fd, Readiness events, Watc
 
 void RunLoop::State::cancel(WatchSet::Watch &watch) {
   std::shared_ptr<const WatchSet::Handler> handler;
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   handler = watches_.remove(watch);
 }
 
 bool RunLoop::State::callWatch(const WatchSet::Call &call) {
   std::shared_ptr<const WatchSet::Handler> handler;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     handler = call.watch->handler;
   }
   if (handler) runGuarded("RunLoop descriptor handler", [&] { (*handler)(call.ready); });
@@ -326,7 +326,7 @@ bool RunLoop::State::serveWatches(std::span<epoll_event> events, uint64_t turn, 
   for (const epoll_event &event : events) {
     std::vector<WatchSet::Call> calls;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       calls = watches_.callsFor(event);
     }
     for (const WatchSet::Call &call : calls) {
@@ -340,16 +340,16 @@ bool RunLoop::State::serveWatches(std::span<epoll_event> events, uint64_t turn, 
 
 // --- Turning ---
 
-std::span<epoll_event> RunLoop::State::sleep(std::unique_lock<std::mutex> &lock, std::optional<Time> limit,
-                                             std::span<epoll_event> room) {
+std::span<epoll_event> RunLoop::State::sleep(Lock<> &lock, std::optional<Time> limit, std::span<epoll_event> room) {
   sleeping_ = limit != Time::zero();
   std::span<epoll_event> events;
   if (watches_.isOpen()) {
-    lock.unlock();
-    events = WatchSet::wait(watches_.descriptor(), room, limit);
-    lock.lock();
+    const int descriptor = watches_.descriptor();
+    mutex_.unlock();  // not through `lock`, which the analysis does not follow into here
+    events = WatchSet::wait(descriptor, room, limit);
+    mutex_.lock();
   } else if (limit) {
-    wakeUp_.wait_until(lock, std::chrono::steady_clock::time_point(later(steadyNow(), *limit)));
+    wakeUp_.waitUntil(lock, std::chrono::steady_clock::time_point(later(steadyNow(), *limit)));
   } else {
     wakeUp_.wait(lock);
   }
@@ -359,8 +359,7 @@ std::span<epoll_event> RunLoop::State::sleep(std::unique_lock<std::mutex> &lock,
 }
 
 /// Waits, at most `limit`, until there is something to serve; what is watched is looked at in any case.
-std::span<epoll_event> RunLoop::State::waitForWork(std::unique_lock<std::mutex> &lock, Time limit,
-                                                   std::span<epoll_event> room) {
+std::span<epoll_event> RunLoop::State::waitForWork(Lock<> &lock, Time limit, std::span<epoll_event> room) {
   drainWakeDescriptor();
   const Time end = limit > Time::zero() ? later(steadyNow(), limit) : Time::zero();
   for (;;) {
@@ -382,7 +381,7 @@ std::span<epoll_event> RunLoop::State::waitForWork(std::unique_lock<std::mutex> 
 /// bound to no thread.
 bool RunLoop::State::mayTurn() const {
   if (belongsHere()) return true;
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   const bool ended = ended_;
   lock.unlock();
   if (!ended) logError("RunLoop was turned on another thread than its own");
@@ -392,7 +391,7 @@ bool RunLoop::State::mayTurn() const {
 bool RunLoop::State::turn(Time limit, bool stoppable) {
   if (!mayTurn()) return false;
   std::array<epoll_event, 64> room;
-  std::unique_lock lock(mutex_);
+  Lock lock(mutex_);
   const uint64_t turn = ++turns_;
   const auto events = waitForWork(lock, limit, room);
   woken_ = false;
@@ -410,7 +409,7 @@ void RunLoop::State::run() {
   while (!stopping_.exchange(false)) turn(Time::max(), true);
   News news;  // of the tasks left over
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (waitingTasks() != 0) news = newsLocked();
   }
   bring(news);

@@ -1,10 +1,9 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -59,19 +58,19 @@ struct QELNK_HIDDEN RunLoop::State : std::enable_shared_from_this<RunLoop::State
     int descriptor = -1;
     std::shared_ptr<const Executor> executor;
   };
-  News newsLocked();
-  void bring(const News &news);
-  bool isDue() const;
-  std::optional<Time> untilDue() const;
+  News newsLocked() QELNK_REQUIRES(mutex_);
+  void bring(const News &news) QELNK_EXCLUDES(mutex_);
+  bool isDue() const QELNK_REQUIRES(mutex_);
+  std::optional<Time> untilDue() const QELNK_REQUIRES(mutex_);
 
   // The loop's own thread, under the mutex.
-  size_t waitingTasks() const { return incoming_.size() + (ready_.size() - nextReady_); }
-  bool hasWork() const { return waitingTasks() != 0 || isDue(); }
-  std::span<epoll_event> waitForWork(std::unique_lock<std::mutex> &lock, Time limit, std::span<epoll_event> room);
-  std::span<epoll_event> sleep(std::unique_lock<std::mutex> &lock, std::optional<Time> limit,
-                               std::span<epoll_event> room);
-  void openWakeDescriptor();
-  void drainWakeDescriptor();
+  size_t waitingTasks() const QELNK_REQUIRES(mutex_) { return incoming_.size() + (ready_.size() - nextReady_); }
+  bool hasWork() const QELNK_REQUIRES(mutex_) { return waitingTasks() != 0 || isDue(); }
+  std::span<epoll_event> waitForWork(Lock<> &lock, Time limit, std::span<epoll_event> room) QELNK_REQUIRES(mutex_);
+  std::span<epoll_event> sleep(Lock<> &lock, std::optional<Time> limit, std::span<epoll_event> room)
+      QELNK_REQUIRES(mutex_);
+  void openWakeDescriptor() QELNK_REQUIRES(mutex_);
+  void drainWakeDescriptor() QELNK_REQUIRES(mutex_);
 
   bool mayTurn() const;
   bool serveTasks(uint64_t limit, bool stoppable);
@@ -82,26 +81,26 @@ struct QELNK_HIDDEN RunLoop::State : std::enable_shared_from_this<RunLoop::State
   bool mustStop(bool stoppable) const { return stoppable && stopping_.load(std::memory_order_relaxed); }
 
   struct HostTurn;
-  void askHost(const Executor &executor);
-  void serveForHost();
-  bool hostWatchIsStale() const;
-  void keepForHost();
-  void watchForHost();
-  void wakeHost();
+  void askHost(const Executor &executor) QELNK_EXCLUDES(mutex_);
+  void serveForHost() QELNK_EXCLUDES(mutex_);
+  bool hostWatchIsStale() const QELNK_REQUIRES(mutex_);
+  void keepForHost() QELNK_EXCLUDES(mutex_);
+  void watchForHost() QELNK_EXCLUDES(mutex_);
+  void wakeHost() QELNK_EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  std::vector<Task> incoming_;
-  TimerSet timers_;
-  WatchSet watches_;
-  int wakeDescriptor_ = -1;
-  bool exposed_ = false;    // somebody else polls the wake descriptor
-  bool signalled_ = false;  // it has been written, or is about to be
-  bool sleeping_ = false;
-  bool woken_ = false;  // no wait until the next turn
-  bool ended_ = false;
-  bool attached_ = false;  // the clock knows this loop
-  bool movedByHand_ = false;
+  mutable Mutex mutex_;
+  Condition wakeUp_;
+  std::vector<Task> incoming_ QELNK_GUARDED_BY(mutex_);
+  TimerSet timers_ QELNK_GUARDED_BY(mutex_);
+  WatchSet watches_ QELNK_GUARDED_BY(mutex_);
+  int wakeDescriptor_ QELNK_GUARDED_BY(mutex_) = -1;
+  bool exposed_ QELNK_GUARDED_BY(mutex_) = false;    // somebody else polls the wake descriptor
+  bool signalled_ QELNK_GUARDED_BY(mutex_) = false;  // it has been written, or is about to be
+  bool sleeping_ QELNK_GUARDED_BY(mutex_) = false;
+  bool woken_ QELNK_GUARDED_BY(mutex_) = false;  // no wait until the next turn
+  bool ended_ QELNK_GUARDED_BY(mutex_) = false;
+  bool attached_ QELNK_GUARDED_BY(mutex_) = false;  // the clock knows this loop
+  bool movedByHand_ QELNK_GUARDED_BY(mutex_) = false;
   std::atomic<bool> stopping_ = false;
 
   // The loop's own thread: tasks taken out of `incoming_`, which a nested turn goes on with.
@@ -111,13 +110,13 @@ struct QELNK_HIDDEN RunLoop::State : std::enable_shared_from_this<RunLoop::State
   uint64_t turns_ = 0;
 
   // The main loop in a host with a loop of its own.
-  std::shared_ptr<const Executor> executor_;
-  int executorCalls_ = 0;                               // under way, or about to be
-  std::condition_variable executorLeft_;                // there are none any more
-  bool hostAsked_ = false;                              // it has a closure that it has not run yet
+  std::shared_ptr<const Executor> executor_ QELNK_GUARDED_BY(mutex_);
+  int executorCalls_ QELNK_GUARDED_BY(mutex_) = 0;      // under way, or about to be
+  Condition executorLeft_;                              // there are none any more
+  bool hostAsked_ QELNK_GUARDED_BY(mutex_) = false;     // it has a closure that it has not run yet
   std::vector<std::shared_ptr<LoopSource>> hostWatch_;  // the service thread's, which asks the host at the next event
-  std::optional<Time> hostWatchDeadline_;               // what it waits for
-  bool hostWatchesDescriptors_ = false;
+  std::optional<Time> hostWatchDeadline_ QELNK_GUARDED_BY(mutex_);  // what it waits for
+  bool hostWatchesDescriptors_ QELNK_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace qelnk

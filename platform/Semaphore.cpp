@@ -9,7 +9,7 @@ namespace qelnk {
 void Semaphore::signal() {
   std::vector<std::shared_ptr<RunLoop>> loops;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ++count_;
     for (const auto &waiter : waiters_)
       if (auto loop = waiter.lock()) loops.push_back(std::move(loop));
@@ -19,7 +19,7 @@ void Semaphore::signal() {
 }
 
 bool Semaphore::tryWait() {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (count_ <= 0) return false;
   --count_;
   return true;
@@ -29,11 +29,11 @@ void Semaphore::wait(std::chrono::nanoseconds step) {
   if (tryWait()) return;
   const auto loop = RunLoop::current();
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     waiters_.push_back(loop);
   }
   while (!tryWait()) loop->runOnce(step);
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   waiters_.erase(
       std::find_if(waiters_.begin(), waiters_.end(), [&](const auto &waiter) { return waiter.lock() == loop; }));
 }

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 
-#include <mutex>
 #include <vector>
 
 namespace qelnk {
@@ -22,9 +22,9 @@ class Semaphore {
   void wait(std::chrono::nanoseconds step = std::chrono::milliseconds(100));
 
  private:
-  std::mutex mutex_;
-  int count_;
-  std::vector<std::weak_ptr<RunLoop>> waiters_;
+  Mutex mutex_;
+  int count_ QELNK_GUARDED_BY(mutex_);
+  std::vector<std::weak_ptr<RunLoop>> waiters_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace qelnk

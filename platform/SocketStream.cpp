@@ -1,6 +1,7 @@
 // Byte streams on a socket.
 
 #include <QELNetworkKit/ByteStream.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <utility>
 
 #include "platform/Connector.h"
@@ -53,66 +53,64 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(const Connection &) = delete;
   Connection &operator=(const Connection &) = delete;
 
-  void setTarget(End &end, ByteStream::EventTarget target);
-  void schedule(End &end, std::shared_ptr<RunLoop> loop);
-  void unschedule(End &end);
-  void open(End &end);
-  void close(End &end);
+  void setTarget(End Connection::*which, ByteStream::EventTarget target);
+  void schedule(End Connection::*which, std::shared_ptr<RunLoop> loop);
+  void unschedule(End Connection::*which);
+  void open(End Connection::*which);
+  void close(End Connection::*which);
   std::error_code error() const;
 
   bool hasBytesAvailable();
   ssize_t read(std::span<uint8_t> room);
   ssize_t write(std::span<const uint8_t> bytes);
 
-  End input, output;
+  End input QELNK_GUARDED_BY(mutex_), output QELNK_GUARDED_BY(mutex_);
 
  private:
-  using Lock = std::unique_lock<std::mutex>;
-  void take(int socket);
+  void take(int socket) QELNK_REQUIRES(mutex_);
   void connected(int socket, std::error_code error);
 
-  // Under the lock.
-  void post(End &end, void (Connection::*work)());
-  void arm(End &end, Readiness events, void (Connection::*work)());
-  void disarm(End &end);
-  void begin(End &end);
-  void fail(std::error_code error);
-  void goOnReading();
-  void goOnWriting();
-  void fill();
-  bool isRead() const { return buffered_.empty(); }
+  void post(End &end, void (Connection::*work)()) QELNK_REQUIRES(mutex_);
+  void arm(End &end, Readiness events, void (Connection::*work)()) QELNK_REQUIRES(mutex_);
+  void disarm(End &end) QELNK_REQUIRES(mutex_);
+  void begin(End &end) QELNK_REQUIRES(mutex_);
+  void fail(std::error_code error) QELNK_REQUIRES(mutex_);
+  void goOnReading() QELNK_REQUIRES(mutex_);
+  void goOnWriting() QELNK_REQUIRES(mutex_);
+  void fill() QELNK_REQUIRES(mutex_);
+  bool isRead() const QELNK_REQUIRES(mutex_) { return buffered_.empty(); }
 
-  // On the loop's thread, without the lock.
-  void tell(End &end, StreamEvent event);
-  void tellLast(End &end);
-  void beginInput();
-  void beginOutput();
-  void tellInputLast() { tellLast(input); }
-  void tellOutputLast() { tellLast(output); }
-  void readable();
-  void tellBytes();
-  void writable();
-  void tellSpace();
+  // On the loop's thread.
+  void tell(End Connection::*which, StreamEvent event) QELNK_EXCLUDES(mutex_);
+  void tellLast(End Connection::*which) QELNK_EXCLUDES(mutex_);
+  void beginInput() QELNK_EXCLUDES(mutex_);
+  void beginOutput() QELNK_EXCLUDES(mutex_);
+  void tellInputLast() QELNK_EXCLUDES(mutex_) { tellLast(&Connection::input); }
+  void tellOutputLast() QELNK_EXCLUDES(mutex_) { tellLast(&Connection::output); }
+  void readable() QELNK_EXCLUDES(mutex_);
+  void tellBytes() QELNK_EXCLUDES(mutex_);
+  void writable() QELNK_EXCLUDES(mutex_);
+  void tellSpace() QELNK_EXCLUDES(mutex_);
 
   const std::string host_;
   const uint16_t port_;
-  mutable std::mutex mutex_;  // guards all below and the ends
-  int socket_ = -1;
-  std::error_code error_;
-  bool connecting_ = false;
-  std::shared_ptr<Connector> connector_;
+  mutable Mutex mutex_;
+  int socket_ QELNK_GUARDED_BY(mutex_) = -1;
+  std::error_code error_ QELNK_GUARDED_BY(mutex_);
+  bool connecting_ QELNK_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<Connector> connector_ QELNK_GUARDED_BY(mutex_);
 
-  std::unique_ptr<uint8_t[]> buffer_;
-  std::span<uint8_t> buffered_;  // read from the system and not yet by the target
-  bool ended_ = false;           // the other side has sent all
-  bool bytesPosted_ = false;     // tellBytes() is to come
-  bool tellingBytes_ = false;
-  bool wasRead_ = false;  // since the last event was told
-  int readsLeft_ = 0;     // of those for an event
+  std::unique_ptr<uint8_t[]> buffer_ QELNK_GUARDED_BY(mutex_);
+  std::span<uint8_t> buffered_ QELNK_GUARDED_BY(mutex_);  // read from the system and not yet by the target
+  bool ended_ QELNK_GUARDED_BY(mutex_) = false;           // the other side has sent all
+  bool bytesPosted_ QELNK_GUARDED_BY(mutex_) = false;     // tellBytes() is to come
+  bool tellingBytes_ QELNK_GUARDED_BY(mutex_) = false;
+  bool wasRead_ QELNK_GUARDED_BY(mutex_) = false;  // since the last event was told
+  int readsLeft_ QELNK_GUARDED_BY(mutex_) = 0;     // of those for an event
 
-  bool spacePosted_ = false;
-  bool tellingSpace_ = false;
-  bool wasWritten_ = false;  // since the last event was told
+  bool spacePosted_ QELNK_GUARDED_BY(mutex_) = false;
+  bool tellingSpace_ QELNK_GUARDED_BY(mutex_) = false;
+  bool wasWritten_ QELNK_GUARDED_BY(mutex_) = false;  // since the last event was told
 };
 
 void Connection::take(int socket) {
@@ -123,19 +121,22 @@ void Connection::take(int socket) {
   setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
 }
 
-void Connection::setTarget(End &end, ByteStream::EventTarget target) {
+void Connection::setTarget(End Connection::*which, ByteStream::EventTarget target) {
   auto next = target ? std::make_shared<const ByteStream::EventTarget>(std::move(target)) : nullptr;
   const Lock lock(mutex_);
+  End &end = this->*which;
   end.target.swap(next);
 }
 
-void Connection::schedule(End &end, std::shared_ptr<RunLoop> loop) {
+void Connection::schedule(End Connection::*which, std::shared_ptr<RunLoop> loop) {
   const Lock lock(mutex_);
+  End &end = this->*which;
   end.loop = std::move(loop);
 }
 
-void Connection::unschedule(End &end) {
+void Connection::unschedule(End Connection::*which) {
   const Lock lock(mutex_);
+  End &end = this->*which;
   disarm(end);
   end.loop = nullptr;
 }
@@ -145,8 +146,9 @@ std::error_code Connection::error() const {
   return error_;
 }
 
-void Connection::open(End &end) {
+void Connection::open(End Connection::*which) {
   Lock lock(mutex_);
+  End &end = this->*which;
   if (std::exchange(end.asked, true) || end.closed || !end.loop) return;
   if (socket_ >= 0 || error_) return begin(end);
   if (std::exchange(connecting_, true)) return;
@@ -163,15 +165,17 @@ void Connection::open(End &end) {
   lock.unlock();
 }
 
-void Connection::close(End &end) {
+void Connection::close(End Connection::*which) {
   std::shared_ptr<Connector> connector;
   std::shared_ptr<const ByteStream::EventTarget> target;  // goes after the lock
   Lock lock(mutex_);
+  End &end = this->*which;
   if (std::exchange(end.closed, true)) return;
   disarm(end);
   target.swap(end.target);
   if (!input.closed || !output.closed) {
-    if (&end == &output && socket_ >= 0) shutdown(socket_, SHUT_WR);  // the other side hears of it behind all data
+    if (which == &Connection::output && socket_ >= 0)
+      shutdown(socket_, SHUT_WR);  // the other side hears of it behind all data
     return;
   }
   connector.swap(connector_);
@@ -236,8 +240,9 @@ void Connection::fail(std::error_code error) {
   }
 }
 
-void Connection::tell(End &end, StreamEvent event) {
+void Connection::tell(End Connection::*which, StreamEvent event) {
   Lock lock(mutex_);
+  End &end = this->*which;
   if (end.closed || !end.loop || end.told) return;
   if (event == StreamEvent::opened) end.open = true;
   if (event == StreamEvent::error || event == StreamEvent::end) end.told = true;
@@ -246,16 +251,16 @@ void Connection::tell(End &end, StreamEvent event) {
   if (target) runGuarded("ByteStream event target", [&] { (*target)(event); });
 }
 
-void Connection::tellLast(End &end) { tell(end, error() ? StreamEvent::error : StreamEvent::end); }
+void Connection::tellLast(End Connection::*which) { tell(which, error() ? StreamEvent::error : StreamEvent::end); }
 
 void Connection::beginInput() {
-  tell(input, StreamEvent::opened);
+  tell(&Connection::input, StreamEvent::opened);
   const Lock lock(mutex_);
   arm(input, Readiness::readable, &Connection::readable);
 }
 
 void Connection::beginOutput() {
-  tell(output, StreamEvent::opened);
+  tell(&Connection::output, StreamEvent::opened);
   tellSpace();
 }
 
@@ -293,7 +298,7 @@ void Connection::tellBytes() {
     readsLeft_ = readsForAnEvent;
     wasRead_ = false;
     lock.unlock();
-    tell(input, StreamEvent::bytesAvailable);
+    tell(&Connection::input, StreamEvent::bytesAvailable);
     lock.lock();
     tellingBytes_ = nested;
   }
@@ -377,7 +382,7 @@ void Connection::tellSpace() {
   do {
     wasWritten_ = false;
     lock.unlock();
-    tell(output, StreamEvent::spaceAvailable);
+    tell(&Connection::output, StreamEvent::spaceAvailable);
     lock.lock();
   } while (wasWritten_ && !output.watch && --left > 0);
   tellingSpace_ = false;
@@ -396,17 +401,15 @@ template <class Interface, Connection::End Connection::*end>
 class SocketStream : public Interface {
  public:
   explicit SocketStream(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
-  ~SocketStream() override { connection_->close(*connection_.*end); }
+  ~SocketStream() override { connection_->close(end); }
   SocketStream(const SocketStream &) = delete;
   SocketStream &operator=(const SocketStream &) = delete;
 
-  void setEventTarget(ByteStream::EventTarget target) override {
-    connection_->setTarget(*connection_.*end, std::move(target));
-  }
-  void schedule(const std::shared_ptr<RunLoop> &loop) override { connection_->schedule(*connection_.*end, loop); }
-  void unschedule() override { connection_->unschedule(*connection_.*end); }
-  void open() override { connection_->open(*connection_.*end); }
-  void close() override { connection_->close(*connection_.*end); }
+  void setEventTarget(ByteStream::EventTarget target) override { connection_->setTarget(end, std::move(target)); }
+  void schedule(const std::shared_ptr<RunLoop> &loop) override { connection_->schedule(end, loop); }
+  void unschedule() override { connection_->unschedule(end); }
+  void open() override { connection_->open(end); }
+  void close() override { connection_->close(end); }
   std::error_code error() const override { return connection_->error(); }
 
  protected:

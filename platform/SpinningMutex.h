@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <mutex>
 #include <thread>
 
@@ -9,9 +11,9 @@ namespace qelnk {
 /// few times before it sleeps, since to sleep and to be woken costs both sides a hundred times as much.
 ///
 /// Threads: any.
-class SpinningMutex {
+class QELNK_CAPABILITY("mutex") SpinningMutex {
  public:
-  void lock() {
+  void lock() QELNK_ACQUIRE() {
     constexpr int attempts = 32;
     for (int i = 0; i < attempts; ++i) {
       if (mutex_.try_lock()) return;
@@ -19,8 +21,8 @@ class SpinningMutex {
     }
     mutex_.lock();
   }
-  bool try_lock() { return mutex_.try_lock(); }
-  void unlock() { mutex_.unlock(); }
+  bool try_lock() QELNK_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+  void unlock() QELNK_RELEASE() { mutex_.unlock(); }
 
  private:
   std::recursive_mutex mutex_;

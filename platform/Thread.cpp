@@ -1,10 +1,11 @@
 #include "platform/Thread.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <pthread.h>
 #include <signal.h>
 
 #include <initializer_list>
-#include <mutex>
 #include <vector>
 
 #include "platform/Appointment.h"
@@ -48,12 +49,12 @@ std::thread startThread(const std::string &name, std::function<void()> body) {
 
 struct Thread::Shared {
   std::atomic<bool> finished = false;
-  std::mutex joining;
-  std::mutex waiting;
-  std::vector<std::shared_ptr<MeetingPoint>> waiters;
+  Mutex joining;
+  Mutex waiting;
+  std::vector<std::shared_ptr<MeetingPoint>> waiters QELNK_GUARDED_BY(waiting);
 
   void finish() {
-    std::unique_lock lock(waiting);
+    Lock lock(waiting);
     finished = true;
     const auto told = std::move(waiters);
     lock.unlock();
@@ -95,7 +96,7 @@ bool Thread::endsWithin(std::chrono::nanoseconds limit) {
   if (isCurrent()) return false;
   const auto here = MeetingPoint::here();
   {
-    const std::lock_guard lock(shared_->waiting);
+    const Lock lock(shared_->waiting);
     if (shared_->finished) return true;
     shared_->waiters.push_back(here);
   }
@@ -104,7 +105,7 @@ bool Thread::endsWithin(std::chrono::nanoseconds limit) {
 
 void Thread::join() {
   if (isCurrent()) return;
-  const std::lock_guard lock(shared_->joining);
+  const Lock lock(shared_->joining);
   if (thread_.joinable()) thread_.join();
 }
 

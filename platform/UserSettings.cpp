@@ -1,3 +1,4 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/UserSettings.h>
 #include <simdjson.h>
 
@@ -8,7 +9,6 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <mutex>
 
 #include "platform/LogFormat.h"
 
@@ -87,12 +87,12 @@ fs::path settingsFile(const std::string &application) {
 
 /// What names the settings of this application until they are read.
 struct Application {
-  std::mutex mutex;
-  std::string name;
-  bool used = false;
+  Mutex mutex;
+  std::string name QELNK_GUARDED_BY(mutex);
+  bool used QELNK_GUARDED_BY(mutex) = false;
 
   std::string use() {
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     used = true;
     return name.empty() ? programName() : name;
   }
@@ -106,11 +106,11 @@ Application &application() {
 }  // namespace
 
 struct QELNK_HIDDEN UserSettings::State {
-  mutable std::mutex mutex;
-  Settings settings;
+  mutable Mutex mutex;
+  Settings settings QELNK_GUARDED_BY(mutex);
 
   std::optional<Setting> find(std::string_view key) const {
-    const std::lock_guard lock(mutex);
+    const Lock lock(mutex);
     const auto found = settings.find(key);
     return found == settings.end() ? std::nullopt : std::optional(found->second);
   }
@@ -123,7 +123,7 @@ UserSettings &UserSettings::standard() {
 
 void UserSettings::setApplicationName(std::string name) {
   Application &mine = application();
-  const std::lock_guard lock(mine.mutex);
+  const Lock lock(mine.mutex);
   if (mine.used) logError("UserSettings were read already: the application name {} comes too late", name);
   mine.name = std::move(name);
 }
@@ -159,12 +159,12 @@ std::optional<std::string> UserSettings::stringForKey(std::string_view key) cons
 }
 
 void UserSettings::set(std::string key, Setting value) {
-  const std::lock_guard lock(state_->mutex);
+  const Lock lock(state_->mutex);
   state_->settings.insert_or_assign(std::move(key), std::move(value));
 }
 
 void UserSettings::remove(std::string_view key) {
-  const std::lock_guard lock(state_->mutex);
+  const Lock lock(state_->mutex);
   if (const auto found = state_->settings.find(key); found != state_->settings.end()) state_->settings.erase(found);
 }
 

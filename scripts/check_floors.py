@@ -9,7 +9,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 # Lower floors have lower numbers; those of the same number stand side by side and do not know each other.
 FLOORS = {"platform": 0, "encoding": 1, "messaging": 2, "legacy": 2, "netutil": 2, "daemon": 3, "tools": 4}
 PUBLIC = {
-    "platform": "Export Clock RunLoop Queue Log UserSettings Process NetService Version ByteStream QELProjectTimecode",
+    "platform": "Export Mutex Clock RunLoop Queue Log UserSettings Process NetService Version ByteStream QELProjectTimecode",
     "encoding": "Value Error PQODictionary XMLDocument JSON MPMessagePack cmp",
     "messaging": "ZMQException ZMQContext ZMQSocket QELNKContext QELNKSocket QELNKMessage QELNKClient QELNKServer "
                  "QELNKPublisher QELNKSubscriber QELNKMonitor",

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace qelnk {
@@ -52,10 +52,10 @@ class QELNK_EXPORT ManualClock final : public Clock {
   void setWallTime(double seconds);
 
  private:
-  mutable std::mutex mutex_;
-  std::chrono::nanoseconds now_;
-  double wallTime_;
-  std::vector<std::weak_ptr<RunLoop>> loops_;
+  mutable Mutex mutex_;
+  std::chrono::nanoseconds now_ QELNK_GUARDED_BY(mutex_);
+  double wallTime_ QELNK_GUARDED_BY(mutex_);
+  std::vector<std::weak_ptr<RunLoop>> loops_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace qelnk

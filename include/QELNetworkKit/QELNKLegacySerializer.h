@@ -1,10 +1,10 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKLegacyStream.h>
 #include <QELNetworkKit/Value.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 /// Writes to a legacy stream on a thread of its own, so that the caller never waits for the stream's lock.
@@ -31,6 +31,6 @@ class QELNK_EXPORT QELNKLegacySerializer {
  private:
   struct StreamThread;
   const std::shared_ptr<QELNKLegacyStream> stream_;
-  std::mutex mutex_;
-  std::unique_ptr<StreamThread> streamThread_;
+  qelnk::Mutex mutex_;
+  std::unique_ptr<StreamThread> streamThread_ QELNK_GUARDED_BY(mutex_);
 };

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 /// A wired network service of this machine, with the IPv4 address that it had when it was looked up.
@@ -21,17 +21,17 @@ class QELNK_EXPORT QELNKNetworkInterface {
   QELNKNetworkInterface &operator=(const QELNKNetworkInterface &) = delete;
 
   /// The system's name of the device, "eth0".
-  std::string deviceName() const { return get(deviceName_); }
-  void setDeviceName(std::string name) { set(deviceName_, std::move(name)); }
+  std::string deviceName() const { return get(&QELNKNetworkInterface::deviceName_); }
+  void setDeviceName(std::string name) { set(&QELNKNetworkInterface::deviceName_, std::move(name)); }
   /// What the user calls this network.
-  std::string userDefinedName() const { return get(userDefinedName_); }
-  void setUserDefinedName(std::string name) { set(userDefinedName_, std::move(name)); }
+  std::string userDefinedName() const { return get(&QELNKNetworkInterface::userDefinedName_); }
+  void setUserDefinedName(std::string name) { set(&QELNKNetworkInterface::userDefinedName_, std::move(name)); }
   /// The first address, as "192.168.1.20".
-  std::string currentIPv4() const { return get(currentIPv4_); }
-  void setCurrentIPv4(std::string address) { set(currentIPv4_, std::move(address)); }
+  std::string currentIPv4() const { return get(&QELNKNetworkInterface::currentIPv4_); }
+  void setCurrentIPv4(std::string address) { set(&QELNKNetworkInterface::currentIPv4_, std::move(address)); }
   /// Stays the same across restarts: what a host remembers of its user's choice.
-  std::string deviceUUID() const { return get(deviceUUID_); }
-  void setDeviceUUID(std::string identifier) { set(deviceUUID_, std::move(identifier)); }
+  std::string deviceUUID() const { return get(&QELNKNetworkInterface::deviceUUID_); }
+  void setDeviceUUID(std::string identifier) { set(&QELNKNetworkInterface::deviceUUID_, std::move(identifier)); }
 
   /// currentIPv4() as a number in host byte order, the first octet highest; 0 without one. A part that is no number
   /// counts as 0.
@@ -41,15 +41,17 @@ class QELNK_EXPORT QELNKNetworkInterface {
   std::string description() const;
 
  private:
-  std::string get(const std::string &property) const {
-    const std::lock_guard lock(mutex_);
-    return property;
+  using Property = std::string QELNKNetworkInterface::*;
+  std::string get(Property property) const {
+    const qelnk::Lock lock(mutex_);
+    return this->*property;
   }
-  void set(std::string &property, std::string value) {
-    const std::lock_guard lock(mutex_);
-    property.swap(value);
+  void set(Property property, std::string value) {
+    const qelnk::Lock lock(mutex_);
+    (this->*property).swap(value);
   }
 
-  mutable std::mutex mutex_;  // guards the rest
-  std::string deviceName_, userDefinedName_, currentIPv4_, deviceUUID_;
+  mutable qelnk::Mutex mutex_;
+  std::string deviceName_ QELNK_GUARDED_BY(mutex_), userDefinedName_ QELNK_GUARDED_BY(mutex_);
+  std::string currentIPv4_ QELNK_GUARDED_BY(mutex_), deviceUUID_ QELNK_GUARDED_BY(mutex_);
 };

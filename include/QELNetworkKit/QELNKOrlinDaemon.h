@@ -1,12 +1,12 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Process.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -44,9 +44,9 @@ class QELNK_EXPORT QELNKOrlinDaemon {
   void noteEnd();
 
   const int64_t port_, webSocketPort_;
-  mutable std::mutex mutex_;  // guards what follows
-  std::string project_;
-  std::shared_ptr<qelnk::Process> task_;
-  bool hasEnded_ = false;
-  std::vector<std::function<void()>> notices_;
+  mutable qelnk::Mutex mutex_;
+  std::string project_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<qelnk::Process> task_ QELNK_GUARDED_BY(mutex_);
+  bool hasEnded_ QELNK_GUARDED_BY(mutex_) = false;
+  std::vector<std::function<void()>> notices_ QELNK_GUARDED_BY(mutex_);
 };

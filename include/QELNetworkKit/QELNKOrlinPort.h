@@ -1,13 +1,13 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Value.h>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -104,8 +104,8 @@ class QELNK_EXPORT QELNKOrlinPort {
   std::atomic<int32_t> intValue_{0};
   std::atomic<double> doubleValue_{0};
   std::atomic<bool> boolValue_{false};
-  mutable std::mutex mutex_;  // guards what follows
-  std::optional<std::string> stringValue_;
-  std::optional<qelnk::Value> arrayValue_;
-  std::shared_ptr<const UpdateBlock> updateBlock_;
+  mutable qelnk::Mutex mutex_;
+  std::optional<std::string> stringValue_ QELNK_GUARDED_BY(mutex_);
+  std::optional<qelnk::Value> arrayValue_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<const UpdateBlock> updateBlock_ QELNK_GUARDED_BY(mutex_);
 };

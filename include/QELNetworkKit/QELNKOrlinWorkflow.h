@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKOrlinPort.h>
 #include <QELNetworkKit/Value.h>
 
@@ -8,7 +9,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,8 +66,9 @@ class QELNK_EXPORT QELNKOrlinWorkflow {
   std::optional<std::string> name_, uid_;
   bool executeOnRun_;
   std::atomic<bool> executing_;
-  mutable std::mutex mutex_;  // guards what follows
-  std::vector<std::shared_ptr<QELNKOrlinPort>> ports_;
-  std::unordered_map<std::string_view, size_t> portsByID_;  // views into the ports' own identifiers
-  PortAddedBlock onPortAdded_;                              // set by the client that mirrors this workflow
+  mutable qelnk::Mutex mutex_;
+  std::vector<std::shared_ptr<QELNKOrlinPort>> ports_ QELNK_GUARDED_BY(mutex_);
+  // By views into the ports' own identifiers.
+  std::unordered_map<std::string_view, size_t> portsByID_ QELNK_GUARDED_BY(mutex_);
+  PortAddedBlock onPortAdded_;  // set by the client that mirrors this workflow, before anybody else has it
 };

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 class QELNKPingleton;
@@ -49,9 +49,9 @@ class QELNK_EXPORT QELNKPingleton : public std::enable_shared_from_this<QELNKPin
 
  private:
   struct Watched;
-  bool isAwaited(const std::string &address, const std::shared_ptr<Watched> &watched) const;
+  bool isAwaited(const std::string &address, const std::shared_ptr<Watched> &watched) const QELNK_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;  // guards the rest
-  std::map<std::string, std::shared_ptr<Watched>> watched_;
-  bool printsPings_ = false;
+  mutable qelnk::Mutex mutex_;
+  std::map<std::string, std::shared_ptr<Watched>> watched_ QELNK_GUARDED_BY(mutex_);
+  bool printsPings_ QELNK_GUARDED_BY(mutex_) = false;
 };

@@ -2,13 +2,13 @@
 
 #include <QELNetworkKit/Error.h>
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKSocket.h>
 #include <QELNetworkKit/Value.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 /// Broadcasts messages to whoever has subscribed. The peer of QELNKSubscriber.
 ///
@@ -48,12 +48,13 @@ class QELNK_EXPORT QELNKPublisher : public QELNKSocket {
  protected:
   /// For create() of subclasses.
   explicit QELNKPublisher(std::shared_ptr<QELNKContext> context);
-  std::unique_lock<std::mutex> lockSocket() override { return std::unique_lock(sending_); }
+  std::unique_lock<qelnk::Mutex> lockSocket() override { return std::unique_lock(sending_); }
   friend class QELNKSocket;
 
  private:
-  std::mutex sending_;  // one thread at a time uses the socket
-  bool closeWhenBound_ = false;
-  bool binding_ = false;  // nobody does: it is being made, and handed to the host's socket block
+  qelnk::Mutex sending_;  // one thread at a time uses the socket
+  bool closeWhenBound_ QELNK_GUARDED_BY(sending_) = false;
+  // Nobody does: it is being made, and handed to the host's socket block.
+  bool binding_ QELNK_GUARDED_BY(sending_) = false;
   std::atomic<int32_t> port_{0};
 };

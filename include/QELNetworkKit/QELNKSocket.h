@@ -3,6 +3,7 @@
 #include <QELNetworkKit/Clock.h>
 #include <QELNetworkKit/Error.h>
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/Value.h>
 
@@ -143,8 +144,9 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Whether the thread is to end. On the io thread.
   bool isCancelled() const;
 
-  /// What has to be held while another thread than the socket's own uses it; nothing here, where there is none.
-  virtual std::unique_lock<std::mutex> lockSocket() { return {}; }
+  /// What has to be held while another thread than the socket's own uses it; nothing here, where there is none. Which
+  /// mutex that is the class decides, so the analysis does not know it.
+  virtual std::unique_lock<qelnk::Mutex> lockSocket() { return {}; }
   /// Makes the ZeroMQ socket for an endpoint, to which it is yet to connect or bind. What it has not
   /// sent when it closes has `linger` to leave. On the thread that is to own it. Throws ZMQException.
   std::shared_ptr<ZMQSocket> openSocket(const std::string &endpoint, std::chrono::milliseconds linger = {});
@@ -185,20 +187,20 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
     void operator()(QELNKSocket *socket) const;
   };
   static bool isUsable(const std::shared_ptr<QELNKContext> &context);
-  std::shared_ptr<IOThread> thread() const;
+  std::shared_ptr<IOThread> thread() const QELNK_EXCLUDES(mutex_);
   static std::optional<qelnk::Value> deserialize(std::span<const uint8_t> frame, int32_t type, qelnk::Error *error);
   struct IncomingFrame;
   int collectFrames(IncomingFrame &first, void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);
-  void replaceSocket(std::shared_ptr<ZMQSocket> socket);
+  void replaceSocket(std::shared_ptr<ZMQSocket> socket) QELNK_EXCLUDES(mutex_);
 
   std::shared_ptr<QELNKContext> context_;
   std::shared_ptr<qelnk::Clock> clock_;
-  mutable std::mutex mutex_;  // guards the members down to dataMark_
-  std::shared_ptr<const SocketBlock> socketBlock_;
-  std::shared_ptr<ZMQSocket> socket_;
-  std::string lastEndPoint_;
-  std::shared_ptr<IOThread> thread_;
-  std::optional<double> dataMark_;
+  mutable qelnk::Mutex mutex_;
+  std::shared_ptr<const SocketBlock> socketBlock_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<ZMQSocket> socket_ QELNK_GUARDED_BY(mutex_);
+  std::string lastEndPoint_ QELNK_GUARDED_BY(mutex_);
+  std::shared_ptr<IOThread> thread_ QELNK_GUARDED_BY(mutex_);
+  std::optional<double> dataMark_ QELNK_GUARDED_BY(mutex_);
   std::atomic<ZMQSocket *> owned_{nullptr};  // socket_, for the thread that owns it
   std::atomic<int32_t> messageBody_{QELNKMessageBodyJSON};
 

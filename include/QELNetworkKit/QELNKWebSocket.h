@@ -2,6 +2,7 @@
 
 #include <QELNetworkKit/Error.h>
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/Value.h>
 
@@ -10,7 +11,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace qelnk {
@@ -113,6 +113,6 @@ class QELNK_EXPORT QELNKWebSocket : public std::enable_shared_from_this<QELNKWeb
 
   const QELNKWebSocketOptions::ClosedBlock closedBlock_;
   std::shared_ptr<qelnk::WebSocketConnection> connection_;  // none where not even an attempt could be made
-  mutable std::mutex mutex_;                                // guards the next one
-  std::weak_ptr<QELNKWebSocketDelegate> delegate_;
+  mutable qelnk::Mutex mutex_;
+  std::weak_ptr<QELNKWebSocketDelegate> delegate_ QELNK_GUARDED_BY(mutex_);
 };

@@ -10,6 +10,7 @@
 #include <QELNetworkKit/JSON.h>
 #include <QELNetworkKit/Log.h>
 #include <QELNetworkKit/MPMessagePack.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/NetService.h>
 #include <QELNetworkKit/PQODictionary.h>
 #include <QELNetworkKit/Process.h>

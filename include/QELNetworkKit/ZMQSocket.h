@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QELNetworkKit/Export.h>
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/Value.h>
 #include <QELNetworkKit/ZMQContext.h>
 
@@ -10,7 +11,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -119,9 +119,9 @@ class QELNK_EXPORT ZMQSocket : public std::enable_shared_from_this<ZMQSocket> {
   std::atomic<void *> socket_{nullptr};
   // An io thread owns it and closes it once it is asked to.
   std::atomic<bool> ownedByThread_{false}, askedToClose_{false};
-  mutable std::mutex mutex_;  // guards endpoint_
-  std::string endpoint_;
+  mutable qelnk::Mutex mutex_;
+  std::string endpoint_ QELNK_GUARDED_BY(mutex_);
   std::atomic<int32_t> boundPort_{0};
-  std::mutex monitoring_;  // keeps the raw socket from being closed while another thread has it monitored
-  std::string monitorEndpoint_;
+  qelnk::Mutex monitoring_;  // keeps the raw socket from being closed while another thread has it monitored
+  std::string monitorEndpoint_ QELNK_GUARDED_BY(monitoring_);
 };

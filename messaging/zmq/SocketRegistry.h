@@ -1,17 +1,17 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/ZMQContext.h>
 
 #include <memory>
-#include <mutex>
 #include <set>
 #include <vector>
 
 /// The open sockets of a context. A socket that closes takes itself off, so that months of reconnecting leave nothing
 /// behind; it may do so after its context has gone.
 struct QELNK_HIDDEN ZMQContext::Registry {
-  std::mutex mutex;  // guards the set, and the making of sockets against the end of the context
-  std::set<std::shared_ptr<ZMQSocket>> sockets;
+  qelnk::Mutex mutex;  // also keeps the context from its end while a socket is being made
+  std::set<std::shared_ptr<ZMQSocket>> sockets QELNK_GUARDED_BY(mutex);
   // Those of monitors that have gone before ZeroMQ has stopped sending them events; a socket that is closing may.
-  std::vector<std::shared_ptr<ZMQSocket>> keptMonitors;
+  std::vector<std::shared_ptr<ZMQSocket>> keptMonitors QELNK_GUARDED_BY(mutex);
 };

@@ -52,7 +52,7 @@ std::shared_ptr<ZMQSocket> ZMQContext::makeSocket(int32_t type, bool ownedByThre
   keepMonitor(nullptr);  // closes those that have been stopped meanwhile
   auto socket = std::make_shared<ZMQSocket>(this, type);
   socket->ownedByThread_ = ownedByThread;  // before anybody else can find it
-  const std::lock_guard lock(registry_->mutex);
+  const qelnk::Lock lock(registry_->mutex);
   registry_->sockets.insert(socket);
   return socket;
 }
@@ -72,7 +72,7 @@ static bool isStopped(const ZMQSocket &monitor) {
 void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
   std::vector<std::shared_ptr<ZMQSocket>> stopped;
   {
-    const std::lock_guard lock(registry_->mutex);
+    const qelnk::Lock lock(registry_->mutex);
     auto &kept = registry_->keptMonitors;
     if (socket) kept.push_back(socket);
     const auto end = std::partition(kept.begin(), kept.end(), [](const auto &monitor) { return !isStopped(*monitor); });
@@ -83,7 +83,7 @@ void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
 }
 
 std::set<std::shared_ptr<ZMQSocket>> ZMQContext::sockets() const {
-  const std::lock_guard lock(registry_->mutex);
+  const qelnk::Lock lock(registry_->mutex);
   return registry_->sockets;
 }
 
@@ -97,7 +97,7 @@ void ZMQContext::closeSockets() {
 }
 
 void ZMQContext::terminate() {
-  std::unique_lock lock(registry_->mutex);  // no socket is being made
+  qelnk::Lock lock(registry_->mutex);  // no socket is being made
   if (void *context = context_.exchange(nullptr)) {
     // Whoever waits in a call on a socket gets ETERM now and can close it; without this the term below would wait for
     // him and he for a message.

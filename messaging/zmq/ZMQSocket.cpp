@@ -61,20 +61,20 @@ class RecentPorts {
  public:
   void add(int64_t port) {
     const auto now = Steady::now();
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     std::erase_if(until_, [&](const auto &entry) { return entry.second < now; });
     until_[port] = now + std::chrono::seconds(1);
   }
   /// Until when it may take ZeroMQ to give the port back.
   Steady::time_point waitUntil(int64_t port) const {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     const auto found = until_.find(port);
     return found == until_.end() ? Steady::time_point() : found->second;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::map<int64_t, Steady::time_point> until_;
+  mutable qelnk::Mutex mutex_;
+  std::map<int64_t, Steady::time_point> until_ QELNK_GUARDED_BY(mutex_);
 };
 
 RecentPorts &recentPorts() {
@@ -93,7 +93,7 @@ std::string_view ZMQSocket::nameForSocketType(int32_t type) {
 ZMQSocket::ZMQSocket(ZMQContext *context, int32_t type)
     : context_(context), registry_(context->registry_), type_(type) {
   {
-    const std::lock_guard lock(context->registry_->mutex);
+    const qelnk::Lock lock(context->registry_->mutex);
     socket_ = zmq_socket(context->context(), type);
   }
   if (!socket_) fail("zmq_socket");
@@ -112,7 +112,7 @@ void ZMQSocket::close() {
   if (!socket) return;
   boundLinger();
   if (boundPort_ != 0) recentPorts().add(boundPort_);
-  std::unique_lock lock(monitoring_);
+  qelnk::Lock lock(monitoring_);
   if (!socket_.compare_exchange_strong(socket, nullptr)) return;
   if (zmq_close(socket) != 0) {
     socket_ = socket;
@@ -121,7 +121,7 @@ void ZMQSocket::close() {
   lock.unlock();
   const auto self = weak_from_this().lock();
   if (const auto registry = registry_.lock(); registry && self) {
-    const std::lock_guard lock(registry->mutex);
+    const qelnk::Lock lock(registry->mutex);
     registry->sockets.erase(self);
   }
 }
@@ -219,14 +219,14 @@ bool ZMQSocket::subscribe(std::string_view prefix) {
 }
 
 int ZMQSocket::monitor(const std::string &endpoint, uint32_t events) {
-  const std::lock_guard lock(monitoring_);
+  const qelnk::Lock lock(monitoring_);
   const int result = zmq_socket_monitor(socket(), endpoint.c_str(), int(events));
   if (result == 0) monitorEndpoint_ = endpoint;
   return result;
 }
 
 void ZMQSocket::stopMonitor(const std::string &endpoint) {
-  const std::lock_guard lock(monitoring_);
+  const qelnk::Lock lock(monitoring_);
   if (monitorEndpoint_ != endpoint) return;
   monitorEndpoint_.clear();
   if (socket()) zmq_socket_monitor(socket(), nullptr, 0);
@@ -237,12 +237,12 @@ void ZMQSocket::getPollItem(zmq_pollitem_t &item, int16_t events) const {
 }
 
 std::string ZMQSocket::endpoint() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return endpoint_;
 }
 
 void ZMQSocket::setEndpoint(std::string endpoint) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   endpoint_ = std::move(endpoint);
 }
 

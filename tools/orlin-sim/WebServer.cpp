@@ -1,5 +1,7 @@
 #include "WebServer.h"
 
+#include <QELNetworkKit/Mutex.h>
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -17,7 +19,6 @@
 #include <cstdio>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -132,12 +133,12 @@ class Inbox {
 
   int descriptor() const { return event_; }
   void add(WebServer::Request request) {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     waiting_.push_back(std::move(request));
     eventfd_write(event_, 1);
   }
   std::optional<WebServer::Request> take() {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     if (waiting_.empty()) {
       eventfd_t ignored;
       eventfd_read(event_, &ignored);
@@ -150,8 +151,8 @@ class Inbox {
 
  private:
   const int event_;
-  std::mutex mutex_;
-  std::deque<WebServer::Request> waiting_;
+  qelnk::Mutex mutex_;
+  std::deque<WebServer::Request> waiting_ QELNK_GUARDED_BY(mutex_);
 };
 
 class Client;

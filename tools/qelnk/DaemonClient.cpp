@@ -11,17 +11,17 @@ std::shared_ptr<DaemonClient> DaemonClient::create() {
 }
 
 uint64_t DaemonClient::answered() const {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return answered_;
 }
 
 std::optional<std::string> DaemonClient::takeRefusal() {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   return std::exchange(refusal_, std::nullopt);
 }
 
 void DaemonClient::setPushHandler(PushHandler handler) {
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   pushHandler_ = std::move(handler);
 }
 
@@ -41,7 +41,7 @@ std::optional<int64_t> DaemonClient::identifierForMessage(const QELNKMessage &me
 void DaemonClient::takeAnswer(const QELNKMessage &message, const Value &response) {
   const std::string command((*message.request())[QELNKKORVALCommand].string());
   const Value &error = response["error"];
-  const std::lock_guard lock(mutex_);
+  const qelnk::Lock lock(mutex_);
   ++answered_;
   if (refusal_) return;
   if (!error.isNull())
@@ -61,7 +61,7 @@ void DaemonClient::takePush(const Value &push) {
       if (!self) return;
       PushHandler handler;
       {
-        const std::lock_guard lock(self->mutex_);
+        const qelnk::Lock lock(self->mutex_);
         handler = self->pushHandler_;
       }
       if (handler) handler(workflow, port, value);

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKKORVALClient.h>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -42,10 +42,10 @@ class DaemonClient : public QELNKKORVALClient {
   void takeAnswer(const QELNKMessage &message, const qelnk::Value &response);
   void takePush(const qelnk::Value &push);
 
-  mutable std::mutex mutex_;
-  uint64_t answered_ = 0;
-  std::optional<std::string> refusal_;
-  PushHandler pushHandler_;
+  mutable qelnk::Mutex mutex_;
+  uint64_t answered_ QELNK_GUARDED_BY(mutex_) = 0;
+  std::optional<std::string> refusal_ QELNK_GUARDED_BY(mutex_);
+  PushHandler pushHandler_ QELNK_GUARDED_BY(mutex_);
 };
 
 }  // namespace tool

@@ -1,11 +1,10 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKClient.h>
 #include <QELNetworkKit/QELNKMonitor.h>
 #include <QELNetworkKit/RunLoop.h>
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "Command.h"
@@ -35,23 +34,28 @@ class ConnectionWatch {
 struct ConnectionWatch::Shared {
   std::shared_ptr<QELNKMonitor> monitor;
   Handler handler;
-  std::mutex mutex;  // guards the two
-  std::condition_variable changed;
-  int attached = 0;  // how often
-  bool ended = false;
+  qelnk::Mutex mutex;
+  qelnk::Condition changed;
+  int attached QELNK_GUARDED_BY(mutex) = 0;  // how often
+  bool ended QELNK_GUARDED_BY(mutex) = false;
+
+  bool hasEnded() {
+    const qelnk::Lock lock(mutex);
+    return ended;
+  }
 
   // The thread that waits for events. After one of the monitor's connections the next may come.
   void read(const std::shared_ptr<Shared> &self) {
     for (int seen = 0;;) {
       {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return ended || attached > seen; });
+        qelnk::Lock lock(mutex);
+        while (!ended && attached <= seen) changed.wait(lock);
         if (ended) return;
         seen = attached;
       }
       while (const uint16_t event = monitor->events())
         qelnk::RunLoop::main()->perform([self, event] {
-          if (!self->ended) self->handler(event);
+          if (!self->hasEnded()) self->handler(event);
         });
     }
   }
@@ -63,19 +67,19 @@ ConnectionWatch::ConnectionWatch(QELNKSocket &endpoint, uint32_t mask, Handler h
   shared_->handler = std::move(handler);
   endpoint.setSocketBlock([shared = shared_, mask](const auto &socket, auto &) {
     shared->monitor->connectToSocket(socket, mask);
-    const std::lock_guard lock(shared->mutex);
+    const qelnk::Lock lock(shared->mutex);
     ++shared->attached;
-    shared->changed.notify_one();
+    shared->changed.notifyOne();
   });
   thread_ = std::thread([shared = shared_] { shared->read(shared); });
 }
 
 ConnectionWatch::~ConnectionWatch() {
   {
-    const std::lock_guard lock(shared_->mutex);
+    const qelnk::Lock lock(shared_->mutex);
     shared_->ended = true;
   }
-  shared_->changed.notify_one();
+  shared_->changed.notifyOne();
   shared_->monitor->disconnect();
   thread_.join();
 }

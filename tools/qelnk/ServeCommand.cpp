@@ -1,9 +1,7 @@
+#include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/RunLoop.h>
-
-#include <condition_variable>
-#include <mutex>
 
 #include "Body.h"
 #include "Command.h"
@@ -17,27 +15,27 @@ class Backlog {
  public:
   /// On the io thread.
   void enter() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return unbounded_ || count_ < 1000; });
+    qelnk::Lock lock(mutex_);
+    while (!unbounded_ && count_ >= 1000) changed_.wait(lock);
     ++count_;
   }
   void leave() {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     --count_;
-    changed_.notify_one();
+    changed_.notifyOne();
   }
   /// Nobody waits from now on.
   void lift() {
-    const std::lock_guard lock(mutex_);
+    const qelnk::Lock lock(mutex_);
     unbounded_ = true;
-    changed_.notify_one();
+    changed_.notifyOne();
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
-  bool unbounded_ = false;
+  qelnk::Mutex mutex_;
+  qelnk::Condition changed_;
+  int count_ QELNK_GUARDED_BY(mutex_) = 0;
+  bool unbounded_ QELNK_GUARDED_BY(mutex_) = false;
 };
 
 Exit serve(Invocation &invocation) {
