@@ -4,8 +4,11 @@
 #include <QELNetworkKit/QELNKLegacyStream.h>
 #include <QELNetworkKit/RunLoop.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <cmath>
 #include <utility>
 #include <vector>
 
@@ -13,6 +16,17 @@
 #include "legacy/OutgoingBytes.h"
 #include "platform/Guard.h"
 #include "platform/SpinningMutex.h"
+
+namespace qelnk {
+
+/// A delay among the options: none for what is negative, and the longest for what is no number.
+inline std::chrono::nanoseconds nanosecondsFrom(double seconds) {
+  constexpr double longest = 1e9;
+  const double bounded = std::isfinite(seconds) ? std::clamp(seconds, 0.0, longest) : longest;
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(bounded));
+}
+
+}  // namespace qelnk
 
 /// What a legacy stream is made of. Whoever writes, and the thread that reads, have cache lines of their own.
 struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
@@ -35,6 +49,9 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   uint64_t maximumWriteSize QELNK_GUARDED_BY(mutex) = 0;
   bool missedSpaceEvent QELNK_GUARDED_BY(mutex) = false;
   bool flushScheduled QELNK_GUARDED_BY(mutex) = false;
+  uint64_t maximumOutgoingLength QELNK_GUARDED_BY(mutex) = 0;
+  bool isOverflowing QELNK_GUARDED_BY(mutex) = false;
+  std::chrono::nanoseconds handshakeTimeout QELNK_GUARDED_BY(mutex){};
   uint64_t testFullyConfigured QELNK_GUARDED_BY(mutex) = 0, compareFullyConfigured QELNK_GUARDED_BY(mutex) = 0;
   qelnk::Value options QELNK_GUARDED_BY(mutex);
   qelnk::IncomingMessages::Limits limits QELNK_GUARDED_BY(mutex);
@@ -105,6 +122,9 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
 
   bool flush(const qelnk::ByteStream *withSpace);
   bool requestFlush() QELNK_REQUIRES(mutex);
+  bool overflows() QELNK_REQUIRES(mutex);
+  void awaitHandshake();
+  void endConnection(uint64_t connection, const std::string &reason);
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
 

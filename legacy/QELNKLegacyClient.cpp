@@ -25,12 +25,6 @@ constexpr std::chrono::seconds resolveTimeout{5};
 constexpr std::chrono::seconds heartbeatCheckInterval{1};
 // The last check lies so many seconds ahead when the clock was set back.
 constexpr double clockSetBack = 2;
-constexpr double longestDelay = 1e9;
-
-std::chrono::nanoseconds nanoseconds(double seconds) {
-  const double bounded = std::isfinite(seconds) ? std::clamp(seconds, 0.0, longestDelay) : longestDelay;
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(bounded));
-}
 
 double wallTime() { return RunLoop::current()->clock()->wallTime(); }
 
@@ -120,7 +114,7 @@ struct QELNK_HIDDEN QELNKLegacyClient::ClientState {
     const qelnk::Lock lock(mutex);
     stop(timer, number);
     this->*timer = RunLoop::current()->performAfter(
-        nanoseconds(seconds),
+        qelnk::nanosecondsFrom(seconds),
         [this, client, work, number, mine = this->*number] {
           const auto self = std::static_pointer_cast<QELNKLegacyClient>(client.lock());
           if (self && get(number) == mine) (*self.*work)();

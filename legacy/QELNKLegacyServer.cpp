@@ -39,6 +39,7 @@ struct QELNK_HIDDEN QELNKLegacyServer::State {
   uint32_t bindingIPAddress QELNK_GUARDED_BY(mutex) = 0;
   std::weak_ptr<QELNKLegacyServerDelegate> delegate QELNK_GUARDED_BY(mutex);
   Streams streams QELNK_GUARDED_BY(mutex);
+  size_t maximumConnections QELNK_GUARDED_BY(mutex) = 0;
   std::string name QELNK_GUARDED_BY(mutex);
   Value streamOptions QELNK_GUARDED_BY(mutex);
 
@@ -125,9 +126,17 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
   logDefault("TCPServerAcceptCallBack type: {}", acceptEvent);
   if (!streams) return;
   logDefault("Got streams");
+  Streams ended;  // goes after the lock
   // Under the lock throughout: the connection may end, and is to be taken off the list, before it is on it.
   const qelnk::Lock lock(state_->mutex);
   if (!state_->ipv4Socket) return;  // stopped meanwhile
+  auto &all = state_->streams;
+  const auto firstEnded = std::stable_partition(all.begin(), all.end(),
+                                                [](const auto &stream) { return stream->inputStream() != nullptr; });
+  ended.assign(firstEnded, all.end());
+  all.erase(firstEnded, all.end());
+  if (state_->maximumConnections != 0 && all.size() >= state_->maximumConnections)
+    return logError("QELNKLegacyServer refuses a connection, for {} are there already", all.size());
   const auto stream = QELNKLegacyStream::create(state_->streamOptions);
   const Value *own = state_->streamOptions.find("multiThreaded");
   if (own && own->isBool() && !stream->thread()) return;  // there was none to be had, and the log has it
@@ -250,6 +259,13 @@ Value QELNKLegacyServer::streamOptions() const { return state_->locked(&State::s
 void QELNKLegacyServer::setStreamOptions(const Value &options) {
   const qelnk::Lock lock(state_->mutex);
   state_->streamOptions = options;
+}
+
+size_t QELNKLegacyServer::maximumConnections() const { return state_->locked(&State::maximumConnections); }
+
+void QELNKLegacyServer::setMaximumConnections(size_t count) {
+  const qelnk::Lock lock(state_->mutex);
+  state_->maximumConnections = count;
 }
 
 std::vector<std::shared_ptr<QELNKLegacyStream>> QELNKLegacyServer::streams() const {

@@ -132,6 +132,9 @@ void QELNKLegacyStream::setOptions(const Value &options) {
   const Value *longestString = number("maximumStringLength"), *longestBlock = number("maximumBinaryLength");
   if (longestString) state_->limits.string = longestString->unsignedValue();
   if (longestBlock) state_->limits.binary = longestBlock->unsignedValue();
+  if (const auto *length = number("maximumOutgoingLength")) state_->maximumOutgoingLength = length->unsignedValue();
+  if (const auto *timeout = number("handshakeTimeout"))
+    state_->handshakeTimeout = qelnk::nanosecondsFrom(timeout->doubleValue());
   state_->options = options;
 }
 
@@ -188,6 +191,25 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
   }
   scheduleStream(inputStream);
   scheduleStream(outputStream);
+  if (inputStream || outputStream) state_->awaitHandshake();
+}
+
+/// Where there is to be one in time.
+void QELNKLegacyStream::State::awaitHandshake() {
+  const qelnk::Lock lock(mutex);
+  if (handshakeTimeout <= std::chrono::nanoseconds::zero() || !connectionThread) return;
+  connectionThread->runLoop()->performAfter(handshakeTimeout, [weak = held, connection = uint64_t(connections)] {
+    const auto self = weak.lock();
+    if (self && !self->isReady()) self->state_->endConnection(connection, "its handshake has taken too long");
+  });
+}
+
+/// On the stream's thread: a connection that is still there, and has not ended by itself.
+void QELNKLegacyStream::State::endConnection(uint64_t connection, const std::string &reason) {
+  const auto self = held.lock();
+  if (!self || connections != connection || !self->inputStream() || handledCloseError.exchange(true)) return;
+  logError("QELNKLegacyStream ends the connection: {}", reason);
+  self->terminate();
 }
 
 void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
@@ -245,7 +267,7 @@ void QELNKLegacyStream::State::dropConnection() {
   droppedLength += outgoing.size() - std::exchange(handshakeLeft, 0);  // nobody but us asked for that
   outgoing.clear();
   status = 0;
-  missedSpaceEvent = flushScheduled = false;
+  missedSpaceEvent = flushScheduled = isOverflowing = false;
 }
 
 // --- Writing ---
@@ -254,7 +276,7 @@ void QELNKLegacyStream::State::dropConnection() {
 bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shared, bool terminated,
                               bool ignoringStatus) {
   const qelnk::Lock lock(state_->mutex);
-  if (!bytes || state_->handledCloseError || (!ignoringStatus && !isReady())) return false;
+  if (!bytes || state_->handledCloseError || (!ignoringStatus && (!isReady() || state_->overflows()))) return false;
   const std::span<const uint8_t> span(static_cast<const uint8_t *>(bytes), length);
   if (logs(logOutgoing)) logOutgoingBytes({static_cast<const char *>(bytes), length});
   State::Appending appending(state_->outgoing);
@@ -270,6 +292,19 @@ bool QELNKLegacyStream::queue(const void *bytes, size_t length, const Data *shar
     logDefault("Flushed output in write bytes, missed space event = {:d}", state_->missedSpaceEvent);
   // One request does for all that is queued until it is served: it writes, and so brings space events for the rest.
   if (!state_->flushScheduled) state_->flushScheduled = state_->requestFlush();
+  return true;
+}
+
+/// Whether more waits than the options allow. The connection ends then: its peer does not read.
+bool QELNKLegacyStream::State::overflows() {
+  if (maximumOutgoingLength == 0 || outgoing.size() <= maximumOutgoingLength) return false;
+  if (isOverflowing || !connectionThread) return true;
+  isOverflowing = connectionThread->performSelectorOnTarget(
+      [weak = held, connection = uint64_t(connections)] {
+        if (const auto self = weak.lock())
+          self->state_->endConnection(connection, "more waits to be written than the options allow");
+      },
+      false);
   return true;
 }
 

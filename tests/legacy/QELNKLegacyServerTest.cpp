@@ -206,6 +206,60 @@ TEST(LegacyServer, OneThatDoesNotReadHoldsUpNobody) {
   }
 }
 
+TEST(LegacyServer, EndsWhatGoesBeyondItsBounds) {
+  const CapturedLog log;
+  const auto hasEnded = [](int peer) {
+    char bytes[4096];
+    ssize_t count = 0;
+    while ((count = recv(peer, bytes, sizeof bytes, MSG_DONTWAIT)) > 0) {
+    }
+    return count == 0 || (errno != EAGAIN && errno != EINTR);
+  };
+  for (Value options :
+       {QELNKLegacyStream::defaultPlayoutOptionsForAppID("s"), QELNKLegacyStream::defaultIngestOptions()}) {
+    const size_t before = log.count("QELNKLegacyStream ends the connection: its handshake has taken too long");
+    options.set("handshakeTimeout", 0.2);
+    options.set("maximumOutgoingLength", 1 << 20);
+    Service service(options);
+    service.server->setMaximumConnections(2);
+    const Guest guest(service.server->port());
+    ASSERT_TRUE(eventually([&] { return guest.observer->has("ready"); }));
+
+    // One that says nothing has to go, and while it is there nobody else may come.
+    const int silent = connectTo(service.server->port());
+    ASSERT_TRUE(eventually([&] { return service.server->streams().size() == 2; }));
+    const int third = connectTo(service.server->port());
+    EXPECT_TRUE(eventually([&] { return hasEnded(third); }));
+    EXPECT_TRUE(log.contains("QELNKLegacyServer refuses a connection, for 2 are there already"));
+    EXPECT_TRUE(eventually([&] { return hasEnded(silent); }));
+    EXPECT_EQ(log.count("QELNKLegacyStream ends the connection: its handshake has taken too long"), before + 1);
+    EXPECT_TRUE(eventually([&] { return service.observer->has("terminated"); }));
+
+    // One that reads nothing has to go once too much waits for it; others get all of it.
+    const int small = 16384, stuck = newSocket();
+    setsockopt(stuck, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    connectTo(service.server->port(), stuck);
+    const std::string handshake = handshakeBytes("stuck", "", "x");
+    ASSERT_EQ(send(stuck, handshake.data(), handshake.size(), 0), ssize_t(handshake.size()));
+    ASSERT_TRUE(eventually([&] { return service.observer->count("ready") == 2; }));
+    const Data block(std::string(1 << 19, 'b'));
+    int blocks = 0;
+    EXPECT_TRUE(eventually([&] {
+      service.server->writeBinaryData(block, std::to_string(blocks++), false);
+      return eventually([&] { return guest.observer->has("binary " + std::to_string(blocks - 1) + " 524288"); }) &&
+             service.server->streams().size() == 1;
+    }));
+    EXPECT_TRUE(log.contains("QELNKLegacyStream ends the connection: more waits to be written than the options allow"));
+
+    // One that the host has ended counts no longer.
+    service.server->streams().front()->disconnect();
+    const int fourth = connectTo(service.server->port()), fifth = connectTo(service.server->port());
+    EXPECT_TRUE(
+        eventually([&] { return service.server->streams().size() == 2 && guest.observer->has("terminated 1"); }));
+    for (const int peer : {silent, third, stuck, fourth, fifth}) close(peer);
+  }
+}
+
 TEST(LegacyServer, OutlivesBadPeers) {
   Service service(QELNKLegacyStream::defaultIngestOptions());
   const Guest good(service.server->port());
