@@ -285,7 +285,8 @@ void QELNKLegacyStream::State::flushAsRequested(const std::weak_ptr<QELNKLegacyS
   if (const auto self = stream.lock()) self->flushOutput();
 }
 
-constinit thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current = nullptr;
+constinit thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current =
+    nullptr;
 
 void QELNKLegacyStream::State::FlushesTogether::add(const std::shared_ptr<QELNKLegacyStreamThread> &thread,
                                                     const std::weak_ptr<QELNKLegacyStream> &stream) {
