@@ -8,7 +8,7 @@ using qelnk::Value;
 
 namespace {
 
-constexpr int mostValues = 16;  // of an input that holds one behind the other
+constexpr int mostValues = 4;  // of an input that holds one behind the other
 
 void checkValue(const Value &value, int64_t options) {
   qelnk::Error error;
