@@ -2,7 +2,18 @@
 
 #include <pugixml.hpp>
 
+#include "platform/AsciiCase.h"
+
 namespace qelnk {
+
+namespace {
+
+/// Whether the parser takes a document for ISO-8859-1 that declares this encoding.
+bool namesLatin1(std::string_view encoding) {
+  return equalIgnoringCase(encoding, "iso-8859-1") || equalIgnoringCase(encoding, "latin1");
+}
+
+}  // namespace
 
 struct QELNK_HIDDEN XMLDocument::State {
   pugi::xml_document document;
@@ -17,10 +28,12 @@ std::optional<XMLDocument> XMLDocument::parse(std::span<const uint8_t> bytes, Er
     if (error) *error = {"XML", result.offset, result.description(), nullptr};
     return std::nullopt;
   }
-  if (result.encoding != pugi::encoding_utf8) {  // data() writes UTF-8: the declaration has to go with it
-    for (pugi::xml_node node : state->document.children())
-      if (node.type() == pugi::node_declaration) node.attribute("encoding").set_value("UTF-8");
-  }
+  // data() writes UTF-8, without a byte order mark: the declaration has to go with it, or readers go by that.
+  for (pugi::xml_node node : state->document.children())
+    for (pugi::xml_attribute attribute : node.attributes())
+      if (node.type() == pugi::node_declaration && attribute.name() == std::string_view("encoding") &&
+          (result.encoding != pugi::encoding_utf8 || namesLatin1(attribute.value())))
+        attribute.set_value("UTF-8");
   XMLDocument document;
   document.state_ = std::move(state);
   return document;

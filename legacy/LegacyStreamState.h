@@ -157,7 +157,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
    private:
     void request();
     static constexpr size_t atOnce = 64;
-    static thread_local FlushesTogether *current;
+    static constinit thread_local FlushesTogether *current;
     std::shared_ptr<QELNKLegacyStreamThread> thread_;
     std::vector<std::weak_ptr<QELNKLegacyStream>> streams_;  // of that thread
     FlushesTogether *const outer_;
@@ -192,7 +192,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     }
 
    private:
-    static thread_local ReadPass *current;
+    static constinit thread_local ReadPass *current;
     QELNKLegacyStream &source_;
     std::shared_ptr<QELNKLegacyStream> stream_;
     std::weak_ptr<QELNKLegacyStreamDelegate> delegate_;

@@ -140,7 +140,7 @@ void QELNKLegacyStream::setOptions(const Value &options) {
 
 // --- Life ---
 
-thread_local QELNKLegacyStream::State::ReadPass *QELNKLegacyStream::State::ReadPass::current = nullptr;
+constinit thread_local QELNKLegacyStream::State::ReadPass *QELNKLegacyStream::State::ReadPass::current = nullptr;
 
 QELNKLegacyStream::QELNKLegacyStream() : state_(std::make_unique<State>()) {}
 QELNKLegacyStream::~QELNKLegacyStream() = default;
@@ -321,7 +321,8 @@ void QELNKLegacyStream::State::flushAsRequested(const std::weak_ptr<QELNKLegacyS
   if (const auto self = stream.lock()) self->flushOutput();
 }
 
-thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current = nullptr;
+constinit thread_local QELNKLegacyStream::State::FlushesTogether *QELNKLegacyStream::State::FlushesTogether::current =
+    nullptr;
 
 void QELNKLegacyStream::State::FlushesTogether::add(const std::shared_ptr<QELNKLegacyStreamThread> &thread,
                                                     const std::weak_ptr<QELNKLegacyStream> &stream) {

@@ -8,7 +8,7 @@ packages=(
   libzmq3-dev libsimdjson-dev libpugixml-dev libspdlog-dev libfmt-dev libavahi-client-dev libdbus-1-dev libsdbus-c++-dev libnl-route-3-dev libboost-dev libssl-dev libgtest-dev
   avahi-daemon avahi-utils dbus-daemon iproute2 python3-dbusmock
   libglib2.0-dev qtbase5-dev
-  clang clang-format clang-tidy
+  clang clang-format clang-tidy libclang-rt-dev
   doxygen groff-base
   python3 python3-zmq python3-msgpack python3-websockets git locales
   chromium-headless-shell

@@ -21,8 +21,8 @@ class QELNK_EXPORT XMLDocument {
 
   /// Reads a document from its bytes: UTF-8; UTF-16 or UTF-32 in either byte order, with a byte order mark or without;
   /// or ISO-8859-1 where the declaration says so. Any other declared encoding is taken for UTF-8. A document that was
-  /// not in UTF-8 declares it from here on, if it declares one at all. Malformed input: none, with an error of domain
-  /// "XML" whose code is the byte offset.
+  /// not in UTF-8 declares it from here on, if it declares one at all, and so does one that declares ISO-8859-1 behind
+  /// the byte order mark of UTF-8. Malformed input: none, with an error of domain "XML" whose code is the byte offset.
   static std::optional<XMLDocument> parse(std::span<const uint8_t> bytes, Error *error = nullptr);
   static std::optional<XMLDocument> parse(std::string_view text, Error *error = nullptr);
 

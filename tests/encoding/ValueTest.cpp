@@ -471,4 +471,15 @@ TEST(XMLDocument, UnderstandsItsEncodingsAndDeclaresTheOneItWrites) {
             R"(<?xml version="1.0" encoding="windows-1252"?><a>é</a>)");
 }
 
+// The byte order mark tells that it is UTF-8; without it a reader would go by the declaration.
+TEST(XMLDocument, DeclaresUTF8WhereOnlyAMarkToldSo) {
+  for (const std::string declared : {"ISO-8859-1", "iso-8859-1", "Latin1"}) {
+    const auto document = qelnk::XMLDocument::parse("\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"" + declared +
+                                                    "\" standalone=\"yes\"?><a>é</a>");
+    ASSERT_TRUE(document);
+    EXPECT_EQ(document->data().text(), R"(<?xml version="1.0" encoding="UTF-8" standalone="yes"?><a>é</a>)");
+    EXPECT_EQ(qelnk::XMLDocument::parse(document->data().span())->text("/a"), "é");
+  }
+}
+
 }  // namespace
