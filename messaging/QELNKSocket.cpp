@@ -1,4 +1,5 @@
 #include <QELNetworkKit/QELNKSocket.h>
+#include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/ZMQContext.h>
 #include <QELNetworkKit/ZMQException.h>
@@ -7,17 +8,31 @@
 #include "messaging/ErrorText.h"
 #include "messaging/IOThread.h"
 #include "messaging/SocketPoll.h"
+#include "messaging/zmq/Authenticator.h"
 #include "platform/Guard.h"
 #include "platform/LogFormat.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 
 using qelnk::Data;
 using qelnk::Error;
+
+struct QELNK_HIDDEN QELNKSocket::Encryption {
+  QELNKEncryption settings;
+  std::shared_ptr<const qelnk::Authenticator::Admission> admission;  // with allowed keys
+  bool isUsable = true;
+
+  /// Throws where a key is none.
+  void prepare(QELNKSocket &endpoint, QELNKEncryption own);
+  /// Throws where that cannot be: rather no connection than one that anybody can read.
+  void applyTo(ZMQSocket &socket) const;
+};
 
 QELNKSocket::QELNKSocket(std::shared_ptr<QELNKContext> context)
     : context_(std::move(context)), clock_(qelnk::Clock::system()) {}
@@ -104,10 +119,13 @@ std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, 
   socket->setEndpoint(endpoint);
   replaceSocket(socket);
   std::shared_ptr<const SocketBlock> block;
+  std::shared_ptr<const Encryption> encryption;
   {
     const qelnk::Lock lock(mutex_);
     block = socketBlock_;
+    encryption = encryption_;
   }
+  if (encryption) encryption->applyTo(*socket);
   if (const auto self = weak_from_this().lock(); self && block)
     qelnk::runGuarded("QELNKSocket socket block", [&] { (*block)(self, *socket); });
   return socket;
@@ -117,6 +135,59 @@ void QELNKSocket::setSocketBlock(SocketBlock block) {
   auto shared = block ? std::make_shared<const SocketBlock>(std::move(block)) : nullptr;
   const qelnk::Lock lock(mutex_);
   socketBlock_.swap(shared);  // the old one goes after the lock
+}
+
+bool QELNKSocket::setEncryption(QELNKEncryption encryption) {
+  auto next = std::make_shared<Encryption>();
+  try {
+    next->prepare(*this, std::move(encryption));
+  } catch (const std::exception &problem) {
+    next->isUsable = false;
+    qelnk::logError("QELNKSocket cannot encrypt: {}", problem.what());
+  }
+  const bool isUsable = next->isUsable;
+  std::shared_ptr<const Encryption> shared = std::move(next);
+  const qelnk::Lock lock(mutex_);
+  encryption_.swap(shared);  // the old one goes after the lock
+  return isUsable;
+}
+
+void QELNKSocket::Encryption::prepare(QELNKSocket &endpoint, QELNKEncryption own) {
+  const auto check = [](const std::string &key) {
+    std::array<uint8_t, 32> bytes{};
+    if (key.size() != 40 || !zmq_z85_decode(bytes.data(), key.c_str()))
+      throw std::invalid_argument(key.empty() ? "a key is missing" : "a key is not one");
+  };
+  check(own.keys.secretKey);
+  if (QELNKKeyPair::pairOfSecretKey(own.keys.secretKey).publicKey != own.keys.publicKey)
+    throw std::invalid_argument("the endpoint's keys do not belong together");
+  if (!own.serverKey.empty()) check(own.serverKey);
+  for (const std::string &key : own.allowedKeys) check(key);
+  if (own.serverKey.empty() && !own.allowedKeys.empty())
+    admission = endpoint.context_->zmqContext()->authenticator().admit(
+        own.allowedKeys, [weak = endpoint.weak_from_this(), queue = endpoint.context_->responseQueue(),
+                          block = own.refusedBlock](const std::string &address, const std::string &key) {
+          if (!block) return;
+          queue->async([weak, block, address, key] {
+            if (const auto self = weak.lock())
+              qelnk::runGuarded("QELNKSocket refused block", [&] { block(self, address, key); });
+          });
+        });
+  settings = std::move(own);
+}
+
+void QELNKSocket::Encryption::applyTo(ZMQSocket &socket) const {
+  if (socket.type() == ZMQ_PAIR) return;
+  if (!isUsable) throw ZMQException("its keys are not usable", EINVAL);
+  const auto set = [&](const std::string &text, int option) { socket.setData(Data(text), option); };
+  if (settings.serverKey.empty()) {
+    socket.setInt(1, ZMQ_CURVE_SERVER);
+    if (admission) set(admission->domain(), ZMQ_ZAP_DOMAIN);
+  } else {
+    set(settings.serverKey, ZMQ_CURVE_SERVERKEY);
+    set(settings.keys.publicKey, ZMQ_CURVE_PUBLICKEY);
+  }
+  set(settings.keys.secretKey, ZMQ_CURVE_SECRETKEY);
 }
 
 void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {

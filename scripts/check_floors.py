@@ -11,7 +11,7 @@ FLOORS = {"platform": 0, "encoding": 1, "messaging": 2, "legacy": 2, "netutil": 
 PUBLIC = {
     "platform": "Export Mutex Clock RunLoop Queue Log UserSettings Process NetService Version ByteStream QELProjectTimecode",
     "encoding": "Value Error PQODictionary XMLDocument JSON MPMessagePack cmp",
-    "messaging": "ZMQException ZMQContext ZMQSocket QELNKContext QELNKSocket QELNKMessage QELNKClient QELNKServer "
+    "messaging": "ZMQException ZMQContext ZMQSocket QELNKContext QELNKEncryption QELNKSocket QELNKMessage QELNKClient QELNKServer "
                  "QELNKPublisher QELNKSubscriber QELNKMonitor",
     "legacy": "QELNKLegacyStreamThread QELNKLegacyStream QELNKLegacySerializer QELNKLegacyClient QELNKLegacyServer "
               "QELNKLegacyService",

@@ -21,7 +21,9 @@ enum QELNKMonitorEvent : uint32_t {
   QELNKMonitorEventCloseFailed = 256,      ///< a connection could not be closed
   QELNKMonitorEventDisconnected = 512,     ///< a connection was lost
   QELNKMonitorEventMonitorStopped = 1024,  ///< the endpoint's socket has ended, or has another monitor now
-  QELNKMonitorEventAll = 2047
+  QELNKMonitorEventAll = 2047,
+  /// This endpoint's keys were refused; it goes on trying. Not among all, and without a name.
+  QELNKMonitorEventKeysRefused = 16384
 };
 
 /// Watches the connections of another endpoint come and go.

@@ -5,6 +5,7 @@
 #include <QELNetworkKit/Export.h>
 #include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKEncryption.h>
 #include <QELNetworkKit/Value.h>
 
 #include <atomic>
@@ -98,6 +99,11 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   using SocketBlock = std::function<void(const std::shared_ptr<QELNKSocket> &endpoint, ZMQSocket &socket)>;
   /// For the sockets made from now on; none unless set. Any thread.
   void setSocketBlock(SocketBlock block);
+
+  /// Encrypts the connections of the sockets made from now on, so it is called before connecting or binding; none
+  /// unless set. False, with a line on the log, where a key is none; then no connection is made at all until it is set
+  /// rightly. Subscribers and publishers, clients and servers; a monitor has no connections of its own. Any thread.
+  bool setEncryption(QELNKEncryption encryption);
 
   /// Sets how long a closed socket may go on sending, in milliseconds, as an 8-byte option; ZeroMQ's refusal is told on
   /// the log. Any thread: the io thread does it where there is one.
@@ -197,6 +203,8 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   std::shared_ptr<qelnk::Clock> clock_;
   mutable qelnk::Mutex mutex_;
   std::shared_ptr<const SocketBlock> socketBlock_ QELNK_GUARDED_BY(mutex_);
+  struct Encryption;
+  std::shared_ptr<const Encryption> encryption_ QELNK_GUARDED_BY(mutex_);
   std::shared_ptr<ZMQSocket> socket_ QELNK_GUARDED_BY(mutex_);
   std::string lastEndPoint_ QELNK_GUARDED_BY(mutex_);
   std::shared_ptr<IOThread> thread_ QELNK_GUARDED_BY(mutex_);

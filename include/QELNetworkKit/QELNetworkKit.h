@@ -16,6 +16,7 @@
 #include <QELNetworkKit/Process.h>
 #include <QELNetworkKit/QELNKClient.h>
 #include <QELNetworkKit/QELNKContext.h>
+#include <QELNetworkKit/QELNKEncryption.h>
 #include <QELNetworkKit/QELNKKORVALClient.h>
 #include <QELNetworkKit/QELNKKORVALConstants.h>
 #include <QELNetworkKit/QELNKKORVALDaemonClient.h>

@@ -10,6 +10,9 @@
 #include <set>
 
 class ZMQSocket;
+namespace qelnk {
+class Authenticator;
+}
 
 /// A ZeroMQ context and the sockets made on it.
 ///
@@ -53,6 +56,7 @@ class QELNK_EXPORT ZMQContext {
   struct Registry;
   std::shared_ptr<ZMQSocket> makeSocket(int32_t type, bool ownedByThread);
   void keepMonitor(const std::shared_ptr<ZMQSocket> &socket);
+  qelnk::Authenticator &authenticator();
   std::atomic<void *> context_{nullptr};
   std::atomic<bool> terminated_{false};
   std::shared_ptr<Registry> registry_;  // the sockets; outlives the context as long as a socket needs it

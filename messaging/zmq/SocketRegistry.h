@@ -7,6 +7,8 @@
 #include <set>
 #include <vector>
 
+#include "messaging/zmq/Authenticator.h"
+
 /// The open sockets of a context. A socket that closes takes itself off, so that months of reconnecting leave nothing
 /// behind; it may do so after its context has gone.
 struct QELNK_HIDDEN ZMQContext::Registry {
@@ -14,4 +16,5 @@ struct QELNK_HIDDEN ZMQContext::Registry {
   std::set<std::shared_ptr<ZMQSocket>> sockets QELNK_GUARDED_BY(mutex);
   // Those of monitors that have gone before ZeroMQ has stopped sending them events; a socket that is closing may.
   std::vector<std::shared_ptr<ZMQSocket>> keptMonitors QELNK_GUARDED_BY(mutex);
+  std::unique_ptr<qelnk::Authenticator> authenticator QELNK_GUARDED_BY(mutex);  // once an endpoint needs it
 };

@@ -82,6 +82,12 @@ void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
   for (const auto &monitor : stopped) monitor->close();
 }
 
+qelnk::Authenticator &ZMQContext::authenticator() {
+  const qelnk::Lock lock(registry_->mutex);
+  if (!registry_->authenticator) registry_->authenticator = std::make_unique<qelnk::Authenticator>(context_.load());
+  return *registry_->authenticator;
+}
+
 std::set<std::shared_ptr<ZMQSocket>> ZMQContext::sockets() const {
   const qelnk::Lock lock(registry_->mutex);
   return registry_->sockets;
@@ -103,8 +109,10 @@ void ZMQContext::terminate() {
     // him and he for a message.
     zmq_ctx_shutdown(context);
     const auto kept = std::exchange(registry_->keptMonitors, {});
+    auto authenticator = std::move(registry_->authenticator);
     lock.unlock();
     for (const auto &monitor : kept) monitor->close();
+    authenticator.reset();
     while (zmq_ctx_term(context) != 0 && zmq_errno() == EINTR) {
     }
   }
