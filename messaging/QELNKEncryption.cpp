@@ -4,6 +4,7 @@
 #include <zmq.h>
 
 #include <array>
+#include <cerrno>
 
 namespace {
 
@@ -25,6 +26,7 @@ QELNKKeyPair QELNKKeyPair::generate() {
 }
 
 QELNKKeyPair QELNKKeyPair::pairOfSecretKey(const std::string &secretKey) {
+  if (secretKey.size() + 1 != Key().size()) throw ZMQException(zmq_strerror(EINVAL), EINVAL);
   Key publicKey{};
   require(zmq_curve_public(publicKey.data(), secretKey.c_str()));
   return {publicKey.data(), secretKey};

@@ -22,7 +22,7 @@ enum QELNKMonitorEvent : uint32_t {
   QELNKMonitorEventDisconnected = 512,     ///< a connection was lost
   QELNKMonitorEventMonitorStopped = 1024,  ///< the endpoint's socket has ended, or has another monitor now
   QELNKMonitorEventAll = 2047,
-  /// This endpoint's keys were refused; it goes on trying. Not among all, and without a name.
+  /// This endpoint's keys were refused, and ZeroMQ does not try again. Not among all, and without a name.
   QELNKMonitorEventKeysRefused = 16384
 };
 
