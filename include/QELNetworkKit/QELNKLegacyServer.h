@@ -99,8 +99,8 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
   /// The options of the connections that are taken from now on.
   qelnk::Value streamOptions() const;
   void setStreamOptions(const qelnk::Value &options);
-  /// How many connections there may be at a time, 0 for any; a further one is closed as soon as it comes, with a line on
-  /// the log. Those that there are stay.
+  /// How many connections there may be at a time, 0 for any; a further one is closed as soon as it comes, with a line
+  /// on the log. Those that there are stay.
   size_t maximumConnections() const;
   void setMaximumConnections(size_t count);
   /// The connections, in the order in which they came. One that the host has ended itself leaves the list when the next

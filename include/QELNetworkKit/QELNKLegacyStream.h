@@ -53,7 +53,8 @@ class QELNK_EXPORT QELNKLegacyStreamDelegate {
 ///     "maximumBinaryLength"     announces a longer block, loses the connection, with a line on the log
 ///     "maximumOutgoingLength"   number of bytes, 0 for any: where more than that waits to be written, the next message
 ///                               is refused and the connection ends, with a line on the log
-///     "handshakeTimeout"        seconds, 0 for ever: a connection that is not ready by then ends, with a line on the log
+///     "handshakeTimeout"        seconds, 0 for ever: a connection that is not ready by then ends, with a line on the
+///     log
 ///
 /// While many received messages wait for the main thread nothing more is read, so that the peer has to wait as well.
 ///
