@@ -25,11 +25,21 @@ inline double medianRatio(const std::vector<double> &rounds, const std::vector<d
   return median(ratios);
 }
 
+/// The ratios to each of the references; the worst of these is the one to the best reference.
+template <class Entry>
+std::vector<double> ratiosTo(const std::vector<Entry> &entries, const Entry &entry,
+                             std::vector<double> Entry::*ofRounds) {
+  std::vector<double> ratios;
+  for (const size_t reference : entry.references)
+    ratios.push_back(medianRatio(entry.*ofRounds, entries[reference].*ofRounds));
+  return ratios;
+}
+
 /// One that is measured by how long each of its doings takes.
 struct TimedEntry {
   std::string peer;
   std::function<std::vector<double>()> block;  // microseconds
-  size_t reference = 1;                        // the entry that its ratio is to
+  std::vector<size_t> references = {1};        // the entries whose best its ratio is to
   std::vector<double> all{}, ofRounds{};
 };
 
@@ -43,14 +53,14 @@ inline void contestOfTimes(const std::string &name, std::vector<TimedEntry> entr
     printRow(name, entry.peer,
              {{"median_us", median(entry.all)},
               {"p99_us", quantile(entry.all, 0.99)},
-              {"ratio", medianRatio(entry.ofRounds, entries[entry.reference].ofRounds)}});
+              {"ratio", std::ranges::max(ratiosTo(entries, entry, &TimedEntry::ofRounds))}});
 }
 
 /// One that is measured by how many it does a second.
 struct RatedEntry {
   std::string peer;
   std::function<void(int64_t)> exchange;  // does so many, and returns once all are done
-  size_t reference = 1;                   // the entry that its ratio is to
+  std::vector<size_t> references = {1};   // the entries whose best its ratio is to
   std::string thread{};                   // the one whose time on a core counts; empty for the process
   std::vector<double> rates{}, costs{}, shares{};
 };
@@ -70,15 +80,13 @@ inline void contestOfRates(const std::string &name, std::vector<RatedEntry> entr
     entry.costs.push_back(used * 1e9 / double(count));
     entry.shares.push_back(100 * used / time);
   });
-  for (const RatedEntry &entry : entries) {
-    const RatedEntry &reference = entries[entry.reference];
+  for (const RatedEntry &entry : entries)
     printRow(name, entry.peer,
              {{"per_second", median(entry.rates)},
-              {"ratio", medianRatio(entry.rates, reference.rates)},
+              {"ratio", std::ranges::min(ratiosTo(entries, entry, &RatedEntry::rates))},
               {"cpu_ns", median(entry.costs)},
-              {"cpu_ratio", medianRatio(entry.costs, reference.costs)},
+              {"cpu_ratio", std::ranges::max(ratiosTo(entries, entry, &RatedEntry::costs))},
               {"cpu_percent", median(entry.shares)}});
-  }
 }
 
 }  // namespace bench

@@ -10,8 +10,8 @@
 
 #include "Support.h"
 
-/// The parts of a client that somebody would write by hand on raw ZeroMQ, with the thread hops of ours: a caller hands
-/// over to an io thread, which hands replies to a callback thread.
+/// The parts of a client that somebody would write by hand, with the thread hops of ours: a caller hands over to an io
+/// thread, which hands replies to a callback thread. On raw ZeroMQ, or on what has the same names in `Library`.
 namespace bench {
 
 /// From any thread to one that waits in a poll.
@@ -94,15 +94,16 @@ class CallbackThread {
   std::thread thread_;  // last: it uses the others
 };
 
+struct Request {
+  using Reply = std::function<void(std::string)>;
+  std::string body;
+  Reply onIOThread, onCallbackThread;  // either may be empty
+};
+
 /// One request at a time on a request socket, from any thread.
+template <class Library = RawZMQ>
 class RequestClient {
  public:
-  using Reply = std::function<void(std::string)>;
-  struct Request {
-    std::string body;
-    Reply onIOThread, onCallbackThread;  // either may be empty
-  };
-
   explicit RequestClient(int port) : thread_([this, port] { run(port); }) {}
   ~RequestClient() {
     stopped_ = true;
@@ -112,15 +113,15 @@ class RequestClient {
 
  private:
   void run(int port) {
-    Socket socket(context_, ZMQ_REQ);
+    typename Library::Socket socket(context_, ZMQ_REQ);
     socket.connectToLoopback(port);
     zmq_pollitem_t items[] = {{socket.get(), 0, ZMQ_POLLIN, 0}, {nullptr, inbox_.descriptor(), ZMQ_POLLIN, 0}};
     while (!stopped_) {
-      zmq_poll(items, 2, 20);
+      Library::poll(items, 2, 20);
       if (items[1].revents) take();
       if (items[0].revents) receive(socket);
       if (!replyAwaited_ && !queue_.empty()) {
-        Frame(queue_.front().body).send(socket);
+        typename Library::Frame(queue_.front().body).send(socket);
         replyAwaited_ = true;
       }
     }
@@ -130,8 +131,8 @@ class RequestClient {
     inbox_.take(taken);
     for (Request &request : taken) queue_.push_back(std::move(request));
   }
-  void receive(const Socket &socket) {
-    Frame frame;
+  void receive(typename Library::Socket &socket) {
+    typename Library::Frame frame;
     if (!frame.receive(socket, ZMQ_DONTWAIT)) return;
     std::string body(frame.bytes());
     Request request = std::move(queue_.front());
@@ -141,7 +142,7 @@ class RequestClient {
     if (request.onIOThread) request.onIOThread(std::move(body));
   }
 
-  Context context_;
+  typename Library::Context context_;
   Inbox<Request> inbox_;
   std::deque<Request> queue_;
   bool replyAwaited_ = false;

@@ -68,13 +68,14 @@ class OurRequests : public RoundTripper {
 
 // By hand.
 
+template <class Client = RequestClient<>>
 class RequestsByHand : public RoundTripper {
  public:
   RequestsByHand(int port, OurRequests::Manner manner) : manner_(manner), client_(port) {}
 
   Clock::duration roundTrip() override {
     std::string body(requestSize, '\7');
-    RequestClient::Request request;
+    Request request;
     request.body.swap(body);
     if (manner_ != OurRequests::waiting)
       request.onCallbackThread = [this](const std::string &reply) {
@@ -100,7 +101,7 @@ class RequestsByHand : public RoundTripper {
   Gate gate_, waited_;
   Clock::time_point arrived_;
   size_t size_ = 0, waitedSize_ = 0;
-  RequestClient client_;  // last: it calls back into the others
+  Client client_;  // last: it calls back into the others
 };
 
 class RequestsOnOneThread : public RoundTripper {
@@ -130,19 +131,21 @@ struct RoundTripEntry {
   std::unique_ptr<RoundTripper> roundTripper;
 };
 
-/// Blocks of so many round trips each, after so long a rest; ratios are to the second entry.
+/// Blocks of so many round trips each, after so long a rest; ratios are to the best of `references`.
 inline void contestOfRoundTrips(const std::string &name, const std::vector<RoundTripEntry> &entries, int rounds,
-                                int block, Clock::duration pause) {
+                                int block, Clock::duration pause, const std::vector<size_t> &references = {1}) {
   std::vector<TimedEntry> timed;
   for (const RoundTripEntry &entry : entries)
-    timed.push_back({entry.peer, [&entry, block, pause] {
+    timed.push_back({entry.peer,
+                     [&entry, block, pause] {
                        std::vector<double> times;
                        for (int n = 0; n < block; ++n) {
                          if (pause > pause.zero()) std::this_thread::sleep_for(pause);
                          times.push_back(microseconds(entry.roundTripper->roundTrip()));
                        }
                        return times;
-                     }});
+                     },
+                     references});
   contestOfTimes(name, std::move(timed), rounds);
 }
 

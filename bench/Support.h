@@ -63,7 +63,7 @@ inline void printRow(const std::string &name, const std::string &peer,
 
 // Threads.
 
-/// Binds the calling thread, and those that it starts from now on, to one core, or to all.
+/// Binds all threads of this process, and those that they start from now on, to one core, or to all.
 inline void pin(bool toOneCore) {
   static const auto all = [] {
     cpu_set_t set;
@@ -74,7 +74,8 @@ inline void pin(bool toOneCore) {
   CPU_ZERO(&one);
   for (int core = 0; core < CPU_SETSIZE && CPU_COUNT(&one) == 0; ++core)
     if (CPU_ISSET(core, &all)) CPU_SET(core, &one);
-  require(sched_setaffinity(0, sizeof(one), toOneCore ? &one : &all) == 0, "sched_setaffinity");
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task"))
+    sched_setaffinity(std::atoi(task.path().filename().c_str()), sizeof(one), toOneCore ? &one : &all);
 }
 
 struct ThreadUse {
@@ -180,6 +181,8 @@ class Socket {
     require(zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0, "zmq_getsockopt");
     return std::atoi(std::string_view(endpoint).substr(std::string_view(endpoint).rfind(':') + 1).data());
   }
+  /// A publisher waits rather than drop what it has no room for.
+  void waitForRoom() { set(ZMQ_XPUB_NODROP, 1); }
   void connectToLoopback(int port) {
     require(zmq_connect(socket_, ("tcp://127.0.0.1:" + std::to_string(port)).c_str()) == 0, "zmq_connect");
   }
@@ -209,6 +212,17 @@ class Frame {
 
  private:
   mutable zmq_msg_t message_;
+};
+
+/// What programs by hand are written with, by the names that other libraries' have here, too.
+struct RawZMQ {
+  using Context = bench::Context;
+  using Socket = bench::Socket;
+  using Frame = bench::Frame;
+  /// Returns false once the context has been shut down.
+  static bool poll(zmq_pollitem_t *items, size_t count, int milliseconds) {
+    return zmq_poll(items, int(count), milliseconds) >= 0 || zmq_errno() == EINTR;
+  }
 };
 
 }  // namespace bench

@@ -1,5 +1,6 @@
 // Publishers and subscribers: how many messages reach the callback a second, how soon, what a callback does that is too
-// slow, and what many subscribers in one process cost. Beside publishers and subscribers by hand on raw libzmq.
+// slow, and what many subscribers in one process cost. Beside publishers and subscribers by hand on raw libzmq, with
+// cppzmq and with CZMQ.
 
 #include <QELNetworkKit/Log.h>
 #include <QELNetworkKit/QELNKContext.h>
@@ -17,7 +18,9 @@
 #include <span>
 #include <thread>
 
+#include "CZMQ.h"
 #include "Contest.h"
+#include "CppZMQ.h"
 #include "HandWritten.h"
 #include "Maps.h"
 
@@ -133,23 +136,46 @@ class OurPublisher : public Publisher {
   const std::shared_ptr<QELNKPublisher> publisher_;
 };
 
-template <class Encoding>
+template <class Encoding, class Library = bench::RawZMQ>
 class RawPublisher : public Publisher {
  public:
   explicit RawPublisher(Encoding encoding)
       : encoding_(encoding), socket_(context_, ZMQ_PUB), port_(socket_.bindToLoopback()) {
-    socket_.set(ZMQ_XPUB_NODROP, 1);
+    socket_.waitForRoom();
   }
   int port() const override { return port_; }
   void publish(const Note &note) override {
     const auto body = encoding_.encode(note);
-    bench::require(bench::Frame({body.data(), body.size()}).send(socket_), "not published");
+    bench::require(typename Library::Frame({body.data(), body.size()}).send(socket_), "not published");
   }
 
  private:
   const Encoding encoding_;
-  bench::Context context_;
-  bench::Socket socket_;
+  typename Library::Context context_;
+  typename Library::Socket socket_;
+  const int port_;
+};
+
+template <class Encoding>
+class CZMQPublisher : public Publisher {
+ public:
+  explicit CZMQPublisher(Encoding encoding)
+      : encoding_(encoding), socket_(zsock_new(ZMQ_PUB)), port_(zsock_bind(socket_, "tcp://127.0.0.1:*")) {
+    const int on = 1;
+    zmq_setsockopt(zsock_resolve(socket_), ZMQ_XPUB_NODROP, &on, sizeof(on));
+  }
+  ~CZMQPublisher() override { zsock_destroy(&socket_); }
+  int port() const override { return port_; }
+  void publish(const Note &note) override {
+    const auto body = encoding_.encode(note);
+    zmsg_t *message = zmsg_new();
+    zmsg_addmem(message, body.data(), body.size());
+    bench::require(zmsg_send(&message, socket_) == 0, "not published");
+  }
+
+ private:
+  const Encoding encoding_;
+  zsock_t *socket_;
   const int port_;
 };
 
@@ -254,9 +280,20 @@ class OurSubscribers : public Subscribers {
   std::vector<std::shared_ptr<QELNKSubscriber>> subscribers_;
 };
 
+/// Messages of one subscriber.
+template <class Encoding>
+struct Batch {
+  Arrivals &arrivals;
+  int stream;
+  std::vector<typename Encoding::Message> messages;
+  void operator()() {
+    for (const auto &message : messages) arrivals.take(stream, Encoding::note(message));
+  }
+};
+
 /// By hand: a thread for each socket drains up to 256 messages a poll into buffers of its own. They are handed over to
 /// a callback thread that all share, or taken right there.
-template <class Encoding>
+template <class Encoding, class Library = bench::RawZMQ>
 class RawSubscribers : public Subscribers {
  public:
   RawSubscribers(Audience audience, bool callbackThread, Arrivals &arrivals) : arrivals_(arrivals) {
@@ -270,22 +307,15 @@ class RawSubscribers : public Subscribers {
 
  private:
   using Messages = std::vector<typename Encoding::Message>;
-  struct Call {
-    Arrivals &arrivals;
-    int stream;
-    Messages messages;
-    void operator()() {
-      for (const auto &message : messages) arrivals.take(stream, Encoding::note(message));
-    }
-  };
+  using Call = Batch<Encoding>;
 
   void run(Audience audience, int stream) {
-    bench::Socket socket(context_, ZMQ_SUB);
+    typename Library::Socket socket(context_, ZMQ_SUB);
     const int32_t topic = stream;
     socket.subscribe(audience.filtered ? std::string_view(reinterpret_cast<const char *>(&topic), sizeof(topic)) : "");
     socket.connectToLoopback(audience.port);
-    bench::Frame frame;
-    for (zmq_pollitem_t item = {socket.get(), 0, ZMQ_POLLIN, 0}; zmq_poll(&item, 1, -1) >= 0 || zmq_errno() == EINTR;) {
+    typename Library::Frame frame;
+    for (zmq_pollitem_t item = {socket.get(), 0, ZMQ_POLLIN, 0}; Library::poll(&item, 1, -1);) {
       Messages messages;
       for (int i = 0; i < 256 && frame.receive(socket, ZMQ_DONTWAIT); ++i)
         messages.push_back(Encoding::decode(frame.bytes()));
@@ -298,9 +328,29 @@ class RawSubscribers : public Subscribers {
   }
 
   Arrivals &arrivals_;
-  bench::Context context_;
+  typename Library::Context context_;
   std::unique_ptr<bench::CallbackThread<Call>> callbacks_;
   std::vector<std::thread> threads_;
+};
+
+/// One with CZMQ, which hands over as well.
+template <class Encoding>
+class CZMQSubscriber : public Subscribers {
+ public:
+  CZMQSubscriber(Audience audience, Arrivals &arrivals)
+      : actor_(zsock_new_sub(bench::loopback(audience.port).c_str(), ""),
+               {.handedOver = nullptr,
+                .received = [this](zframe_t *frame) { messages_.push_back(Encoding::decode(bench::bytesOf(frame))); },
+                .drained =
+                    [this, &arrivals] {
+                      callbacks_.post({arrivals, 0, std::move(messages_)});
+                      messages_.clear();
+                    }}) {}
+
+ private:
+  std::vector<typename Encoding::Message> messages_;
+  bench::CallbackThread<Batch<Encoding>> callbacks_;
+  bench::CZMQActor actor_;  // last: it calls the others
 };
 
 // One publisher, one subscriber.
@@ -320,6 +370,14 @@ struct Pair {
 };
 
 enum class Receiver { ours, handWritten, raw };
+
+/// Both ends with another library.
+template <class Sender, class Receivers, class Encoding, class... More>
+std::unique_ptr<Pair> makePeer(const char *peer, Encoding encoding, More... more) {
+  auto pair = std::make_unique<Pair>(peer, std::make_unique<Sender>(encoding));
+  pair->add(std::make_unique<Receivers>(Audience{pair->publisher->port()}, more..., pair->arrivals));
+  return pair;
+}
 
 template <class Encoding>
 std::unique_ptr<Pair> makePair(const char *peer, bool ourPublisher, Receiver receiver, OurEncoding ours, Encoding raw) {
@@ -345,11 +403,15 @@ void throughput(const std::string &name, int64_t count, OurEncoding ours, Encodi
   pairs.push_back(makePair("qelnk-subscriber", false, Receiver::ours, ours, raw));
   pairs.push_back(makePair("qelnk-publisher", true, Receiver::raw, ours, raw));
   pairs.push_back(makePair("raw", false, Receiver::raw, ours, raw));
+  pairs.push_back(
+      makePeer<RawPublisher<Encoding, bench::CppZMQ>, RawSubscribers<Encoding, bench::CppZMQ>>("cppzmq", raw, true));
+  pairs.push_back(makePeer<CZMQPublisher<Encoding>, CZMQSubscriber<Encoding>>("czmq", raw));
   std::vector<bench::RatedEntry> entries;
   for (const auto &pair : pairs)
     entries.push_back({pair->peer, [&pair](int64_t many) { pair->arrivals.exchange(*pair->publisher, many); }});
-  entries[3].reference = entries[4].reference = 4;
-  bench::contestOfRates("broadcast/rate/" + name, std::move(entries), 21, count);
+  entries[0].references = {1, 5, 6};
+  entries[3].references = entries[4].references = {4};
+  bench::contestOfRates("broadcast/rate/" + name, std::move(entries), 15, count);
 }
 
 void throughput(bool pinned) {
@@ -521,7 +583,8 @@ int main(int count, char **words) {
     return count < 2 || std::find(words + 1, words + count, what) != words + count;
   };
   QLGetHandle().setLevel(qelnk::LogLevel::off);  // that a slow callback loses messages is told on the error level
-  prctl(PR_SET_TIMERSLACK, 1UL);                 // for paced senders
+  bench::prepareCZMQ();
+  prctl(PR_SET_TIMERSLACK, 1UL);  // for paced senders
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   descriptors.rlim_cur = descriptors.rlim_max;  // two hundred subscribers exceed the usual thousand

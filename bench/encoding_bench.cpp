@@ -1,9 +1,13 @@
-// MessagePack and JSON of value trees, beside msgpack-cxx and nlohmann-json in the same run.
+// MessagePack and JSON of value trees, beside msgpack-cxx, nlohmann-json, RapidJSON and Boost.JSON in the same run.
 
 #include <QELNetworkKit/JSON.h>
 #include <QELNetworkKit/MPMessagePack.h>
 #include <benchmark/benchmark.h>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
+#include <boost/json.hpp>
 #include <msgpack.hpp>
 #include <nlohmann/json.hpp>
 
@@ -60,6 +64,33 @@ void jsonReadNlohmann(benchmark::State &state, const std::string &text) {
   setBytes(state, text.size());
 }
 
+// Exact doubles and valid UTF-8, which is what ours and nlohmann-json see to, are options here.
+constexpr unsigned strict = rapidjson::kParseFullPrecisionFlag | rapidjson::kParseValidateEncodingFlag;
+
+template <unsigned flags>
+void jsonReadRapid(benchmark::State &state, const std::string &text) {
+  for (auto _ : state) {
+    rapidjson::Document document;
+    document.Parse<flags>(text.data(), text.size());
+    benchmark::DoNotOptimize(document.HasParseError());
+  }
+  setBytes(state, text.size());
+}
+
+void jsonReadBoost(benchmark::State &state, const std::string &text) {
+  for (auto _ : state) benchmark::DoNotOptimize(boost::json::parse(text));
+  setBytes(state, text.size());
+}
+
+/// The way for trees that are read and never changed: their memory is taken in large blocks and freed at once.
+void jsonReadBoostMonotonic(benchmark::State &state, const std::string &text) {
+  for (auto _ : state) {
+    boost::json::monotonic_resource memory;
+    benchmark::DoNotOptimize(boost::json::parse(text, &memory));
+  }
+  setBytes(state, text.size());
+}
+
 void jsonWriteOurs(benchmark::State &state, const Value &tree) {
   for (auto _ : state) benchmark::DoNotOptimize(qelnk::jsonData(tree));
 }
@@ -67,6 +98,22 @@ void jsonWriteOurs(benchmark::State &state, const Value &tree) {
 void jsonWriteNlohmann(benchmark::State &state, const std::string &text) {
   const auto tree = nlohmann::json::parse(text);
   for (auto _ : state) benchmark::DoNotOptimize(tree.dump());
+}
+
+void jsonWriteRapid(benchmark::State &state, const std::string &text) {
+  rapidjson::Document tree;
+  tree.Parse<strict>(text.data(), text.size());
+  for (auto _ : state) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    tree.Accept(writer);
+    benchmark::DoNotOptimize(buffer.GetString());
+  }
+}
+
+void jsonWriteBoost(benchmark::State &state, const std::string &text) {
+  const boost::json::value tree = boost::json::parse(text);
+  for (auto _ : state) benchmark::DoNotOptimize(boost::json::serialize(tree));
 }
 
 void registerDocument(const std::string &name, const Value &tree) {
@@ -87,8 +134,14 @@ void registerDocument(const std::string &name, const Value &tree) {
   const std::string &text = *texts.back();
   add("json-in", "qelnk", [&text](auto &state) { jsonReadOurs(state, text); });
   add("json-in", "nlohmann", [&text](auto &state) { jsonReadNlohmann(state, text); });
+  add("json-in", "rapidjson", [&text](auto &state) { jsonReadRapid<0>(state, text); });
+  add("json-in", "rapidjson-strict", [&text](auto &state) { jsonReadRapid<strict>(state, text); });
+  add("json-in", "boost", [&text](auto &state) { jsonReadBoost(state, text); });
+  add("json-in", "boost-monotonic", [&text](auto &state) { jsonReadBoostMonotonic(state, text); });
   add("json-out", "qelnk", [&kept_tree](auto &state) { jsonWriteOurs(state, kept_tree); });
   add("json-out", "nlohmann", [&text](auto &state) { jsonWriteNlohmann(state, text); });
+  add("json-out", "rapidjson", [&text](auto &state) { jsonWriteRapid(state, text); });
+  add("json-out", "boost", [&text](auto &state) { jsonWriteBoost(state, text); });
 }
 
 }  // namespace

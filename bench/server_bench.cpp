@@ -131,8 +131,8 @@ void roundTrips(bool pinned) {
   std::vector<bench::RoundTripEntry> entries;
   const auto calledBack = bench::OurRequests::calledBack;
   entries.push_back({"qelnk", std::make_unique<bench::OurRequests>(ours.port(), calledBack)});
-  entries.push_back({"hand-written", std::make_unique<bench::RequestsByHand>(raw.port(), calledBack)});
-  entries.push_back({"qelnk-server-only", std::make_unique<bench::RequestsByHand>(ours.port(), calledBack)});
+  entries.push_back({"hand-written", std::make_unique<bench::RequestsByHand<>>(raw.port(), calledBack)});
+  entries.push_back({"qelnk-server-only", std::make_unique<bench::RequestsByHand<>>(ours.port(), calledBack)});
   entries.push_back({"one-thread", std::make_unique<bench::RequestsOnOneThread>(raw.port())});
   for (const auto &entry : entries)
     for (int i = 0; i < 200; ++i) entry.roundTripper->roundTrip();
@@ -198,8 +198,8 @@ void manyClients(const std::string &what, int ours, int raw, const std::string &
   for (const int depth : {1, 64}) {
     Clients ofOurs(ours, depth, request, answer), ofRaw(raw, depth, request, answer);
     bench::contestOfRates("server/16-clients/" + what + "/" + std::to_string(depth) + "-each",
-                          {{"qelnk", [&](int64_t count) { ofOurs.exchange(count); }, 1, ourThreadName},
-                           {"hand-written", [&](int64_t count) { ofRaw.exchange(count); }, 1, rawThreadName}},
+                          {{"qelnk", [&](int64_t count) { ofOurs.exchange(count); }, {1}, ourThreadName},
+                           {"hand-written", [&](int64_t count) { ofRaw.exchange(count); }, {1}, rawThreadName}},
                           21, depth > 1 ? 60000 : 6000);
   }
 }

@@ -265,7 +265,7 @@ class Bare final : public Client {
 void contest(const Server &server, const std::string &name, const std::string &path, int64_t count,
              void (Client::*exchange)(int64_t)) {
   const auto entry = [&](const char *peer, std::shared_ptr<Client> client, size_t reference) {
-    return bench::RatedEntry{peer, [client, exchange](int64_t n) { (client.get()->*exchange)(n); }, reference};
+    return bench::RatedEntry{peer, [client, exchange](int64_t n) { (client.get()->*exchange)(n); }, {reference}};
   };
   const std::string url = "ws://" + server.address() + path;
   bench::contestOfRates(name,
