@@ -103,8 +103,8 @@ class QELNK_EXPORT QELNKLegacyServer : public QELNKLegacyStreamDelegate,
   /// on the log. Those that there are stay.
   size_t maximumConnections() const;
   void setMaximumConnections(size_t count);
-  /// The connections, in the order in which they came. One that the host has ended itself leaves the list when the next
-  /// one comes.
+  /// The connections, in the order in which they came. One that the host has ended itself leaves the list as others
+  /// come, at the latest when there would be twice as many as there are connections, or more than there may be.
   std::vector<std::shared_ptr<QELNKLegacyStream>> streams() const;
   /// The observer, which is not kept alive; null once it has gone.
   std::shared_ptr<QELNKLegacyServerDelegate> delegate() const;

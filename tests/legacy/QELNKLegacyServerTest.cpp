@@ -261,6 +261,24 @@ TEST(LegacyServer, EndsWhatGoesBeyondItsBounds) {
   }
 }
 
+TEST(LegacyServer, ThoseThatTheHostHasEndedDoNotPileUp) {
+  Service service(QELNKLegacyStream::defaultIngestOptions());
+  const Guest guest(service.server->port());
+  ASSERT_TRUE(eventually([&] { return guest.observer->has("ready"); }));
+  const auto lasting = service.server->streams().front();
+  auto newest = lasting;
+  for (int i = 0; i < 50; ++i) {
+    const int peer = connectTo(service.server->port());
+    ASSERT_TRUE(eventually([&] { return service.server->streams().back() != newest; }));
+    newest = service.server->streams().back();
+    newest->disconnect();
+    close(peer);
+    EXPECT_LE(service.server->streams().size(), 16u);
+  }
+  EXPECT_EQ(service.server->streams().front(), lasting);
+  EXPECT_FALSE(guest.observer->has("terminated 1"));
+}
+
 TEST(LegacyServer, OutlivesBadPeers) {
   Service service(QELNKLegacyStream::defaultIngestOptions());
   const Guest good(service.server->port());
