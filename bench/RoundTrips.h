@@ -10,11 +10,35 @@
 #include "Contest.h"
 #include "HandWritten.h"
 
-/// Clients that make one request of 64 bytes at a time: ours, by hand with the same thread hops, and on one thread
-/// without any.
+/// Clients that make one request at a time, of 64 bytes unless they are told otherwise: ours, by hand with the same
+/// thread hops, and on one thread without any.
 namespace bench {
 
 constexpr size_t requestSize = 64;
+
+/// Answers every request with its own bytes.
+class Echo {
+ public:
+  Echo() : socket_(context_, ZMQ_REP), port_(socket_.bindToLoopback()), thread_([this] { run(); }) {}
+  ~Echo() {
+    stopped_ = true;
+    thread_.join();
+  }
+  int port() const { return port_; }
+
+ private:
+  void run() {
+    socket_.set(ZMQ_RCVTIMEO, 100);
+    while (!stopped_)
+      if (Frame frame; frame.receive(socket_)) frame.send(socket_);
+  }
+
+  Context context_;
+  Socket socket_;
+  const int port_;
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
 
 /// Somebody who can do a round trip.
 class RoundTripper {
@@ -29,8 +53,8 @@ class RoundTripper {
 class OurRequests : public RoundTripper {
  public:
   enum Manner { calledBack, waiting, waitingAndCalledBack };
-  OurRequests(int port, Manner manner)
-      : manner_(manner), client_(QELNKClient::create(QELNKContext::contextWithBackgroundQueue())) {
+  OurRequests(int port, Manner manner, size_t size = requestSize)
+      : manner_(manner), size_(size), client_(QELNKClient::create(QELNKContext::contextWithBackgroundQueue())) {
     client_->setMessageBody(QELNKMessageBodyData);
     client_->setSyncRequests(manner != calledBack);
     Gate connected;
@@ -40,30 +64,31 @@ class OurRequests : public RoundTripper {
   ~OurRequests() override { client_->disconnect(); }
 
   Clock::duration roundTrip() override {
-    qelnk::Data body = qelnk::Data::uninitialized(requestSize);
-    std::memset(body.mutableData(), 7, requestSize);
+    qelnk::Data body = qelnk::Data::uninitialized(size_);
+    std::memset(body.mutableData(), 7, size_);
     QELNKMessage::ResponseBlock block;
     if (manner_ != waiting) block = [this](auto &, auto &message) { arrive(*message); };
     const auto start = Clock::now();
     const auto message = client_->sendRequest(std::move(body), std::move(block));
     const auto returned = Clock::now();
     if (manner_ == waiting) arrive(*message);
-    require(gate_.pass() && size_ == requestSize, "no reply");
+    require(gate_.pass() && received_ == size_, "no reply");
     return (manner_ == calledBack ? arrived_ : returned) - start;
   }
 
  private:
   void arrive(const QELNKMessage &message) {
     arrived_ = Clock::now();
-    size_ = message.response() ? message.response()->bytes().size() : 0;
+    received_ = message.response() ? message.response()->bytes().size() : 0;
     gate_.open();
   }
 
   const Manner manner_;
+  const size_t size_;
   const std::shared_ptr<QELNKClient> client_;
   Gate gate_;
   Clock::time_point arrived_;
-  size_t size_ = 0;
+  size_t received_ = 0;
 };
 
 // By hand.
@@ -71,16 +96,17 @@ class OurRequests : public RoundTripper {
 template <class Client = RequestClient<>>
 class RequestsByHand : public RoundTripper {
  public:
-  RequestsByHand(int port, OurRequests::Manner manner) : manner_(manner), client_(port) {}
+  RequestsByHand(int port, OurRequests::Manner manner, size_t size = requestSize)
+      : manner_(manner), size_(size), client_(port) {}
 
   Clock::duration roundTrip() override {
-    std::string body(requestSize, '\7');
+    std::string body(size_, '\7');
     Request request;
     request.body.swap(body);
     if (manner_ != OurRequests::waiting)
       request.onCallbackThread = [this](const std::string &reply) {
         arrived_ = Clock::now();
-        size_ = reply.size();
+        received_ = reply.size();
         gate_.open();
       };
     if (manner_ != OurRequests::calledBack)
@@ -90,17 +116,18 @@ class RequestsByHand : public RoundTripper {
       };
     const auto start = Clock::now();
     client_.send(std::move(request));
-    if (manner_ != OurRequests::calledBack) require(waited_.pass() && waitedSize_ == requestSize, "no reply");
+    if (manner_ != OurRequests::calledBack) require(waited_.pass() && waitedSize_ == size_, "no reply");
     const auto returned = Clock::now();
-    if (manner_ != OurRequests::waiting) require(gate_.pass() && size_ == requestSize, "no reply");
+    if (manner_ != OurRequests::waiting) require(gate_.pass() && received_ == size_, "no reply");
     return (manner_ == OurRequests::calledBack ? arrived_ : returned) - start;
   }
 
  private:
   const OurRequests::Manner manner_;
+  const size_t size_;
   Gate gate_, waited_;
   Clock::time_point arrived_;
-  size_t size_ = 0, waitedSize_ = 0;
+  size_t received_ = 0, waitedSize_ = 0;
   Client client_;  // last: it calls back into the others
 };
 

@@ -2,7 +2,10 @@
 
 #include <sched.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zmq.h>
 
@@ -11,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +22,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <mutex>
@@ -139,6 +144,27 @@ class Gate {
   std::condition_variable opened_;
   bool isOpen_ = false;
 };
+
+/// Does it in a process whose memory nobody has used before. To be called while this one has no other threads.
+inline void inFreshProcess(const std::function<void()> &work) {
+  const pid_t process = fork();
+  require(process >= 0, "fork");
+  if (process == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    work();
+    std::_Exit(0);
+  }
+  int status = 0;
+  require(waitpid(process, &status, 0) == process && status == 0, "a process failed");
+}
+
+/// Lets this process have as many descriptors as it may.
+inline void raiseDescriptorLimit() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+}
 
 // Raw ZeroMQ.
 

@@ -2,13 +2,8 @@
 // a connection takes. Beside plain Asio with the same chunk sizes, and bare loops of system calls.
 
 #include <QELNetworkKit/Log.h>
-#include <QELNetworkKit/QELNKLegacyServer.h>
 #include <QELNetworkKit/QELNKLegacyStream.h>
-#include <arpa/inet.h>
-#include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
 
 #include <boost/asio.hpp>
 #include <cstring>
@@ -19,11 +14,12 @@
 #include <tuple>
 
 #include "Contest.h"
+#include "Legacy.h"
 
 namespace {
 
 namespace asio = boost::asio;
-using bench::Clock;
+using namespace bench;
 using qelnk::Data;
 using qelnk::Value;
 
@@ -31,37 +27,6 @@ constexpr size_t writeSize = 8192;  // as the ingest options have it
 constexpr size_t readSize = 2048;
 constexpr size_t blockSize = size_t(1) << 20;
 constexpr std::string_view line = "a preview is there";
-
-/// Two ends of a connection over the loopback.
-std::pair<int, int> connection() {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto *generic = reinterpret_cast<sockaddr *>(&address);
-  bench::require(bind(listener, generic, size) == 0 && listen(listener, 1) == 0, "listen");
-  getsockname(listener, generic, &size);
-  const int a = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  bench::require(connect(a, generic, size) == 0, "connect");
-  const int b = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-  close(listener);
-  const int on = 1;
-  for (const int end : {a, b}) setsockopt(end, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  return {a, b};
-}
-
-constexpr std::string_view theHandshake("handshake\0host bench\0ipv4 127.0.0.1\0appID bench\0", 48);
-
-/// Does what a peer by hand does on a connection to one of ours before both are ready.
-void shakeHands(int socket) {
-  bench::require(write(socket, theHandshake.data(), theHandshake.size()) == ssize_t(theHandshake.size()), "write");
-  for (int strings = 4; strings > 0;) {
-    char byte = 1;
-    bench::require(read(socket, &byte, 1) == 1, "handshake");
-    strings -= byte == 0;
-  }
-}
 
 enum class Kind { blocks, strings };
 
@@ -80,11 +45,11 @@ class alignas(128) Goal {
   void add(int64_t count) {
     if ((left_ -= count) <= 0) gate_.open();
   }
-  void await() { bench::require(gate_.pass(), "not everything arrived"); }
+  void await() { require(gate_.pass(), "not everything arrived"); }
 
  private:
   std::atomic<int64_t> left_{0};
-  bench::Gate gate_;
+  Gate gate_;
 };
 
 /// What an end by hand does with what it receives: makes each string, and counts blocks by their bytes.
@@ -126,7 +91,7 @@ class Counting final : public QELNKLegacyStreamDelegate {
   void networkStream(const Stream &, const QELProjectTimecode &, const std::optional<std::string> &) override {}
   void networkStreamIsReady(const Stream &) override { ready.open(); }
   void networkStreamWasTerminated(const Stream &) override {}
-  bench::Gate ready;
+  Gate ready;
 
  private:
   Goal &goal_;
@@ -310,7 +275,7 @@ class BareWay {
     const std::string &bytes = kind_ == Kind::blocks ? blockBytes() : underWay_;
     const ssize_t count =
         ::send(out_, bytes.data() + at_, std::min(bytes.size() - at_, writeSize), flags | MSG_NOSIGNAL);
-    bench::require(count >= 0 || errno == EAGAIN || errno == EPIPE, "send");
+    require(count >= 0 || errno == EAGAIN || errno == EPIPE, "send");
     at_ += size_t(std::max<ssize_t>(count, 0));
     if (at_ == bytes.size()) at_ = 0, --left_;
     if (count < 0 && errno == EPIPE) left_ = 0;
@@ -369,7 +334,7 @@ class OneWay {
     if (sender == Who::asio) asioSender_ = std::make_unique<AsioEnd>(loops_[0].context, a, kind, nowhere_);
     if (receiver == Who::asio) asioReceiver_ = std::make_unique<AsioEnd>(loops_[twoThreads].context, b, kind, goal_);
     for (auto *end : {ourSender_.get(), ourReceiver_.get()})
-      if (end) bench::require(end->observer->ready.pass(), "not ready");
+      if (end) require(end->observer->ready.pass(), "not ready");
   }
   ~OneWay() {
     for (AsioThread &loop : loops_) loop.end();  // before what they serve goes
@@ -397,10 +362,10 @@ class OneWay {
 void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int64_t count) {
   const auto entry = [&](const char *peer, Who sender, Who receiver) {
     const auto way = std::make_shared<OneWay>(sender, receiver, twoThreads, kind);
-    return bench::RatedEntry{peer, [way](int64_t messages) { way->exchange(messages); }, {0}};
+    return RatedEntry{peer, [way](int64_t messages) { way->exchange(messages); }, {0}};
   };
   const auto bare = std::make_shared<BareWay>(twoThreads, kind);
-  std::vector<bench::RatedEntry> entries = {
+  std::vector<RatedEntry> entries = {
       entry("asio", Who::asio, Who::asio),
       {"bare", [bare](int64_t messages) { bare->exchange(messages); }, {0}},
       entry("ours", Who::ours, Who::ours),
@@ -410,7 +375,7 @@ void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int
     entries.push_back(entry("ours-to-asio", Who::ours, Who::asio));
     entries.push_back(entry("asio-to-ours", Who::asio, Who::ours));
   }
-  bench::contestOfRates(name, std::move(entries), rounds, count);
+  contestOfRates(name, std::move(entries), rounds, count);
 }
 
 /// A block of a gigabyte, which the receiver is to have as a whole.
@@ -422,12 +387,12 @@ void giant() {
     Goal goal, nowhere;
     const auto [a, b] = connection();
     OurEnd sender(a, true, nowhere), receiver(b, true, goal);
-    bench::require(sender.observer->ready.pass() && receiver.observer->ready.pass(), "not ready");
+    require(sender.observer->ready.pass() && receiver.observer->ready.pass(), "not ready");
     goal.set(1);
     const auto start = Clock::now();
     sender.stream->writeBinaryData(block, "image/raw", false);
     goal.await();
-    return std::vector<double>{bench::microseconds(Clock::now() - start)};
+    return std::vector<double>{microseconds(Clock::now() - start)};
   };
   const auto byHand = [&] {
     const auto [a, b] = connection();
@@ -435,7 +400,7 @@ void giant() {
     asio::ip::tcp::socket from(loops[0].context, asio::ip::tcp::v4(), a), to(loops[1].context, asio::ip::tcp::v4(), b);
     from.non_blocking(true);
     to.non_blocking(true);
-    bench::Gate done;
+    Gate done;
     std::string collected;
     std::array<char, readSize> chunk;
     size_t at = 0;
@@ -457,12 +422,12 @@ void giant() {
     collected.reserve(size);
     asio::post(loops[0].context, write);
     asio::post(loops[1].context, read);
-    bench::require(done.pass(), "not everything arrived");
-    const double time = bench::microseconds(Clock::now() - start);
+    require(done.pass(), "not everything arrived");
+    const double time = microseconds(Clock::now() - start);
     for (AsioThread &loop : loops) loop.end();
     return std::vector<double>{time};
   };
-  bench::contestOfTimes("giant/1GiB", {{"ours", ours}, {"asio", byHand}}, 5);
+  contestOfTimes("giant/1GiB", {{"ours", ours}, {"asio", byHand}}, 5);
 }
 
 /// What a byte costs while so many lie before it: nothing is read until all has been queued.
@@ -473,85 +438,26 @@ void backlog() {
     const auto [a, b] = connection();
     OurEnd sender(a, true, nowhere);
     shakeHands(b);
-    bench::require(sender.observer->ready.pass(), "not ready");
+    require(sender.observer->ready.pass(), "not ready");
     const std::string text(999, 'x');
     const int64_t size = megabytes * 1000 * 1000;
     for (int64_t queued = 0; queued < size; queued += 1000) sender.stream->writeString(text);
-    const double busyBefore = bench::processSeconds();
+    const double busyBefore = processSeconds();
     std::vector<char> room(readSize * 8);
     for (int64_t left = size; left > 0;) {
       const ssize_t count = read(b, room.data(), room.size());
-      bench::require(count > 0, "read");
+      require(count > 0, "read");
       left -= count;
     }
-    const double cost = (bench::processSeconds() - busyBefore) * 1e9 / double(size);
+    const double cost = (processSeconds() - busyBefore) * 1e9 / double(size);
     if (first == 0) first = cost;
-    bench::printRow("backlog/" + std::to_string(megabytes) + "MB", "ours",
-                    {{"cpu_ns_per_byte", cost}, {"ratio", cost / first}});
+    printRow("backlog/" + std::to_string(megabytes) + "MB", "ours",
+             {{"cpu_ns_per_byte", cost}, {"ratio", cost / first}});
     close(b);
   }
 }
 
 // --- Many ---
-
-class Nobody final : public QELNKLegacyServerDelegate {
- public:
-  void networkService(const Server &, const Stream &, const std::string &) override {}
-  void networkService(const Server &, const Stream &, const QELProjectTimecode &,
-                      const std::optional<std::string> &) override {}
-  void networkServiceNetworkStreamIsReady(const Server &, const Stream &) override { ++ready; }
-  void networkServiceNetworkStreamWasTerminated(const Server &, const Stream &) override {}
-  std::atomic<int> ready{0};
-};
-
-/// What these sockets have received and nobody has read goes.
-void drainAll(const std::vector<int> &sockets) {
-  std::array<char, 65536> room;
-  for (const int socket : sockets)
-    while (recv(socket, room.data(), room.size(), MSG_DONTWAIT) == ssize_t(room.size())) {
-    }
-}
-
-/// A server of ours whose connections share a thread, with so many peers that do not read.
-class Crowd {
- public:
-  explicit Crowd(int count) : observer_(std::make_shared<Nobody>()) {
-    Value options = QELNKLegacyStream::defaultPlayoutOptionsForAppID("bench");
-    options.set("delegateOnMainThread", false);
-    server = QELNKLegacyServer::create("bench", 0, options);
-    server->setDelegate(observer_);
-    bench::require(server->start(), "start");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(server->port());
-    const double memoryBefore = bench::residentKiB();
-    const auto begin = Clock::now();
-    std::thread peers([&] {
-      for (int i = 0; i < count; ++i) {
-        const int peer = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        bench::require(connect(peer, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "connect");
-        bench::require(write(peer, theHandshake.data(), theHandshake.size()) > 0, "write");
-        peers_.push_back(peer);
-      }
-    });
-    while (observer_->ready < count) qelnk::RunLoop::current()->runOnce(std::chrono::milliseconds(1));
-    peers.join();
-    secondsToAccept = bench::seconds(Clock::now() - begin);
-    memoryEach = (bench::residentKiB() - memoryBefore) / count;
-  }
-  ~Crowd() {
-    server.reset();
-    for (const int peer : peers_) close(peer);
-  }
-  void drain() { drainAll(peers_); }
-  std::shared_ptr<QELNKLegacyServer> server;
-  double secondsToAccept = 0, memoryEach = 0;
-
- private:
-  std::vector<int> peers_;
-  std::shared_ptr<Nobody> observer_;
-};
 
 void heartbeat() {
   constexpr int connections = 1000, beats = 20;
@@ -569,24 +475,12 @@ void heartbeat() {
     for (int i = 0; i < beats; ++i) {
       const auto start = Clock::now();
       beat();
-      times.push_back(bench::microseconds(Clock::now() - start));
+      times.push_back(microseconds(Clock::now() - start));
       after();
     }
     return times;
   };
-  const auto ours = [&] {
-    return timed(
-        [&] {
-          crowd.server->sendHeartbeatAtTimecode(timecode, "on air 1");
-          // Behind all that the heartbeat has brought: the writes, then what follows them.
-          const auto thread = QELNKLegacyStreamThread::singleThreaded();
-          std::promise<void> done;
-          const auto afterWrites = [&] { thread->performSelectorOnTarget([&] { done.set_value(); }, false); };
-          thread->performSelectorOnTarget(afterWrites, false);
-          done.get_future().wait();
-        },
-        [&] { crowd.drain(); });
-  };
+  const auto ours = [&] { return timed([&] { crowd.beat(timecode, "on air 1"); }, [&] { crowd.drain(); }); };
   // On a thread of its own as well: else its sockets would never leave the caches of one core, as they do where what
   // peers read is read elsewhere.
   AsioThread writer;
@@ -595,16 +489,15 @@ void heartbeat() {
         [&] {
           std::promise<void> written;
           asio::post(writer.context, [&] {
-            for (const auto &[a, b] : bare)
-              bench::require(send(a, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0, "send");
+            for (const auto &[a, b] : bare) require(send(a, bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0, "send");
             written.set_value();
           });
           written.get_future().wait();
         },
         [&] { drainAll(peers); });
   };
-  for (const auto &stream : crowd.server->streams()) bench::require(stream->isReady(), "not ready");
-  bench::contestOfTimes("heartbeat/1000", {{"ours", ours}, {"bare-loop", loop}}, 15);
+  for (const auto &stream : crowd.server->streams()) require(stream->isReady(), "not ready");
+  contestOfTimes("heartbeat/1000", {{"ours", ours}, {"bare-loop", loop}}, 15);
   writer.end();
   for (const auto &[a, b] : bare) close(a), close(b);
 }
@@ -612,8 +505,8 @@ void heartbeat() {
 void crowds() {
   for (const int count : {1000, 5000}) {
     const Crowd crowd(count);
-    bench::printRow("connections/" + std::to_string(count), "ours",
-                    {{"seconds_to_accept", crowd.secondsToAccept}, {"KiB_each", crowd.memoryEach}});
+    printRow("connections/" + std::to_string(count), "ours",
+             {{"seconds_to_accept", crowd.secondsToAccept}, {"KiB_each", crowd.memoryEach}});
   }
 }
 
@@ -621,10 +514,7 @@ void crowds() {
 
 int main(int count, char **arguments) {
   QLGetHandle().setLevel(qelnk::LogLevel::off);
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
+  raiseDescriptorLimit();
   const std::string only = count > 1 ? arguments[1] : "";
   const auto wants = [&](const char *part) { return only.empty() || only == part; };
   if (wants("connections")) crowds();  // first: the memory of an idle connection shows best in a fresh process

@@ -16,30 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 using bench::OurRequests;
 
-/// Answers every request with its own bytes.
-class Echo {
- public:
-  Echo() : socket_(context_, ZMQ_REP), port_(socket_.bindToLoopback()), thread_([this] { run(); }) {}
-  ~Echo() {
-    stopped_ = true;
-    thread_.join();
-  }
-  int port() const { return port_; }
-
- private:
-  void run() {
-    socket_.set(ZMQ_RCVTIMEO, 100);
-    while (!stopped_)
-      if (bench::Frame frame; frame.receive(socket_)) frame.send(socket_);
-  }
-
-  bench::Context context_;
-  bench::Socket socket_;
-  const int port_;
-  std::atomic<bool> stopped_{false};
-  std::thread thread_;
-};
-
 void warmUp(const std::vector<bench::RoundTripEntry> &entries) {
   for (const auto &entry : entries)
     for (int i = 0; i < 200; ++i) entry.roundTripper->roundTrip();
@@ -57,7 +33,7 @@ void onCores(bool pinned) {
   bench::pin(pinned);
   const std::string cores = pinned ? "one-core" : "all-cores";
   constexpr int share = 20;
-  Echo echo;
+  bench::Echo echo;
   const int port = echo.port();
   const auto compare = [&](const char *what, OurRequests::Manner manner, bool withOneThread) {
     std::vector<bench::RoundTripEntry> entries;
