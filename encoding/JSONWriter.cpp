@@ -61,6 +61,7 @@ class JSONWriter {
 
  private:
   bool string(std::string_view text) {
+    if (sink_.putPlain(text)) return true;
     if (!detail::isUTF8(text)) return failed("A string is not UTF-8");
     sink_.putQuoted(text);
     return true;

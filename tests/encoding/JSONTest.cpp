@@ -94,6 +94,20 @@ TEST(JSON, IntegersOfEveryLength) {
   EXPECT_EQ(written(std::numeric_limits<int64_t>::min()), "-9223372036854775808");
 }
 
+TEST(JSON, StringsOfEveryLengthWithSomethingSpecialAnywhere) {
+  const std::pair<std::string, std::string> specials[] = {
+      {"x", "x"},          {"\"", "\\\""}, {"\\", "\\\\"}, {"\n", "\\n"},    {std::string(1, '\0'), "\\u0000"},
+      {"\x1f", "\\u001f"}, {" ", " "},     {"!", "!"},     {"\x7f", "\x7f"}, {"é", "é"}};
+  for (size_t length = 0; length <= 40; ++length)
+    for (size_t place = 0; place <= length; ++place) {
+      const std::string before(place, 'a'), after(length - place, ']');
+      for (const auto &[special, form] : specials)
+        EXPECT_EQ(written(before + special + after), '"' + before + form + after + '"');
+      EXPECT_FALSE(jsonData(Value::list({before + "\x80" + after})));
+      EXPECT_FALSE(jsonData(Value::list({before + "\xc3" + after})));
+    }
+}
+
 TEST(JSON, RefusesWhatHasNoForm) {
   const std::pair<Value, const char *> refused[] = {
       {Value::list({Data{1}}), "byte buffer"},
