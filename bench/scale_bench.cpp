@@ -24,13 +24,14 @@ struct Side {
 
 /// Sides take turns and do it so many times each; prints what doing it once costs for `count`, times `factor`.
 void point(const std::string &curve, int64_t count, std::vector<Side> sides, int64_t repeats, double factor = 1) {
-  constexpr int rounds = 5;
   for (Side &side : sides) side.act();
-  takeTurns(sides, rounds, [&](Side &side) {
-    const double before = processSeconds();
-    for (int64_t i = 0; i < repeats; ++i) side.act();
-    side.costs.push_back((processSeconds() - before) * 1e6 / double(repeats));
-  });
+  const auto start = Clock::now();
+  for (int round = 0; round < 5 && (round < 2 || Clock::now() - start < 3s); ++round)
+    takeTurns(sides, 1, [&](Side &side) {
+      const double before = processSeconds();
+      for (int64_t i = 0; i < repeats; ++i) side.act();
+      side.costs.push_back((processSeconds() - before) * 1e6 / double(repeats));
+    });
   for (const Side &side : sides)
     printRow("scale/" + curve + "/" + std::to_string(count), side.peer, {{"us", median(side.costs) * factor}});
 }

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds and runs the benchmarks beside their peers, prints their tables and puts them into docs/benchmarks.md.
-#   scripts/bench.sh [encoding|request|broadcast|daemon|legacy|network|websocket|all]
-# All takes about ten minutes; let the machine do nothing else.
+#   scripts/bench.sh [encoding|request|broadcast|daemon|legacy|network|websocket|startup|scale|all]
+# All takes about a quarter of an hour; let the machine do nothing else.
 source "$(dirname "$0")/common.sh"
 what=${1:-all}
-case $what in encoding | request | broadcast | daemon | legacy | network | websocket | all) ;; *) sed -n '2,4s/^# //p' "$0" >&2; exit 2 ;; esac
+case $what in encoding | request | broadcast | daemon | legacy | network | websocket | startup | scale | all) ;; *) sed -n '2,4s/^# //p' "$0" >&2; exit 2 ;; esac
 scripts/setup.sh
 scripts/setup.sh bench
 echo "Building ..."
@@ -24,7 +24,7 @@ run() {
   echo "Running $1 ..."
   case $1 in
     encoding_bench | log_bench) "$programs/$1" "${micro[@]}" "--benchmark_out=$results/$1.json" >/dev/null ;;
-    *) timeout 300 "$programs/$1" | tee "$results/$1.txt" ;;
+    *) timeout 600 "$programs/$1" | tee "$results/$1.txt" ;;
   esac
 }
 wants() { [ "$what" = "$1" ] || [ "$what" = all ]; }
@@ -35,4 +35,6 @@ if wants daemon; then run daemon_bench; run log_bench; fi
 if wants legacy; then run legacy_bench; fi
 if wants network; then run network_bench; fi
 if wants websocket; then run websocket_bench; fi
+if wants startup; then run startup_bench; fi
+if wants scale; then run scale_bench; fi
 scripts/bench_report.py "$results" docs/benchmarks.md

@@ -2,6 +2,7 @@
 """Draws the ratios to the peers in the tables of a page: bench_plot.py PAGE SVG
 
 A row of each table that has both a ratio and a goal becomes a dot on a logarithmic scale, with a mark where its goal lies.
+Curves over how many there are come from bench_report.py.
 """
 
 import html
@@ -73,6 +74,68 @@ def drawing(groups):
                          f'{goal:g}</title></circle><text class="small" x="{LEFT + WIDTH + 12}" y="{middle + 4}">{ratio:.2f}</text>')
             y += ROW
     return "\n".join(parts) + "\n</svg>\n"
+
+
+CHART, BETWEEN = (380, 170), (110, 70)  # a chart and the room around it
+CURVE_STYLE = """
+  .ours { stroke: #0969da; fill: none; stroke-width: 2 } .peer { stroke: #8c959f; fill: none; stroke-width: 2 }
+  .at-ours { fill: #0969da } .at-peer { fill: #8c959f }
+  @media (prefers-color-scheme: dark) {
+    .ours { stroke: #58a6ff } .peer { stroke: #9198a1 } .at-ours { fill: #58a6ff } .at-peer { fill: #9198a1 }
+  }
+"""
+
+
+def unit(value, names):
+    """A number with one of `names`, each a thousand times the one before."""
+    for name in names:
+        if value < 1000 or name == names[-1]:
+            return f"{value:g}{name}"
+        value /= 1000
+    return ""
+
+
+def chart(left, top, title, peers):
+    """What one costs over how many there are, both logarithmic, a line for each peer with its slope."""
+    (width, height), each = CHART, {peer: [(n, cost / n) for n, cost in points] for peer, (points, _) in peers.items()}
+    counts = [n for points in each.values() for n, _ in points]
+    costs = [cost for points in each.values() for _, cost in points]
+    low, high = (10 ** f(math.log10(v)) for f, v in ((math.floor, min(costs)), (math.ceil, max(costs))))
+    if low == high:
+        high *= 10
+
+    def x(n):
+        return round(left + width * math.log(n / min(counts)) / math.log(max(counts) / min(counts)), 1)
+
+    def y(cost):
+        return round(top + height * math.log(high / cost) / math.log(high / low), 1)
+
+    parts = [f'<text class="head" x="{left}" y="{top - 24}">{html.escape(title)}</text>']
+    for power in range(round(math.log10(low)), round(math.log10(high)) + 1):
+        at = 10.0 ** power
+        parts.append(f'<line class="grid" x1="{left}" x2="{left + width}" y1="{y(at)}" y2="{y(at)}"/><text class="small" text-anchor="end" '
+                     f'x="{left - 6}" y="{y(at) + 4}">{unit(round(at * 1e6), (" ps", " ns", " µs", " ms", " s"))}</text>')
+    for n in dict.fromkeys(counts):
+        parts.append(f'<line class="grid" x1="{x(n)}" x2="{x(n)}" y1="{top}" y2="{top + height}"/><text class="small" text-anchor="middle" '
+                     f'x="{x(n)}" y="{top + height + 16}">{n:,}</text>')
+    for i, (peer, points) in enumerate(sorted(each.items(), key=lambda item: item[0] == "qelnk")):
+        style = "ours" if peer == "qelnk" else "peer"
+        line = " ".join(f"{x(n)},{y(cost)}" for n, cost in points)
+        dots = "".join(f'<circle class="at-{style}" cx="{x(n)}" cy="{y(cost)}" r="3"/>' for n, cost in points)
+        name = "QELNetworkKit" if peer == "qelnk" else "by hand"
+        parts.append(f'<polyline class="{style}" points="{line}"/>{dots}<circle class="at-{style}" cx="{left + 4 + 200 * i}" cy="{top - 11}" r="4"/>'
+                     f'<text class="small" x="{left + 12 + 200 * i}" y="{top - 7}">{name}, slope {peers[peer][1]:.2f}</text>')
+    return "".join(parts)
+
+
+def curves(titled):
+    """{title: {peer: ([(how many, microseconds for all)], slope of these)}} as a picture of charts, two beside each other."""
+    rows = (len(titled) + 1) // 2
+    width, height = 2 * (CHART[0] + BETWEEN[0]), rows * (CHART[1] + BETWEEN[1]) + 20
+    charts = [chart(70 + (i % 2) * (CHART[0] + BETWEEN[0]), 50 + (i // 2) * (CHART[1] + BETWEEN[1]), title, peers)
+              for i, (title, peers) in enumerate(titled.items())]
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" role="img"><title>What one costs, over how many there are'
+            f"</title><style>{STYLE}{CURVE_STYLE}</style>\n" + "\n".join(charts) + "\n</svg>\n")
 
 
 def main(page, svg):

@@ -6,6 +6,7 @@ its marker comments. Tables whose results are not there stay as they are.
 """
 
 import json
+import math
 import os
 import pathlib
 import re
@@ -17,6 +18,8 @@ import bench_plot
 
 DOCUMENTS = {"small": "small map", "ports": "200 port maps", "numbers": "100,000 numbers", "strings": "20,000 strings",
              "buffer": "1 MiB buffer"}
+JSON_PEERS = {"nlohmann": "nlohmann", "rapidjson-strict": "RapidJSON, exact", "rapidjson": "RapidJSON", "boost": "Boost.JSON",
+              "boost-monotonic": "Boost.JSON, monotonic"}
 
 
 def read_micro(path):
@@ -76,6 +79,15 @@ def encoding_tables(results):
                              *verdict(ratio, goal)])
     tables = {"encoding": table(["what", "QELNetworkKit", "peer", "ratio", "goal", ""], rows)}
     rows = []
+    for group, title in (("json-in", "JSON in"), ("json-out", "JSON out")):
+        for document, words in DOCUMENTS.items():
+            if times := micro.get(f"{group}/{document}"):
+                best = min((peer for peer in times if peer != "qelnk"), key=times.get)
+                ratio = times["qelnk"] / times[best]
+                rows.append([f"{title}, {words}", *(duration(times[peer]) if peer in times else "" for peer in ("qelnk", *JSON_PEERS)),
+                             JSON_PEERS[best], f"{ratio:.2f}", *verdict(ratio, 1.0)])
+    tables["json"] = table(["what", "QELNetworkKit", *JSON_PEERS.values(), "best", "ratio", "goal", ""], rows)
+    rows = []
     for document, words in DOCUMENTS.items():
         if peers := heap.get(f"heap/{document}"):
             bytes_each = {peer: figures["bytes_per_value"] for peer, figures in peers.items()}
@@ -95,8 +107,13 @@ def request_tables(results):
     tables = {}
     kinds = {"callback": "to the callback", "waiting": "waiting", "waiting-with-callback": "waiting, with a callback too"}
     rows = []
+    libraries = []
     for name, peers in trips.items():
         kind, cores, state = name.split("/")
+        if kind == "libraries":
+            times = [f"{peers[p]['median_us']:.1f} ({peers[p]['p99_us']:.0f})" for p in ("qelnk", "hand-written", "cppzmq", "czmq")]
+            libraries.append([cores.replace("-", " "), *times, f"{peers['qelnk']['ratio']:.2f}", *verdict(peers["qelnk"]["ratio"], 1.1)])
+            continue
         state = "back to back" if state == "busy" else f"after {state.removeprefix('after-').replace('ms', ' ms')} of rest"
         times = [f"{peers[p]['median_us']:.1f} ({peers[p]['p99_us']:.0f})" if p in peers else ""
                  for p in ("qelnk", "hand-written", "one-thread")]
@@ -104,14 +121,16 @@ def request_tables(results):
                      *verdict(peers["qelnk"]["ratio"], 1.1)])
     if rows:
         tables["request"] = table(["request", "QELNetworkKit", "by hand", "one thread", "ratio", "goal", ""], rows)
+    if libraries:
+        tables["request-libraries"] = table(["back to back", "QELNetworkKit", "libzmq", "cppzmq", "CZMQ", "ratio", "goal", ""], libraries)
     rows = []
     for name, peers in lines.items():
         if name.startswith("in-flight/"):
-            rates = [f"{peers[p]['per_second']:,.0f}/s" for p in ("qelnk", "hand-written", "one-thread")]
+            rates = [f"{peers[p]['per_second']:,.0f}/s" for p in ("qelnk", "hand-written", "cppzmq", "czmq", "one-thread")]
             rows.append([name.split("/")[1].replace("-", " "), *rates, f"{peers['qelnk']['ratio']:.2f}",
                          *verdict(peers["qelnk"]["ratio"], 0.8, at_most=False)])
     if rows:
-        tables["in-flight"] = table(["1,000 in flight", "QELNetworkKit", "by hand", "one thread", "ratio", "goal", ""], rows)
+        tables["in-flight"] = table(["1,000 in flight", "QELNetworkKit", "by hand", "cppzmq", "CZMQ", "one thread", "ratio", "goal", ""], rows)
     rows = []
     for order in dict.fromkeys(name.split("/")[2] for name in lines if name.startswith("pending/")):
         costs = [lines[f"pending/{count}/{order}"]["qelnk"] for count in (10, 1000, 100000)]
@@ -162,8 +181,9 @@ def broadcast_tables(results):
             what = f"{detail.replace('64-bytes', '64 bytes').replace('4-kib', '4 KiB')}, {rest[0].replace('-', ' ')}"
             for peer, words, other in (("qelnk", "", "hand-written"), ("qelnk-subscriber", ", raw publisher", "hand-written"),
                                        ("qelnk-publisher", ", raw subscriber", "raw")):
-                rates.append([what + words, *(f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (peer, other)),
-                              f"{peers[peer]['ratio']:.2f}", *verdict(peers[peer]["ratio"], 0.8, at_most=False)])
+                shown = (peer, other, "cppzmq", "czmq") if peer == "qelnk" else (peer, other)
+                cells = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in shown]
+                rates.append([what + words, *cells, *[""] * (4 - len(cells)), f"{peers[peer]['ratio']:.2f}", *verdict(peers[peer]["ratio"], 0.8, at_most=False)])
         elif kind == "paced":
             delays.append([detail.replace("-", " "), *(f"{peers[p]['median_us']:.0f} ({peers[p]['p99_us']:.0f})"
                                                        for p in ("qelnk", "hand-written", "qelnk-subscriber")),
@@ -182,7 +202,7 @@ def broadcast_tables(results):
             spread.append([detail, *(f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})"
                                      for p in ("qelnk", "hand-written", "raw")), f"{ours['ratio']:.2f}"])
     return {name: table(headings, rows) for name, headings, rows in (
-        ("broadcast", ["messages", "QELNetworkKit", "by hand", "ratio", "goal", ""], rates),
+        ("broadcast", ["messages", "QELNetworkKit", "by hand", "cppzmq", "CZMQ", "ratio", "goal", ""], rates),
         ("paced", ["20,000 a second", "QELNetworkKit", "by hand", "raw publisher, our subscriber", "ratio"], delays),
         ("slow-callback", ["messages", "sent", "called back", "dropped", "growth", "in the second half", "goal", ""], slow),
         ("idle-subscribers", ["subscribers", "of a core", "each", "passes each", "memory each", "descriptors each"], idle),
@@ -200,12 +220,14 @@ def legacy_tables(results):
             what = "1 MiB blocks" if kind == "blocks" else "strings"
             for peer, which in words.items():
                 if peer in peers:
-                    rates = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (peer, "asio")]
+                    rates = [f"{peers[p]['per_second']:,.0f}/s ({duration(peers[p]['cpu_ns'])})" for p in (peer, "asio", "bare")]
+                    if peer != "ours":
+                        rates[2] = ""
                     ways.append([f"{what}, {detail.replace('-', ' ')}{which}", *rates, f"{peers[peer]['ratio']:.2f}",
                                  *verdict(peers[peer]["ratio"], 0.8, at_most=False)])
         elif kind == "giant":
             rates = [f"{2**30 / peers[p]['median_us']:,.0f} MB/s" for p in ("ours", "asio")]
-            ways.append(["one block of 1 GiB, two threads", *rates, f"{1 / ours['ratio']:.2f}",
+            ways.append(["one block of 1 GiB, two threads", *rates, "", f"{1 / ours['ratio']:.2f}",
                          *verdict(1 / ours["ratio"], 0.8, at_most=False)])
         elif kind == "backlog":
             backlog.append([detail.replace("MB", " MB"), f"{ours['cpu_ns_per_byte']:.2f} ns", f"{ours['ratio']:.2f}",
@@ -217,7 +239,7 @@ def legacy_tables(results):
             crowd.append([f"heartbeat to {int(detail):,} connections", f"{duration(ours['median_us'] * 1e3)}, bare loop "
                           f"{duration(peers['bare-loop']['median_us'] * 1e3)}: {ours['ratio']:.2f}", *verdict(ours["ratio"], 1.3)])
     return {name: table(headings, rows) for name, headings, rows in (
-        ("legacy", ["one way", "QELNetworkKit", "Asio", "ratio", "goal", ""], ways),
+        ("legacy", ["one way", "QELNetworkKit", "Asio", "bare sockets", "ratio", "goal", ""], ways),
         ("legacy-backlog", ["backlog", "a byte costs", "growth", "goal", ""], backlog),
         ("legacy-crowd", ["what", "measured", "goal", ""], crowd)) if rows}
 
@@ -292,6 +314,66 @@ def websocket_tables(results):
     return {"websocket": table(headings, rows)} if rows else {}
 
 
+def startup_tables(results):
+    starts, idle = [], []
+    names = {"nothing": "nothing", "request": "a client that has had one answer", "server": "a server", "publisher": "a publisher",
+             "subscriber": "a subscriber", "daemon": "a daemon client", "legacy": "a legacy server with one connection",
+             "websocket": "a WebSocket", "watch": "a keep-alive watch"}
+    programs = {"empty": "an empty program", "libzmq": "with libzmq", "libraries": "with the libraries that ours needs", "ours": ""}
+    for name, peers in read_lines(results / "startup_bench.txt").items():
+        kind, what = name.split("/")
+        if kind == "startup":
+            words, goal = ("to main", 1.2) if what == "main" else ("from main to the first answer", 1.5)
+            times = [f"{peers[p]['median_us'] / 1000:.2f} ({peers[p]['p99_us'] / 1000:.1f})" if p in peers else ""
+                     for p in ("ours", "libraries", "libzmq", "empty")]
+            starts.append([words, *times, f"{peers['ours']['ratio']:.2f}", *verdict(peers["ours"]["ratio"], goal)])
+        else:
+            for program, f in peers.items():
+                idle.append([", ".join(part for part in (names[what], programs[program]) if part),
+                             f"{f['resident_kib'] / 1024:.1f} MiB", f"{f['own_kib']:,.0f} KiB", f"{f['threads']:.0f}",
+                             f"{f['cpu_percent']:.2f} %", f"{f['switches_per_second']:.1f}"])
+    return {name: table(headings, rows) for name, headings, rows in (
+        ("startup", ["ms", "QELNetworkKit", "its libraries alone", "libzmq alone", "empty", "ratio", "goal", ""], starts),
+        ("idle", ["idle process", "memory", "its own", "threads", "of a core", "switches a second"], idle)) if rows}
+
+
+CURVES = {"pending": "a request, so many pending and then answered", "subscribers": "a message to each of so many subscribers",
+          "subscribers-made": "making a subscriber, until all hear", "connections-made": "a legacy connection made and ended",
+          "heartbeat": "a heartbeat to each of so many connections", "workflows-mirrored": "mirroring a workflow of 10 ports",
+          "workflows": "a push to each port of so many workflows", "ports-mirrored": "mirroring a port",
+          "ports": "a push to each of so many ports", "request-bytes": "a byte of a request and its answer",
+          "published-bytes": "a byte of a published message"}
+
+
+def read_curves(results):
+    """{curve: {peer: [(how many, microseconds for all of them)]}}"""
+    curves = {}
+    for name, peers in read_lines(results / "scale_bench.txt").items():
+        _, curve, count = name.split("/")
+        for peer, figures in peers.items():
+            curves.setdefault(curve, {}).setdefault(peer, []).append((int(count), figures["us"]))
+    return {curve: curves[curve] for curve in CURVES if curve in curves}
+
+
+def slope(points):
+    """The exponent of what all cost over how many there are, by least squares on logarithms; 1 is linear."""
+    logarithms = [(math.log(count), math.log(cost)) for count, cost in points]
+    return statistics.linear_regression(*zip(*logarithms)).slope
+
+
+def scale_tables(results):
+    rows = []
+    for curve, peers in read_curves(results).items():
+        for peer, points in peers.items():
+            each = [f"{duration(cost * 1000 / count)} at {count:,}" for count, cost in (points[0], points[len(points) // 2], points[-1])]
+            value = slope(points)
+            goal = verdict(value, 1.1) if peer == "qelnk" else ["", ""]
+            rows.append([CURVES[curve] if peer == "qelnk" else "", "QELNetworkKit" if peer == "qelnk" else "by hand", *each,
+                         f"{value:.2f}", f"{slope(points[-2:]):.2f}", *goal])
+    headings = ["what one costs", "", "least", "", "most", "slope", "last step", "goal", ""]
+    return {"scale": table(headings, rows)} if rows else {}
+
+
 def machine():
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     compiler = subprocess.run(["c++", "--version"], capture_output=True, text=True).stdout.splitlines()
@@ -302,7 +384,8 @@ def machine():
 def main(results, page=None):
     results = pathlib.Path(results)
     tables = {**encoding_tables(results), **request_tables(results), **server_tables(results), **broadcast_tables(results),
-              **daemon_tables(results), **legacy_tables(results), **network_tables(results), **websocket_tables(results)}
+              **daemon_tables(results), **legacy_tables(results), **network_tables(results), **websocket_tables(results),
+              **startup_tables(results), **scale_tables(results)}
     for name, text in tables.items():
         print(f"\n{name}\n{text}")
     if not page:
@@ -316,6 +399,9 @@ def main(results, page=None):
             sys.exit(f"{page} has no place for {name}")
     path.write_text(text)
     bench_plot.main(path, path.with_suffix(".svg"))
+    if curves := read_curves(results):
+        drawn = {CURVES[curve]: {peer: (points, slope(points)) for peer, points in peers.items()} for curve, peers in curves.items()}
+        path.with_name("scale.svg").write_text(bench_plot.curves(drawn))
 
 
 if __name__ == "__main__":
