@@ -41,7 +41,8 @@ class Probe {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     started_ = StartUpReport::now();
-    require(posix_spawn(&process_, path.c_str(), &actions, nullptr, words.data(), environ) == 0, "posix_spawn");
+    errno = posix_spawn(&process_, path.c_str(), &actions, nullptr, words.data(), environ);
+    require(errno == 0, "posix_spawn");
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
   }
