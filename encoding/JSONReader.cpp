@@ -1,10 +1,10 @@
 #include <QELNetworkKit/JSON.h>
-#include <simdjson.h>
 
 #include <memory>
 #include <vector>
 
 #include "encoding/ValueStorage.h"
+#include "platform/Simdjson.h"
 
 namespace qelnk {
 
@@ -100,7 +100,7 @@ constexpr size_t largestKeptParser = 1 << 20;
 class ParserUse {
  public:
   ParserUse() {
-    if (!kept) kept = std::make_unique<simdjson::dom::parser>();
+    if (!kept) kept = makeParser();
   }
   ~ParserUse() {
     if (kept->capacity() > largestKeptParser) kept.reset();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <simdjson.h>
+#include "platform/Simdjson.h"
 
 #include <cstdint>
 #include <cstring>
@@ -24,7 +24,7 @@ inline bool isUTF8(std::string_view text) {
   } else {
     for (; at != end; ++at) high |= uint8_t(*at);
   }
-  return !(high & 0x8080808080808080) || simdjson::validate_utf8(text.data(), text.size());
+  return !(high & 0x8080808080808080) || validateUTF8(text);
 }
 
 }  // namespace qelnk::detail

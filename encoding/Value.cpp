@@ -307,7 +307,7 @@ std::span<const Value::Entry> Value::entries() const {
 }
 
 static const Value &nullValue() {
-  static const Value null;
+  static const Value &null = *new Value;  // there while threads look at values during the process's exit
   return null;
 }
 

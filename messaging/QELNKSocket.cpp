@@ -126,6 +126,11 @@ std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, 
     encryption = encryption_;
   }
   if (encryption) encryption->applyTo(*socket);
+  if (const uint64_t limit = maximumMessageSize_) {
+    const int64_t bytes = int64_t(std::min(limit, uint64_t(INT64_MAX)));
+    const auto *const first = reinterpret_cast<const uint8_t *>(&bytes);
+    socket->setData(qelnk::Data(std::span(first, sizeof bytes)), ZMQ_MAXMSGSIZE);
+  }
   if (const auto self = weak_from_this().lock(); self && block)
     qelnk::runGuarded("QELNKSocket socket block", [&] { (*block)(self, *socket); });
   return socket;

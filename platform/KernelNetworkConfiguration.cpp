@@ -1,5 +1,6 @@
 // The network as the kernel has it: links, addresses and routes by netlink, the rest from sysfs.
 
+#include <QELNetworkKit/Mutex.h>
 #include <arpa/inet.h>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
@@ -8,7 +9,6 @@
 #include <netlink/route/addr.h>
 #include <netlink/route/link.h>
 #include <netlink/route/route.h>
-#include <simdjson.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,16 +18,20 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/string_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "platform/LogFormat.h"
 #include "platform/NetworkConfiguration.h"
+#include "platform/Simdjson.h"
 
 namespace qelnk {
 
@@ -81,7 +85,7 @@ std::string deviceType(const Link &link) {
 
 /// Whether a name can be shown: interfaces and their aliases may hold any bytes.
 bool isText(const std::string &name) {
-  return simdjson::validate_utf8(name) &&
+  return validateUTF8(name) &&
          std::none_of(name.begin(), name.end(), [](char c) { return uint8_t(c) < ' ' || c == 0x7F; });
 }
 
@@ -121,9 +125,55 @@ NetlinkSocket connect() {
   return socket;
 }
 
+/// While it lives, libnl can be used, unless it is false. At the process's exit libnl forgets what it knows of kinds of
+/// links, and would abort a thread that reads them then: so the exit waits for those who read, which takes the kernel
+/// milliseconds, and nobody begins any more.
+class LibnlUse {
+ public:
+  LibnlUse() {
+    const Lock lock(gate().mutex);
+    isAllowed_ = !gate().isClosed;
+    if (isAllowed_) ++gate().users;
+  }
+  ~LibnlUse() {
+    if (!isAllowed_) return;
+    const Lock lock(gate().mutex);
+    if (--gate().users == 0) gate().left.notifyAll();
+  }
+  LibnlUse(const LibnlUse &) = delete;
+  LibnlUse &operator=(const LibnlUse &) = delete;
+  explicit operator bool() const { return isAllowed_; }
+
+ private:
+  struct Gate {
+    Mutex mutex;
+    Condition left;
+    int users QELNK_GUARDED_BY(mutex) = 0;
+    bool isClosed QELNK_GUARDED_BY(mutex) = false;
+  };
+  // Never destroyed: threads may look at it to the very end.
+  static Gate &gate() {
+    static Gate &gate = *new Gate;
+    return gate;
+  }
+  static void close() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    Lock lock(gate().mutex);
+    gate().isClosed = true;
+    while (gate().users != 0 && gate().left.waitUntil(lock, deadline)) {
+    }
+  }
+
+  bool isAllowed_;
+  // As the library is loaded: a thread's first use may come in the middle of the exit.
+  static inline const int closesAtExit_ = std::atexit(close);
+};
+
 class KernelNetworkConfiguration final : public NetworkConfiguration {
  public:
   KernelNetworkConfiguration() {
+    const LibnlUse use;
+    if (!use) return;
     const NetlinkSocket socket = connect();
     if (!socket) return;
     readLinks(socket.get());
@@ -171,6 +221,8 @@ void KernelNetworkConfiguration::readAddresses(nl_sock *socket) {
 
 /// Of the default routes that lead somewhere, the first choice.
 std::string KernelNetworkConfiguration::primaryInterface() {
+  const LibnlUse use;
+  if (!use) return "";
   const NetlinkSocket socket = connect();
   if (!socket) return "";
   std::optional<uint32_t> best;
@@ -197,8 +249,12 @@ std::string KernelNetworkConfiguration::primaryInterface() {
 
 std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services() {
   // Built upon wired links, these carry the addresses; so do the ports of a switch on the board ("dsa").
-  static const std::set<std::string> wiredKinds = {"bond", "team", "vlan", "dsa"};
-  static const std::set<std::string> guestKinds = {"veth", "macvlan", "ipvlan", "macvtap", "netkit", "tun"};
+  constexpr auto wiredKinds = std::to_array<std::string_view>({"bond", "team", "vlan", "dsa"});
+  constexpr auto guestKinds =
+      std::to_array<std::string_view>({"veth", "macvlan", "ipvlan", "macvtap", "netkit", "tun"});
+  const auto isOneOf = [](const auto &kinds, const std::string &kind) {
+    return std::ranges::find(kinds, kind) != kinds.end();
+  };
   std::vector<Service> services;
   bool hasHardware = false;
   std::vector<size_t> guests;
@@ -216,9 +272,9 @@ std::vector<NetworkConfiguration::Service> KernelNetworkConfiguration::services(
       service.type = deviceType(link);
       if (service.type.empty() || service.type == "dsa") service.type = ethernet;
       own = permanentAddress(socket, link.name);
-    } else if (wiredKinds.contains(link.kind)) {
+    } else if (isOneOf(wiredKinds, link.kind)) {
       service.type = ethernet;
-    } else if ((link.kind.empty() || guestKinds.contains(link.kind)) && !link.isMember) {
+    } else if ((link.kind.empty() || isOneOf(guestKinds, link.kind)) && !link.isMember) {
       guests.push_back(services.size());
     }
     const auto identify = [&](const std::string &by) {

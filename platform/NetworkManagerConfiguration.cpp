@@ -5,11 +5,11 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <set>
 #include <system_error>
 #include <utility>
 
@@ -99,7 +99,7 @@ const Properties &NetworkManagerConfiguration::get(const Path &path, const std::
 }
 
 std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services() {
-  static const std::set<uint32_t> wiredKinds = {kindEthernet, kindBond, kindVLAN, kindTeam};
+  constexpr std::array wiredKinds = {kindEthernet, kindBond, kindVLAN, kindTeam};
   const bool hasHardware = std::any_of(devices_.begin(), devices_.end(), [](const Device &device) {
     return device.kind == kindEthernet || device.kind == kindWiFi;
   });
@@ -112,7 +112,7 @@ std::vector<NetworkConfiguration::Service> NetworkManagerConfiguration::services
         if (service.deviceName == device.name) services.push_back(service);
     } else if (!device.identifier.empty()) {
       const bool isGuest = device.kind == kindVeth || device.kind == kindMacvlan;
-      const bool isWired = wiredKinds.contains(device.kind) || (isGuest && !hasHardware);
+      const bool isWired = std::ranges::find(wiredKinds, device.kind) != wiredKinds.end() || (isGuest && !hasHardware);
       services.push_back({device.identifier, device.name, device.connection,
                           isWired ? ethernet : fmt::format("kind {}", device.kind)});
     }

@@ -1,6 +1,5 @@
 #include <QELNetworkKit/Mutex.h>
 #include <QELNetworkKit/UserSettings.h>
-#include <simdjson.h>
 
 #include <algorithm>
 #include <charconv>
@@ -11,6 +10,7 @@
 #include <map>
 
 #include "platform/LogFormat.h"
+#include "platform/Simdjson.h"
 
 namespace qelnk {
 
@@ -33,9 +33,9 @@ Settings readSettings(const fs::path &file) {
     if (failure) logError("UserSettings could not read {}: {}", file.string(), failure.message());
     return {};
   }
-  simdjson::dom::parser parser;
+  const auto parser = makeParser();
   simdjson::dom::object object;
-  if (const auto error = parser.load(file.string()).get_object().get(object)) {
+  if (const auto error = parser->load(file.string()).get_object().get(object)) {
     logError("UserSettings could not read {}: {}", file.string(), simdjson::error_message(error));
     return {};
   }

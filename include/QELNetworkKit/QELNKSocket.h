@@ -100,6 +100,12 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// For the sockets made from now on; none unless set. Any thread.
   void setSocketBlock(SocketBlock block);
 
+  /// Bounds each frame that a peer may send, in bytes, for the sockets made from now on; 0, unless set, bounds none. A
+  /// frame beyond it is not kept: ZeroMQ ends the connection of who sends it, and one that connects does so anew. Any
+  /// thread.
+  void setMaximumMessageSize(uint64_t bytes) { maximumMessageSize_ = bytes; }
+  uint64_t maximumMessageSize() const { return maximumMessageSize_; }
+
   /// Encrypts the connections of the sockets made from now on, so it is called before connecting or binding; none
   /// unless set. False, with a line on the log, where a key is none; then no connection is made at all until it is set
   /// rightly. Subscribers and publishers, clients and servers; a monitor has no connections of its own. Any thread.
@@ -211,6 +217,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   std::optional<double> dataMark_ QELNK_GUARDED_BY(mutex_);
   std::atomic<ZMQSocket *> owned_{nullptr};  // socket_, for the thread that owns it
   std::atomic<int32_t> messageBody_{QELNKMessageBodyJSON};
+  std::atomic<uint64_t> maximumMessageSize_{0};
 
   /// Bytes of frames. One thread at a time adds, any other looks.
   struct Meter {

@@ -225,6 +225,34 @@ TEST(QELNKServer, OutlivesPeersThatVanishBeforeTheirReply) {
   EXPECT_EQ(wire.receive(), Peer::Frames{"next"});
 }
 
+TEST(QELNKServer, KeepsNoMessageBeyondTheMaximumSize) {
+  const auto server = makeServer(QELNKMessageBodyData);
+  server->setMaximumMessageSize(1000);
+  ASSERT_TRUE(server->bindToPort(0, [](const Server &, const Message &message) {
+    const size_t asked = message->request()->data().size() == 1 ? 2000 : 10;
+    message->setResponse(Value(Data(std::vector<uint8_t>(asked))));
+  }));
+  const auto makeClient = [&](uint64_t limit) {
+    auto client = QELNKClient::create(QELNKContext::contextWithBackgroundQueue());
+    client->setMessageBody(QELNKMessageBodyData);
+    client->setSyncRequests(true);
+    client->setMaximumMessageSize(limit);
+    client->connectToHost("127.0.0.1", server->port(), nullptr);
+    return client;
+  };
+  const auto ask = [](const std::shared_ptr<QELNKClient> &client, size_t bytes, std::chrono::milliseconds limit = 10s) {
+    const auto response = client->sendRequest(Value(Data(std::vector<uint8_t>(bytes))), nullptr, limit)->response();
+    return response ? int64_t(response->data().size()) : -1;
+  };
+  const auto open = makeClient(0), bounded = makeClient(1000);
+  EXPECT_EQ(ask(bounded, 1000), 10);
+  EXPECT_EQ(ask(open, 1001, 200ms), -1);  // more than the server takes
+  EXPECT_EQ(ask(bounded, 1, 200ms), -1);  // the answer is more than the client takes
+  EXPECT_EQ(ask(open, 1), 2000);          // both go on, and those beside them
+  EXPECT_EQ(ask(bounded, 2), 10);
+  EXPECT_EQ(ask(makeClient(1000), 2), 10);
+}
+
 TEST(QELNKServer, LetsItsContextEnd) {
   const auto context = QELNKContext::contextWithBackgroundQueue();
   std::promise<void> handling;
