@@ -133,7 +133,9 @@ void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
 
 qelnk::Authenticator &ZMQContext::authenticator() {
   const qelnk::Lock lock(registry_->mutex);
-  if (!registry_->authenticator) registry_->authenticator = std::make_unique<qelnk::Authenticator>(registry_->openSocket(context_.load(), ZMQ_ROUTER));
+  if (!registry_->authenticator)
+    registry_->authenticator =
+        std::make_unique<qelnk::Authenticator>(registry_->openSocket(context_.load(), ZMQ_ROUTER));
   return *registry_->authenticator;
 }
 
