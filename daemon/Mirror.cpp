@@ -1,11 +1,20 @@
 #include "daemon/Mirror.h"
 
+#include <algorithm>
+
 namespace qelnk {
 
 size_t Mirror::append(const Workflow &workflow) {
   const Lock lock(mutex_);
   workflows_.push_back(workflow);
   return workflows_.size() - 1;
+}
+
+void Mirror::takeBack(const std::vector<Workflow> &added) {
+  const Lock lock(mutex_);
+  if (added.size() > workflows_.size() || !std::equal(added.rbegin(), added.rend(), workflows_.rbegin())) return;
+  workflows_.resize(workflows_.size() - added.size());
+  std::erase_if(placeByPort_, [left = workflows_.size()](const auto &entry) { return entry.second >= left; });
 }
 
 void Mirror::opened(uint64_t opening) {

@@ -33,6 +33,8 @@ class Mirror {
 
   /// Appends a workflow and returns its place.
   size_t append(const Workflow &workflow);
+  /// Removes the last workflows where they are these.
+  void takeBack(const std::vector<Workflow> &added);
 
   // The daemon is asked to open projects; each opening has a number, 0 is for the project that was open already.
 

@@ -58,6 +58,7 @@ QELNKKORVALClient::Load::Workflow QELNKKORVALClient::Load::addWorkflow(QELNKKORV
     if (const auto to = mirror.lock(); to && port->uid()) to->portAdded(workflow, place, *port->uid());
   };
   mirror->append(workflow);
+  added_.push_back(workflow);
   return workflow;
 }
 
@@ -78,6 +79,7 @@ Message QELNKKORVALClient::Load::barrier() {
 
 void QELNKKORVALClient::Load::fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error) {
   failed_ = true;
+  client.mirror_->takeBack(added_);
   qelnk::logError("QELNKKORVALClient could not load {}: {}", what, error.description);
   bool newest = false;
   client.mirror_->ifNewest(opening_, [&] { newest = true; });

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// One loading of the mirror: asks for the project, then for the workflows, then for the ports of each of them, and
 /// reports "connected" once everything asked for has come.
@@ -28,10 +29,12 @@ class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this
   std::shared_ptr<QELNKMessage> ask(qelnk::Value request, std::string what, Step step);
   std::shared_ptr<QELNKMessage> barrier();
   void addWorkflows(QELNKKORVALClient &client, const qelnk::Value &descriptions);
-  static Workflow addWorkflow(QELNKKORVALClient &client, const qelnk::Value &description);
-  /// Ends this load, with one line on the log however many of its requests fail.
+  Workflow addWorkflow(QELNKKORVALClient &client, const qelnk::Value &description);
+  /// Ends this load, with one line on the log however many of its requests fail. What it has added goes, so that the
+  /// next one brings everything once.
   void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
 
   const uint64_t opening_;
   bool failed_ = false;
+  std::vector<Workflow> added_;
 };

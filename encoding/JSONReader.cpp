@@ -103,13 +103,19 @@ class ParserUse {
     if (!kept) kept = makeParser();
   }
   ~ParserUse() {
-    if (kept->capacity() > largestKeptParser) kept.reset();
+    if (isBroken_ || kept->capacity() > largestKeptParser) kept.reset();
   }
   ParserUse(const ParserUse &) = delete;
   ParserUse &operator=(const ParserUse &) = delete;
-  simdjson::dom::parser &operator*() const { return *kept; }
+  simdjson::error_code parse(std::span<const uint8_t> bytes, Element &document) {
+    const auto code = kept->parse(bytes.data(), bytes.size()).get(document);
+    isBroken_ = code == simdjson::MEMALLOC;
+    return code;
+  }
 
  private:
+  bool isBroken_ =
+      false;  // a parser that got no memory has forgotten how deep it may go, and would write beyond its end
   static thread_local std::unique_ptr<simdjson::dom::parser> kept;
 };
 thread_local std::unique_ptr<simdjson::dom::parser> ParserUse::kept;
@@ -121,10 +127,10 @@ void fail(Error *error, int64_t code, std::string description) {
 }  // namespace
 
 std::optional<Value> jsonObject(std::span<const uint8_t> bytes, Error *error, JSONTopLevel top) {
-  const ParserUse parser;
+  ParserUse parser;
   Element document;
   auto code = simdjson::EMPTY;
-  if (!bytes.empty()) code = (*parser).parse(bytes.data(), bytes.size()).get(document);
+  if (!bytes.empty()) code = parser.parse(bytes, document);
   if (code) {
     fail(error, code, simdjson::error_message(code));
     return std::nullopt;

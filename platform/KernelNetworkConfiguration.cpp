@@ -11,6 +11,7 @@
 #include <netlink/route/route.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -121,7 +122,12 @@ NetlinkSocket connect() {
   if (!socket || nl_connect(socket.get(), NETLINK_ROUTE) < 0) {
     logError("Network configuration cannot be read: no netlink socket");
     socket.reset();
+    return socket;
   }
+  // The library beneath does not look whether its question left, and the kernel drops answers when it is short of
+  // memory.
+  const timeval patience{2, 0};
+  setsockopt(nl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   return socket;
 }
 

@@ -39,8 +39,9 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
   // The project.
 
-  /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called. Never waits, with
-  /// syncRequests() neither.
+  /// Loads the mirror from the daemon: what it lists is added, then the connected callback is called. Where the daemon
+  /// goes meanwhile, or does not answer in time, nothing is added and called, and the log says so: call it again, or
+  /// connect anew. Never waits, with syncRequests() neither.
   void updateWorkflows();
   /// Starts the project, then calls `onDone` (which may be empty).
   void startProject(CommandBlock onDone);

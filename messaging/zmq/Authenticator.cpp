@@ -58,8 +58,7 @@ std::string printableKey(const std::string &bytes) {
 
 }  // namespace
 
-Authenticator::Authenticator(void *context) {
-  void *const socket = zmq_socket(context, ZMQ_ROUTER);
+Authenticator::Authenticator(void *socket) {
   const int linger = 0;
   if (!socket || zmq_setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger) != 0 || zmq_bind(socket, endpoint) != 0) {
     const int error = zmq_errno();

@@ -25,8 +25,9 @@ class Authenticator {
   /// Who may connect, as long as this is held.
   class Admission;
 
-  /// Begins to answer on the raw context. Throws ZMQException, or std::system_error when there is no thread left.
-  explicit Authenticator(void *context);
+  /// Begins to answer on a raw router socket of the context's, which becomes its own; null for one that could not be
+  /// made. Throws ZMQException, or std::system_error when there is no thread left.
+  explicit Authenticator(void *socket);
   /// To be called once the context is shut down: ends.
   ~Authenticator();
 

@@ -17,4 +17,8 @@ struct QELNK_HIDDEN ZMQContext::Registry {
   // Those of monitors that have gone before ZeroMQ has stopped sending them events; a socket that is closing may.
   std::vector<std::shared_ptr<ZMQSocket>> keptMonitors QELNK_GUARDED_BY(mutex);
   std::unique_ptr<qelnk::Authenticator> authenticator QELNK_GUARDED_BY(mutex);  // once an endpoint needs it
+  bool started QELNK_GUARDED_BY(mutex) = false;                                 // the context has its threads
+
+  /// zmq_socket(), for every socket of the context: null, with errno, also where the context could not start.
+  void *openSocket(void *context, int type) QELNK_REQUIRES(mutex);
 };

@@ -4,11 +4,19 @@
 
 #include "messaging/zmq/SocketRegistry.h"
 #include "platform/LogFormat.h"
+#include "platform/RunLoopThread.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <future>
+#include <new>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -44,6 +52,47 @@ ZMQContext::~ZMQContext() {
     // Its log line is written; termination still has to be tried.
   }
   terminate();
+}
+
+// Whether so many threads can be started at once, and so many descriptors opened; if not, errno tells why.
+static bool hasRoomFor(int threads, int descriptors) {
+  std::vector<int> opened;
+  const std::shared_ptr<void> closed(nullptr, [&](void *) {
+    const int error = errno;
+    for (const int descriptor : opened) close(descriptor);
+    errno = error;
+  });
+  for (opened.reserve(size_t(descriptors)); descriptors > 0; --descriptors) {
+    const int descriptor = eventfd(0, EFD_CLOEXEC);
+    if (descriptor < 0) return false;
+    opened.push_back(descriptor);
+  }
+  std::promise<void> over;
+  const std::shared_future<void> until = over.get_future().share();
+  std::vector<std::thread> started;
+  int error = 0;
+  try {
+    for (started.reserve(size_t(threads)); threads > 0; --threads)
+      started.push_back(qelnk::startThread("qelnk-room", [until] { until.wait(); }));
+  } catch (const std::system_error &refused) {
+    error = refused.code().value();
+  } catch (const std::bad_alloc &) {
+    error = ENOMEM;
+  }
+  over.set_value();
+  for (std::thread &thread : started) thread.join();
+  errno = error;
+  return error == 0;
+}
+
+// ZeroMQ starts a context's threads with its first socket, each with two descriptors, and ends the process when it can
+// not. So we look first whether there is room, the socket's own descriptor included.
+void *ZMQContext::Registry::openSocket(void *context, int type) {
+  const int threads = zmq_ctx_get(context, ZMQ_IO_THREADS) + 1;  // and the one that closes sockets
+  if (!started && threads > 0 && !hasRoomFor(threads, 2 * threads + 1)) return nullptr;
+  void *const socket = zmq_socket(context, type);
+  started = started || socket;
+  return socket;
 }
 
 std::shared_ptr<ZMQSocket> ZMQContext::socketWithType(int32_t type) { return makeSocket(type, false); }
@@ -84,7 +133,9 @@ void ZMQContext::keepMonitor(const std::shared_ptr<ZMQSocket> &socket) {
 
 qelnk::Authenticator &ZMQContext::authenticator() {
   const qelnk::Lock lock(registry_->mutex);
-  if (!registry_->authenticator) registry_->authenticator = std::make_unique<qelnk::Authenticator>(context_.load());
+  if (!registry_->authenticator)
+    registry_->authenticator =
+        std::make_unique<qelnk::Authenticator>(registry_->openSocket(context_.load(), ZMQ_ROUTER));
   return *registry_->authenticator;
 }
 

@@ -94,7 +94,7 @@ ZMQSocket::ZMQSocket(ZMQContext *context, int32_t type)
     : context_(context), registry_(context->registry_), type_(type) {
   {
     const qelnk::Lock lock(context->registry_->mutex);
-    socket_ = zmq_socket(context->context(), type);
+    socket_ = context->registry_->openSocket(context->context(), type);
   }
   if (!socket_) fail("zmq_socket");
 }

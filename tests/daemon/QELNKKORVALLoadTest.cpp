@@ -2,7 +2,9 @@
 #include <QELNetworkKit/QELNKKORVALClient.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
+#include <QELNetworkKit/ZMQSocket.h>
 #include <gtest/gtest.h>
+#include <zmq.h>
 
 #include <atomic>
 #include <future>
@@ -134,6 +136,43 @@ TEST_P(KORVALLoadCut, EndsAtATimeout) {
   EXPECT_TRUE(eventually([&] { return client->pendingMessages() == 0; }));
   drain(*client);
   EXPECT_EQ(log.count("could not load"), 1u);
+}
+
+TEST_P(KORVALLoadCut, IsMadeUpForOnceTheDaemonIsBack) {
+  const CapturedLog log(LogLevel::error);
+  for (const bool restarts : {false, true}) {
+    auto daemon = std::make_unique<FakeDaemon>(exampleWorkflows());
+    const int32_t port = daemon->port();
+    std::atomic<bool> cut{false}, connected{false};
+    daemon->setScript([&](const Value &request, std::vector<Value> answers) {
+      cut = cut || request["messageID"] == Value(GetParam());
+      return cut ? std::vector<Value>() : answers;
+    });
+    const auto client = newClient();
+    client->setSocketBlock([](auto &, ZMQSocket &socket) { socket.setInt(10, ZMQ_RECONNECT_IVL); });
+    client->setRequestTimeout(200ms);
+    const size_t told = log.count("could not load the ");
+    client->connectToHost("localhost", port, [&](const auto &) { connected = true; });
+    ASSERT_TRUE(eventually([&] { return log.count("could not load the ") > told; }));
+    EXPECT_TRUE(cut);
+    if (restarts) {
+      daemon = nullptr;
+      daemon = std::make_unique<FakeDaemon>(exampleWorkflows(), uint16_t(port));
+    } else {
+      daemon->setScript(nullptr);
+    }
+    client->setRequestTimeout(std::nullopt);
+    EXPECT_TRUE(eventually([&] { return client->pendingMessages() == 0; }));
+    drain(*client);
+    client->updateWorkflows();
+    ASSERT_TRUE(eventually([&] { return connected.load(); }));
+    ASSERT_EQ(client->numberOfWorkflows(), 3u);
+    EXPECT_EQ(client->workflowWithID("a")->numberOfPorts(), 4u);
+    EXPECT_EQ(client->workflowWithID("b")->numberOfPorts(), 2u);
+    daemon->send(Value::map(
+        {{"messageID", -1}, {"command", "portValueUpdate"}, {"data", Value::map({{"id", "in"}, {"value", 9}})}}));
+    EXPECT_TRUE(eventually([&] { return client->workflowWithID("a")->portWithID("in")->intValue() == 9; }));
+  }
 }
 
 TEST_P(KORVALLoadCut, ReleasesASynchronousCaller) {
