@@ -114,8 +114,8 @@ class ParserUse {
   }
 
  private:
-  bool isBroken_ =
-      false;  // a parser that got no memory has forgotten how deep it may go, and would write beyond its end
+  // A parser that got no memory has forgotten how deep it may go, and would write beyond its end.
+  bool isBroken_ = false;
   static thread_local std::unique_ptr<simdjson::dom::parser> kept;
 };
 thread_local std::unique_ptr<simdjson::dom::parser> ParserUse::kept;
