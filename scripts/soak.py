@@ -25,7 +25,7 @@ import time
 import soak_plot
 
 # What is judged, and how strictly.
-WARM_UP, BUSY = 12, 22  # seconds under load before the first rest, and between two
+WARM_UP, BUSY = 12, (10, 25)  # seconds under load before the first rest, and between two in short and in long runs
 REST_LIMIT = 45  # seconds to come to rest: a request may take 3, a watch ends within 4, a closed WebSocket within 5
 RSS_GROWTH = (1.05, 2 << 20)  # factor and bytes, from the middle third of all rests to the last: what the allocator keeps varies
 HEAP_GROWTH = (1.02, 128 << 10)  # the same for what is really in use, which hardly varies
@@ -380,7 +380,7 @@ class Studio:
             look.update(p50=None, p99=None, lag=None)
         self.samples.append(look)
 
-    def rest(self):
+    def rest(self, goesOn=True):
         """Lets all come to rest and looks at the host and at the peer that is never hurt."""
         self.isBusy = False
         for peer in self.mortal:
@@ -400,9 +400,13 @@ class Studio:
         if not any(peer.isStopped for peer in talking):
             for peer in (self.host, self.steady):
                 self.measureAtRest(peer)
+        if goesOn:
+            self.work()
+
+    def work(self):
         self.isBusy = True
         self.nextFault = time.time() + self.faultRandom.uniform(1, 3)
-        for peer in talking:
+        for peer in self.peers:
             self.say(peer, "go")
 
     def measureAtRest(self, peer):
@@ -457,15 +461,13 @@ class Studio:
         if not self.pump(60, lambda: all(peer.isReady for peer in self.peers)):
             raise Broken("the studio has not started: " + ", ".join(p.name for p in self.peers if not p.isReady))
         end = self.begin + self.minutes * 60
-        self.isBusy = True
-        self.nextFault = time.time() + 2
-        for peer in self.peers:
-            self.say(peer, "go")
+        self.work()
+        busy = min(max(self.minutes * 60 / 10, BUSY[0]), BUSY[1])
         self.pump(min(WARM_UP, self.minutes * 15))
         self.rest()
         while time.time() < end:
-            self.pump(min(BUSY, max(3, end - time.time())))
-            self.rest()
+            self.pump(min(busy, max(3, end - time.time())))
+            self.rest(goesOn=time.time() < end)
         self.finish()
 
     def finish(self):
@@ -613,11 +615,13 @@ class Studio:
     def write(self, rows, plot):
         text = self.summary(rows)
         (self.folder / "summary.txt").write_text(text)
+        for name, looks in (("samples", self.samples), ("rests", self.rests)):
+            if looks:
+                with open(self.folder / f"{name}.csv", "w", newline="") as file:
+                    writer = csv.DictWriter(file, looks[-1])
+                    writer.writeheader()
+                    writer.writerows({**look, "t": round(look["t"] - self.begin, 2)} for look in looks)
         if self.samples:
-            with open(self.folder / "samples.csv", "w", newline="") as file:
-                writer = csv.DictWriter(file, self.samples[-1])
-                writer.writeheader()
-                writer.writerows({**sample, "t": round(sample["t"] - self.begin, 2)} for sample in self.samples)
             svg = soak_plot.drawing(self)
             for target in filter(None, (self.folder / "soak.svg", plot)):
                 pathlib.Path(target).write_text(svg)

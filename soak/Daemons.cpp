@@ -114,13 +114,17 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
     const auto ticking = clock();
     frames_ = ticking ? ticking->portWithName("Frames") : nullptr;
     if (!workflow_ || !frames_) return end("the mirror lacks a workflow");
+    if (ticking->executing()) {
+      // What it counts between the reading of its value and the registration nobody tells: begin with a clock at rest.
+      client->stopWorkflow(ticking);
+      return ask(guarded([](Session &session, auto &) { session.hasEnded = true; }));
+    }
     client->registerWorkflow(workflow_, {"Meter", "Caption", "Channel", "Muted", "Queue"},
                              guarded([](auto &&...) { ++counters().pushes; }));
     client->registerWorkflow(ticking, {"Frames"}, guarded([](Session &session, auto &&...) {
                                ++counters().pushes;
                                ++session.updates_;
                              }));
-    client->stopWorkflow(ticking);
     startRound();
   }
 

@@ -125,7 +125,7 @@ struct Player final : QELNKLegacyClientDelegate {
   using QELNKLegacyClientDelegate::networkClient;
   std::mutex mutex;
   int64_t connection = 0, read = 0, written = 0, broadcast = 0;  // of this connection
-  bool released = false;
+  bool mayWrite = true, released = false;
 
   void networkClientIsReady(const Client &) override {
     ++counters().ready;
@@ -168,10 +168,15 @@ struct Player final : QELNKLegacyClientDelegate {
   void begin() {
     std::lock_guard lock(mutex);
     connection = read = written = broadcast = 0;
+    mayWrite = true;
+  }
+  void writeNoMore() {
+    std::lock_guard lock(mutex);
+    mayWrite = false;
   }
   void write(QELNKLegacyClient &client) {
     std::lock_guard lock(mutex);
-    if (connection == 0 || !client.writeString(Line::text('c', connection, written + 1))) return;
+    if (connection == 0 || !mayWrite || !client.writeString(Line::text('c', connection, written + 1))) return;
     ++written;
     ++counters().written;
   }
@@ -219,7 +224,7 @@ class LegacyClients final : public Part {
   void letGo(Seat &seat) {
     if (goes() && oneIn(5)) {  // the same client connects again
       seat.client->disconnect();
-      seat.player->begin();
+      seat.player->writeNoMore();  // it still hears what has come before
       seat.end = after(2'000, 20'000);
       return seat.client->connect();
     }

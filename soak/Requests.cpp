@@ -117,7 +117,7 @@ class RequestClients final : public Part {
     requester->onMain = context == QELNKContext::sharedContext();
     requester->name = (int64_t(getpid()) << 32) + ++names_;
     requester->left = between(1, 2000) / setting_.pace;
-    requester->depth = between(1, 8);
+    requester->depth = between(1, 4);
     requester->mayCancel = oneIn(4);
     requester->client = QELNKClient::create(context);
     requester->client->setMessageBody(QELNKMessageBodyMessagePack);
