@@ -34,7 +34,7 @@ class Panel:
 
     def frame(self, unit):
         if self.isLogarithmic:
-            ticks = [10 ** power for power in range(int(math.log10(self.low)), int(math.log10(self.high)) + 1)]
+            ticks = [10 ** power for power in range(round(math.log10(self.low)), round(math.log10(self.high)) + 1)]
         else:
             step = nice((self.high - self.low) / 4)
             ticks = [step * i for i in range(int(self.high / step) + 1) if step * i >= self.low]
@@ -48,20 +48,22 @@ class Panel:
 def drawing(studio):
     """`studio` has samples, rests, faults, and the moment of its beginning."""
     samples, begin = studio.samples, studio.begin
-    length = max(samples[-1]["t"] - begin, 1)
+    length = max([look["t"] - begin for look in (samples[-1], *studio.rests[-1:])])
     mortal = [*(peer.name for peer in studio.mortal), "launched"]
 
     def x(moment):
         return round(LEFT + WIDTH * (moment - begin) / length, 1)
 
-    def line(panel, key, css, scale=1.0, every=None):
-        points = [(s["t"], s[key] * scale) for s in samples if s[key] is not None and (every is None or s["busy"] == every)]
+    def line(panel, key, css, scale=1.0):
+        points = [(s["t"], s[key] * scale) for s in samples if s[key] is not None]
         step = max(1, len(points) // 700)
         points = [(chunk[0][0], sorted(value for _, value in chunk)[len(chunk) // 2])
                   for chunk in (points[i:i + step] for i in range(0, len(points), step))]
         if not points:
             return ""
-        return f'<path class="{css}" d="M' + " L".join(f"{x(t)},{panel.y(value)}" for t, value in points) + '"/>'
+        # A line ends where nothing was measured for a while.
+        moves = ["M" if i == 0 or t - points[i - 1][0] > 2 * step + 3 else "L" for i, (t, _) in enumerate(points)]
+        return f'<path class="{css}" d="' + " ".join(f"{move}{x(t)},{panel.y(value)}" for move, (t, value) in zip(moves, points)) + '"/>'
 
     def dots(panel, key, css, scale):
         return "".join(f'<circle class="{css}" cx="{x(r["t"])}" cy="{panel.y(r[key] * scale)}" r="2"/>'
@@ -85,8 +87,10 @@ def drawing(studio):
     mebi = 1 / 2**20
     panels = []
     for title, unit, high, draw in (
-        ("memory of the host: under load and in between (line), at rest (dots), in use on the heap at rest (orange)", " MiB", top("memory", mebi),
-         lambda p: [line(p, "memory", "first", mebi), dots(p, "memory", "firstDot", mebi), dots(p, "heap", "secondDot", mebi)]),
+        ("memory of the host (RssAnon); at rest (dots)", " MiB", top("memory", mebi),
+         lambda p: [line(p, "memory", "first", mebi), dots(p, "memory", "firstDot", mebi)]),
+        ("heap of the host in use at rest", " KiB", max([r["heap"] / 1024 for r in studio.rests if r["peer"] == "host" and r["heap"]] + [1]) * 1.3,
+         lambda p: [dots(p, "heap", "secondDot", 1 / 1024)]),
         ("threads of the host; at rest (dots)", "", top("threads"), lambda p: [line(p, "threads", "first"), dots(p, "threads", "firstDot", 1)]),
         ("descriptors of the host; at rest (dots)", "", top("descriptors"),
          lambda p: [line(p, "descriptors", "first"), dots(p, "descriptors", "firstDot", 1)]),
@@ -95,9 +99,8 @@ def drawing(studio):
         panels.append(panel)
         parts += panel.frame(unit) + draw(panel)
         y += HEIGHT + GAP
-    panel = Panel("latency of requests in each second: median (blue), 99th percentile (orange); the machine had other work as well", y, 10, 10**6, True)
-    panel_parts = panel.frame(" µs")
-    parts += panel_parts + [line(panel, "p50", "first"), line(panel, "p99", "second")]
+    panel = Panel("latency of requests in each second: median (blue), 99th percentile (orange); the machine had other work as well", y, 0.1, 10**4, True)
+    parts += panel.frame(" ms") + [line(panel, "p50", "first", 1e-3), line(panel, "p99", "second", 1e-3)]
     y += HEIGHT
     step = nice(length / 60 / 8)
     for i in range(int(length / 60 / step) + 1):
