@@ -222,19 +222,17 @@ class Studio:
                 self.hurt(now)
             self.passBy(now)
             for key, _ in self.selector.select(min(0.1, end - now)):
-                self.read(key.data)
+                self.read(key.data, key.fileobj)
         return True
 
-    def read(self, peer):
-        process = peer.process
-        try:
-            chunk = process.stdout.read1(1 << 16)
-        except BlockingIOError:
-            return
+    def read(self, peer, stream):
+        chunk = stream.read1(1 << 16)
         if not chunk:
-            self.selector.unregister(process.stdout)
-            process.stdout.close()
+            self.selector.unregister(stream)
+            stream.close()
             return
+        if stream is not peer.process.stdout:
+            return  # last words of an earlier process of that name
         *lines, peer.pending = (peer.pending + chunk).split(b"\n")
         for line in lines:
             try:
@@ -485,7 +483,7 @@ class Studio:
                 deadline = time.time() + 60
                 while peer.process.poll() is None and time.time() < deadline:
                     for key, _ in self.selector.select(0.1):
-                        self.read(key.data)
+                        self.read(key.data, key.fileobj)
                 peer.process.wait(0.1)
                 if peer.process.returncode != 0:
                     self.find(f"{peer.name} ended with {peer.process.returncode}")
