@@ -20,6 +20,7 @@ import socket
 import statistics
 import subprocess
 import sys
+import tempfile
 import time
 
 import soak_plot
@@ -334,7 +335,9 @@ class Studio:
                     continue
             self.passers.remove(passer)
             self.passed["killed" if passer.isKilled else "done"] += 1
-            output = passer.process.stdout.read().decode(errors="replace")
+            passer.output.seek(0)
+            output = passer.output.read().decode(errors="replace")
+            passer.output.close()
             if not passer.isKilled and (passer.process.returncode != 0 or not output.strip()):
                 self.events.append((passer.begin, "failure", passer.peer, "qelnk",
                                     f"{passer.words} ended with {passer.process.returncode}: {output[-300:]}"))
@@ -352,8 +355,9 @@ class Studio:
         passer.peer, passer.words, passer.begin, passer.isKilled = peer, "qelnk " + words, now, False
         passer.isOverdue = rng.random() > 0.3
         passer.killAt = now + (40 if passer.isOverdue else rng.uniform(0.01, 0.4))
+        passer.output = tempfile.TemporaryFile()  # however much it prints, it waits for nobody
         passer.process = subprocess.Popen([str(self.build / "bin/qelnk"), *words.split()], stdin=subprocess.PIPE,
-                                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, process_group=self.group)
+                                          stdout=passer.output, stderr=subprocess.STDOUT, process_group=self.group)
         try:
             passer.process.stdin.write(text.encode())
             passer.process.stdin.close()
@@ -467,7 +471,7 @@ class Studio:
         busy = min(max(self.minutes * 60 / 10, BUSY[0]), BUSY[1])
         self.pump(min(WARM_UP, self.minutes * 15))
         self.rest()
-        while time.time() < end:
+        while self.isBusy:
             self.pump(min(busy, max(3, end - time.time())))
             self.rest(goesOn=time.time() < end)
         self.finish()
