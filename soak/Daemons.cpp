@@ -50,7 +50,7 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
       session.base_ = session.frames_->intValue();
       session.client->startProject(session.checked("startProject"));
       session.client->startWorkflow(session.clock());
-      session.isDriven_ = true;
+      session.ask([](Session &begun, auto &) { begun.isDriven_ = true; });
     }));
   }
 
@@ -178,7 +178,9 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
     const auto name = std::string(theirs["name"].string());
     if (ours->name() != name || ours->executing() != theirs["status"].boolValue() ||
         ours->executeOnRun() != theirs["execute"].boolValue() || ours->numberOfPorts() != theirs["ports"].size())
-      finding("daemon", "the mirror's workflow " + name + " differs");
+      finding("daemon", "the mirror's workflow " + name + " differs: it " + (ours->executing() ? "executes" : "rests") +
+                            " with " + std::to_string(ours->numberOfPorts()) + " ports, the daemon's is " +
+                            theirs.description().substr(0, 100));
     for (const Value &port : theirs["ports"].items()) {
       const auto mirrored = ours->portWithID(port["id"].string());
       const auto value = mirrored ? mirrored->currentValue() : std::nullopt;
