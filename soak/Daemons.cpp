@@ -45,13 +45,13 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
   /// Has the clock run, with its updates counted from nothing.
   void startRound() {
     isIdle = false;
-    ask(guarded([](Session &session, auto &) {
+    ask([](Session &session) {
       session.updates_ = 0;
       session.base_ = session.frames_->intValue();
       session.client->startProject(session.checked("startProject"));
       session.client->startWorkflow(session.clock());
-      session.ask([](Session &begun, auto &) { begun.isDriven_ = true; });
-    }));
+      session.ask([](Session &begun) { begun.isDriven_ = true; });
+    });
   }
 
   /// Sets each input to something.
@@ -68,10 +68,10 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
     isDriven_ = false;
     client->stopWorkflow(clock());
     client->stopProject(checked("stopProject"));
-    ask(guarded([](Session &session, auto &) {
+    ask([](Session &session) {
       session.checkUpdates();
       session.webSocket_->sendString(R"({"command":"watch","messageID":77})");
-    }));
+    });
   }
 
   void end(const std::string &why) {
@@ -117,7 +117,7 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
     if (ticking->executing()) {
       // What it counts between the reading of its value and the registration nobody tells: begin with a clock at rest.
       client->stopWorkflow(ticking);
-      return ask(guarded([](Session &session, auto &) { session.hasEnded = true; }));
+      return ask([](Session &session) { session.hasEnded = true; });
     }
     client->registerWorkflow(workflow_, {"Meter", "Caption", "Channel", "Muted", "Queue"},
                              guarded([](auto &&...) { ++counters().pushes; }));
@@ -136,7 +136,7 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
                         guarded([then](Session &session, auto &, auto &message) {
                           if (!message->response()) return session.end("getProject: " + message->error().description);
                           session.progress = now();
-                          then(*message);
+                          then(session);
                         }));
   }
 
