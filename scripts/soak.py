@@ -129,6 +129,11 @@ class Studio:
         self.sims = 0
         self.baseline = {}
         self.cpuMark = None
+        # Each thread keeps a few freed pieces of each size to itself, which would count as in use.
+        self.environment = {**os.environ, "GLIBC_TUNABLES": "glibc.malloc.tcache_count=0"}
+        if self.sanitizer == "tsan":
+            suppressions = self.build.parent.parent / "cmake/tsan.supp"
+            self.environment["TSAN_OPTIONS"] = f"suppressions={suppressions} history_size=7"
         self.group, self.guardPipe = guard()
         self.makePeers()
 
@@ -149,18 +154,19 @@ class Studio:
         def part(*words):
             return [*common, f"seed={self.otherRandom.randrange(1 << 30)}", *words]
 
+        fewer = 4 if self.sanitizer == "tsan" else 1
         self.host = Peer("host", part(f"server={server}", f"clients={replier}:6", f"publisher={publisher}",
-                                      f"subscribers={outer}:6", f"legacy-server={legacy}", f"legacy-clients={studio}:100",
+                                      f"subscribers={outer}:6", f"legacy-server={legacy}", f"legacy-clients={studio}:{100 // fewer}",
                                       f"daemon={sim}:{self.web}", f"launched={spawned}:{bundle},{launched}",
                                       f"web-sockets={self.web}:5", "watches=0:4"))
-        self.steady = Peer("steady", part(f"clients={server}:2", f"subscribers={publisher}:3", f"legacy-clients={legacy}:40"))
+        self.steady = Peer("steady", part(f"clients={server}:2", f"subscribers={publisher}:3", f"legacy-clients={legacy}:{40 // fewer}"))
         self.mortal = [
             Peer("sim", [str(self.build / "bin/orlin-sim"), "-tcp", str(sim), "-web", str(self.web), str(self.project)], talks=False),
             Peer("replier", part(f"server={replier}")),
             Peer("requester", part(f"clients={server}:4")),
             Peer("publisher", part(f"publisher={outer}")),
             Peer("subscriber", part(f"subscribers={publisher}:4")),
-            Peer("players", part(f"legacy-clients={legacy}:60")),
+            Peer("players", part(f"legacy-clients={legacy}:{60 // fewer}")),
             Peer("studio", part(f"legacy-server={studio}")),
         ]
         self.peers = [self.host, *self.mortal, self.steady]
@@ -170,14 +176,8 @@ class Studio:
             self.sims += 1
             self.template["name"] = f"Studio {self.sims}"
             self.project.write_text(json.dumps(self.template))
-        environment = dict(os.environ)
-        # Each thread keeps a few freed pieces of each size to itself, which would count as in use.
-        environment["GLIBC_TUNABLES"] = "glibc.malloc.tcache_count=0"
-        if self.sanitizer == "tsan":
-            suppressions = self.build.parent.parent / "cmake/tsan.supp"
-            environment["TSAN_OPTIONS"] = f"suppressions={suppressions} history_size=7"
         with open(self.folder / f"{peer.name}.log", "ab") as log:
-            peer.process = subprocess.Popen(peer.words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=environment,
+            peer.process = subprocess.Popen(peer.words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=self.environment,
                                             process_group=self.group)
         peer.isReady, peer.isQuiet, peer.isStopped, peer.restart, peer.proceed, peer.pending = not peer.talks, False, False, None, None, b""
         os.set_blocking(peer.process.stdout.fileno(), False)
@@ -357,7 +357,7 @@ class Studio:
         passer.killAt = now + (40 if passer.isOverdue else rng.uniform(0.01, 0.4))
         passer.output = tempfile.TemporaryFile()  # however much it prints, it waits for nobody
         passer.process = subprocess.Popen([str(self.build / "bin/qelnk"), *words.split()], stdin=subprocess.PIPE,
-                                          stdout=passer.output, stderr=subprocess.STDOUT, process_group=self.group)
+                                          stdout=passer.output, stderr=subprocess.STDOUT, env=self.environment, process_group=self.group)
         try:
             passer.process.stdin.write(text.encode())
             passer.process.stdin.close()
@@ -565,6 +565,8 @@ class Studio:
                 rows.append((f"{name}, at {len(rests)} rests: {text}", isBack))
         busy = [sample for sample in self.samples if sample["busy"]]
         rows.append(self.judgeGrowth("host, memory under load", [sample["memory"] for sample in busy], BUSY_GROWTH, needed=60))
+        if self.sanitizer:  # what it makes slow is late without a fault
+            self.stalls += [(moment - lag / 1000 - 1, moment) for moment, lag in self.lags if lag > STALL * 1000]
         held = 0
         for moment, lag in self.lags:
             isStalled = any(begin - 1 <= moment <= end + 2 for begin, end in self.stalls)
