@@ -478,22 +478,20 @@ class Studio:
 
     def finish(self):
         self.isBusy = False
-        for peer in (self.host, *self.mortal, self.steady):
+        for peer in self.peers:
             if peer.talks:
                 self.say(peer, "end")
             else:
                 peer.process.terminate()
-            try:
-                deadline = time.time() + 60
-                while peer.process.poll() is None and time.time() < deadline:
-                    for key, _ in self.selector.select(0.1):
-                        self.read(key.data, key.fileobj)
-                peer.process.wait(0.1)
-                if peer.process.returncode != 0:
-                    self.find(f"{peer.name} ended with {peer.process.returncode}")
-            except subprocess.TimeoutExpired:
+        deadline = time.time() + 60
+        while any(peer.isAlive() for peer in self.peers) and time.time() < deadline:
+            for key, _ in self.selector.select(0.1):
+                self.read(key.data, key.fileobj)
+        for peer in self.peers:
+            if peer.isAlive():
                 self.find(f"{peer.name} does not end")
-            peer.restart = float("inf")
+            elif peer.process.returncode != 0:
+                self.find(f"{peer.name} ended with {peer.process.returncode}")
 
     def close_all(self):
         os.close(self.guardPipe)
