@@ -46,7 +46,9 @@ class LegacyServer final : public Part {
   ~LegacyServer() override { observer_->server = nullptr; }
 
   void beat() override {
-    if (++beats_ % 50 == 0) {
+    ++beats_;
+    if (now() >= heartbeatAt_) {  // by the clock: beats that come late are left out
+      heartbeatAt_ = now() + 1s;
       server_->sendHeartbeatAtTimecode(QELProjectTimecode::timeOfDay(qelnk::Clock::system()->wallTime()));
       if (goes()) server_->writeBinaryData(qelnk::Data(std::string(previewSize, 'j')), "image/jpeg", true);
     }
@@ -118,6 +120,7 @@ class LegacyServer final : public Part {
   std::shared_ptr<QELNKLegacyServer> server_;
   std::map<QELNKLegacyStream *, Link> links_;
   int64_t connections_ = 0, broadcast_ = 0, beats_ = 0;
+  Time heartbeatAt_;
 };
 
 /// What one client hears, on the main thread or on its connection's.
