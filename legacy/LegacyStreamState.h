@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <deque>
 #include <utility>
 #include <vector>
 
@@ -75,25 +77,45 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   qelnk::IncomingMessages incoming QELNK_GUARDED_BY(readMutex);
   std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
 
-  /// What waits for the main thread. While it is much, nothing is read.
+  /// What waits for the main thread, in order. While it is much, nothing is read.
   struct Deliveries {
     static constexpr uint64_t manyCalls = 1024, manyBytes = uint64_t(16) << 20;
     std::atomic<uint64_t> calls{0}, bytes{0};
     std::atomic<bool> readingPaused{false};
     bool areMany() const { return calls >= manyCalls || bytes >= manyBytes; }
     bool areFew() const { return calls <= manyCalls / 2 && bytes <= manyBytes / 2; }
-    void add(uint64_t size) {
+    /// For each one makeNext() is to be queued to the main thread.
+    void add(uint64_t size, qelnk::Task call) {
+      const qelnk::Lock lock(mutex);
+      waiting.emplace_back(size, std::move(call));
       ++calls;
       bytes += size;
     }
-    void remove(uint64_t size, const std::weak_ptr<QELNKLegacyStream> &stream) {
+    /// Makes the oldest call, if there is one. On the main thread.
+    void makeNext(const std::weak_ptr<QELNKLegacyStream> &stream) {
+      std::pair<uint64_t, qelnk::Task> next;
+      {
+        const qelnk::Lock lock(mutex);
+        if (waiting.empty()) return;
+        next = std::move(waiting.front());
+        waiting.pop_front();
+      }
+      next.second();
       --calls;
-      bytes -= size;
+      bytes -= next.first;
       resumeIfFew(stream);
+    }
+    /// Makes all that wait now.
+    void makeAll(const std::weak_ptr<QELNKLegacyStream> &stream) {
+      for (uint64_t left = calls; left > 0; --left) makeNext(stream);
     }
     void resumeIfFew(const std::weak_ptr<QELNKLegacyStream> &stream) {
       if (readingPaused && areFew() && readingPaused.exchange(false)) resumeReading(stream);
     }
+
+   private:
+    qelnk::Mutex mutex;
+    std::deque<std::pair<uint64_t, qelnk::Task>> waiting QELNK_GUARDED_BY(mutex);
   };
   const std::shared_ptr<Deliveries> deliveries = std::make_shared<Deliveries>();
 
@@ -217,13 +239,22 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
       const auto self = stream.weak_from_this().lock();
       return make(self, stream.delegate(), call, arguments...);
     }
-    auto delivery = [weak = stream.weak_from_this(), call = std::move(call), ... arguments = Arguments(arguments),
-                     deliveries = stream.state_->deliveries, queued, bytes] {
+    auto weak = stream.weak_from_this();
+    auto delivery = [weak, call = std::move(call), ... arguments = Arguments(arguments)] {
       if (const auto self = weak.lock()) make(self, self->delegate(), call, arguments...);
-      if (queued) deliveries->remove(bytes, weak);
     };
-    if (queued) stream.state_->deliveries->add(bytes);
-    dispatchToMainThreadAsync(queued, std::move(delivery));
+    const auto &deliveries = stream.state_->deliveries;
+    if (queued) {
+      deliveries->add(bytes, std::move(delivery));
+      dispatchToMainThreadAsync(true, [deliveries, weak] { deliveries->makeNext(weak); });
+    } else {
+      // A main thread that waits for this one makes this call before all that is queued: what was heard earlier goes
+      // first.
+      dispatchToMainThreadAsync(false, [deliveries, weak, delivery] {
+        deliveries->makeAll(weak);
+        delivery();
+      });
+    }
   }
   static void resumeReading(const std::weak_ptr<QELNKLegacyStream> &stream);
 

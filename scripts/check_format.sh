@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks that our sources are formatted; with --fix formats them.
 source "$(dirname "$0")/common.sh"
-mapfile -t files < <(find include platform encoding messaging legacy netutil daemon tools tests bench examples fuzz -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort)
+mapfile -t files < <(find include platform encoding messaging legacy netutil daemon tools tests bench examples fuzz soak -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort)
 if [ "${1:-}" = --fix ]; then
   clang-format -i "${files[@]}"
 else

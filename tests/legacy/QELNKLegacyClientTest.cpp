@@ -267,6 +267,21 @@ TEST_F(LegacyClient, ReconnectsAndSaysSoOnceSomethingArrives) {
   }
 }
 
+// The main thread waits for the connection's, as it does where it closes another connection of the same thread: then it
+// makes the calls that wait for it first.
+TEST_F(LegacyClient, WhatWasHeardIsToldBeforeTheEnd) {
+  Listener listener;
+  make(listener.port(), QELNKLegacyClient::defaultPlayoutOptions(), true);
+  connectTo(listener);
+  listener.latest().send(zeroed("one") + zeroed("two"));
+  listener.latest().close();
+  for (int turn = 0; turn < 10'000 && client->inputStream(); ++turn) std::this_thread::sleep_for(1ms);
+  client->thread()->performSelectorOnTarget([] {}, true);
+  EXPECT_EQ(observer->all(), (Texts{"ready", "string one", "string two", "terminated 0"}));
+  settle();
+  EXPECT_EQ(observer->all().size(), 4u);
+}
+
 TEST_F(LegacyClient, TheOwnerConnectsAgainByItself) {
   for (const bool onMainThread : {false, true}) {
     Listener listener;
