@@ -132,17 +132,18 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
   const qelnk::Lock lock(state_->mutex);
   if (!state_->ipv4Socket) return;  // stopped meanwhile
   auto &all = state_->streams;
-  const auto isFull = [&] { return state_->maximumConnections != 0 && all.size() >= state_->maximumConnections; };
+  const auto isFull = [most = state_->maximumConnections](size_t count) { return most != 0 && count >= most; };
   // Those that the host has ended go when the list is full, or twice as long as after the last time: looking at all of
   // them for each that comes would make many cost their square.
-  if (isFull() || all.size() >= state_->tidyFrom) {
+  if (isFull(all.size()) || all.size() >= state_->tidyFrom) {
     const auto firstEnded = std::stable_partition(all.begin(), all.end(),
                                                   [](const auto &stream) { return stream->inputStream() != nullptr; });
     ended.assign(firstEnded, all.end());
     all.erase(firstEnded, all.end());
     state_->tidyFrom = std::max<size_t>(2 * all.size(), 16);
   }
-  if (isFull()) return logError("QELNKLegacyServer refuses a connection, for {} are there already", all.size());
+  if (isFull(all.size()))
+    return logError("QELNKLegacyServer refuses a connection, for {} are there already", all.size());
   const auto stream = QELNKLegacyStream::create(state_->streamOptions);
   const Value *own = state_->streamOptions.find("multiThreaded");
   if (own && own->isBool() && !stream->thread()) return;  // there was none to be had, and the log has it

@@ -104,6 +104,7 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// frame beyond it is not kept: ZeroMQ ends the connection of who sends it, and one that connects does so anew. Any
   /// thread.
   void setMaximumMessageSize(uint64_t bytes) { maximumMessageSize_ = bytes; }
+  /// That bound; 0 for none. Any thread.
   uint64_t maximumMessageSize() const { return maximumMessageSize_; }
 
   /// Encrypts the connections of the sockets made from now on, so it is called before connecting or binding; none

@@ -20,6 +20,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -441,6 +442,15 @@ void exitInTheStorm(Exit way) {
   RunLoop::current()->run();
 }
 
+std::string openDescriptors() {
+  std::string all;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    all += entry.path().filename().string() + " " + std::filesystem::read_symlink(entry.path(), gone).string() + "\n";
+  }
+  return all;
+}
+
 /// More of them when somebody wants to be sure.
 int rounds(int usually) {
   const char *wanted = std::getenv("QELNK_STORM_ROUNDS");
@@ -453,17 +463,19 @@ TEST(Storm, LeavesNothingBehind) {
   silenceLog();
   World world;
   size_t threads = 0, descriptors = 0;
+  std::string before;
   const int count = rounds(60);
   for (int round = 0; round < count && !HasFailure(); ++round) {
     Storm(world, 40).calmDown();
     if (round == count / 2) {
       std::this_thread::sleep_for(3s);  // for what ends by itself, watches and closing WebSockets
-      threads = threadCount(), descriptors = descriptorCount();
+      threads = threadCount(), descriptors = descriptorCount(), before = openDescriptors();
     }
   }
   EXPECT_TRUE(eventually([&] { return threadCount() <= threads && descriptorCount() <= descriptors; }))
-      << threadCount() << " threads, " << threads << " before; " << descriptorCount() << " descriptors, " << descriptors
-      << " before";
+      << threadCount() << " threads, " << threads << " before, and open are\n"
+      << openDescriptors() << "before:\n"
+      << before;
   QLGetHandle().setSink(nullptr);
 }
 
