@@ -63,11 +63,12 @@ struct ListeningSocket::Accepting : std::enable_shared_from_this<Accepting> {
       socklen_t size = sizeof address;
       const int connection = accept4(*socket, reinterpret_cast<sockaddr *>(&address), &size, SOCK_CLOEXEC);
       if (connection >= 0) {
-        isShort = false;
         handler(connection, {reinterpret_cast<const char *>(&address), sizeof address});
         continue;
       }
       if (isShortage(errno)) return pause(errno);
+      // A shortage is over once all who waited are there: one of them alone may have had luck.
+      if (errno == EAGAIN) isShort = false;
       // Anything else concerns the one connection, or there is none any more.
       if (errno != ECONNABORTED && errno != EINTR) return;
     }
