@@ -204,21 +204,27 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
       }
       return stream_;
     }
-    /// The delegate, to be held for one call: it may have several streams, whose passes would keep it for each other.
-    std::shared_ptr<QELNKLegacyStreamDelegate> delegate() {
-      if (const uint64_t version = source_.state_->delegateVersion; version != version_) {
-        delegate_ = source_.state_->locked(&State::delegate);
+    /// The delegate. It is let go of as soon as nobody else holds it, and now and then in any case: it may have several
+    /// streams, whose passes would keep it for each other.
+    const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
+      if (const uint64_t version = source_.state_->delegateVersion;
+          version != version_ || delegate_.use_count() < 2 || --callsLeft_ == 0) {
+        delegate_.reset();
+        delegate_ = source_.delegate();
         version_ = version;
+        callsLeft_ = callsAtOnce;
       }
-      return delegate_.lock();
+      return delegate_;
     }
 
    private:
     static constinit thread_local ReadPass *current;
     QELNKLegacyStream &source_;
     std::shared_ptr<QELNKLegacyStream> stream_;
-    std::weak_ptr<QELNKLegacyStreamDelegate> delegate_;
+    static constexpr int callsAtOnce = 32;
+    std::shared_ptr<QELNKLegacyStreamDelegate> delegate_;
     uint64_t version_ = 0;
+    int callsLeft_ = 1;
     ReadPass *const outer_;
 
    public:
