@@ -1,8 +1,8 @@
 #include <QELNetworkKit/JSON.h>
 
 #include <memory>
-#include <vector>
 
+#include "encoding/SmallStack.h"
 #include "encoding/ValueStorage.h"
 #include "platform/Simdjson.h"
 
@@ -24,7 +24,7 @@ class TreeCopier {
       Open &top = open_.back();
       if (top.isList ? top.item == top.itemEnd : top.member == top.memberEnd) {
         if (!top.isList) builder_.finishMap(top.container);
-        open_.pop_back();
+        open_.pop();
       } else if (top.isList) {
         const Element element = *top.item;
         ++top.item;
@@ -83,42 +83,52 @@ class TreeCopier {
 
   void open(Value *slot, const simdjson::dom::array &array) {
     Value *first = builder_.container(slot, detail::tagList, sizeOf(array));
-    open_.push_back({slot, first, true, array.begin(), array.end(), {}, {}});
+    open_.push({slot, first, true, array.begin(), array.end(), {}, {}});
   }
   void open(Value *slot, const simdjson::dom::object &object) {
     Value *first = builder_.container(slot, detail::tagMap, sizeOf(object));
-    open_.push_back({slot, first, false, {}, {}, object.begin(), object.end()});
+    open_.push({slot, first, false, {}, {}, object.begin(), object.end()});
   }
 
   detail::TreeBuilder builder_;
-  std::vector<Open> open_;
+  detail::SmallStack<Open, 16> open_;
 };
 
-// One parser a thread, for its buffers; one that has grown large is not kept.
-constexpr size_t largestKeptParser = 1 << 20;
-
+// One parser a thread, for its buffers, which take about four times the text. One that has grown is kept while it is
+// of use, for the system takes as long to provide new buffers as the text takes to read; and not for ever, as a
+// thread's only large text may have been its first.
 class ParserUse {
  public:
   ParserUse() {
-    if (!kept) kept = makeParser();
+    if (!kept_.parser) kept_.parser = makeParser();
   }
   ~ParserUse() {
-    if (isBroken_ || kept->capacity() > largestKeptParser) kept.reset();
+    if (isBroken_ || kept_.parser->capacity() > largestKept || kept_.idleUses > mostIdleUses) kept_.parser.reset();
   }
   ParserUse(const ParserUse &) = delete;
   ParserUse &operator=(const ParserUse &) = delete;
   simdjson::error_code parse(std::span<const uint8_t> bytes, Element &document) {
-    const auto code = kept->parse(bytes.data(), bytes.size()).get(document);
+    auto &parser = *kept_.parser;
+    const auto code = parser.parse(bytes.data(), bytes.size()).get(document);
     isBroken_ = code == simdjson::MEMALLOC;
+    const bool isIdle = parser.capacity() > smallParser && bytes.size() <= parser.capacity() / 4;
+    kept_.idleUses = isIdle ? kept_.idleUses + 1 : 0;
     return code;
   }
 
  private:
+  static constexpr size_t smallParser = 256 << 10, largestKept = 4 << 20;  // bytes of text
+  static constexpr unsigned mostIdleUses = 16;
+  struct Kept {
+    std::unique_ptr<simdjson::dom::parser> parser;
+    unsigned idleUses = 0;  // in a row, of texts that needed no such large one
+  };
+  static thread_local Kept kept;
+  Kept &kept_ = kept;
   // A parser that got no memory has forgotten how deep it may go, and would write beyond its end.
   bool isBroken_ = false;
-  static thread_local std::unique_ptr<simdjson::dom::parser> kept;
 };
-thread_local std::unique_ptr<simdjson::dom::parser> ParserUse::kept;
+thread_local ParserUse::Kept ParserUse::kept;
 
 void fail(Error *error, int64_t code, std::string description) {
   if (error) *error = {"JSON", code, std::move(description), nullptr};

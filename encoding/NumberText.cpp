@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -13,27 +14,48 @@ namespace {
 
 constexpr uint64_t asciiZeros = 0x3030303030303030;
 
-// The eight decimal digits of a number below 10^8, one a byte, the first in the lowest: three steps that divide all
-// halves, then all pairs, then all digits at once.
-uint64_t eightDigits(uint32_t number) {
-  uint64_t digits = number / 10000 | uint64_t(number % 10000) << 32;
-  const uint64_t hundreds = (digits * 10486 >> 20) & 0x7F0000007F;
-  digits = (digits - 100 * hundreds) << 16 | hundreds;
-  const uint64_t tens = (digits * 103 >> 10) & 0x000F000F000F000F;
-  return (digits - 10 * tens) << 8 | tens;
+// The decimal digits of all numbers below 100, two each.
+constexpr auto pairs = [] {
+  std::array<char, 200> table{};
+  for (size_t i = 0; i < 100; ++i) {
+    table[2 * i] = char('0' + i / 10);
+    table[2 * i + 1] = char('0' + i % 10);
+  }
+  return table;
+}();
+
+inline uint32_t pair(uint32_t number) {
+  uint16_t text;
+  std::memcpy(&text, pairs.data() + 2 * number, 2);
+  return text;
 }
 
-char *writeEight(char *to, uint32_t number) {
-  const uint64_t text = eightDigits(number) | asciiZeros;
+// The four digits of a number below 10^4 as text, the first in the lowest byte.
+inline uint32_t fourDigits(uint32_t number) { return pair(number / 100) | pair(number % 100) << 16; }
+
+// The eight of a number below 10^8.
+inline uint64_t eightDigits(uint32_t number) {
+  return fourDigits(number / 10000) | uint64_t(fourDigits(number % 10000)) << 32;
+}
+
+inline char *writeEight(char *to, uint32_t number) {
+  const uint64_t text = eightDigits(number);
   std::memcpy(to, &text, 8);
   return to + 8;
 }
 
 // Without leading zeros.
-char *writeUpToEight(char *to, uint32_t number) {
+inline char *writeUpToEight(char *to, uint32_t number) {
+  if (number < 10000) {
+    const uint32_t text = fourDigits(number);
+    const int zeros = number ? std::countr_zero(text ^ 0x30303030) / 8 : 3;
+    const uint32_t shown = text >> (8 * zeros);
+    std::memcpy(to, &shown, 4);
+    return to + 4 - zeros;
+  }
   const uint64_t digits = eightDigits(number);
-  const int zeros = digits ? std::countr_zero(digits) / 8 : 7;
-  const uint64_t text = (digits | asciiZeros) >> (8 * zeros);
+  const int zeros = std::countr_zero(digits ^ asciiZeros) / 8;
+  const uint64_t text = digits >> (8 * zeros);
   std::memcpy(to, &text, 8);
   return to + 8 - zeros;
 }
