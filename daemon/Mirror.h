@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "encoding/Text.h"
+
 namespace qelnk {
 
 /// What a client knows of its daemon's project and workflows.
@@ -26,6 +28,9 @@ class Mirror {
 
   std::atomic<bool> running{false};
   std::atomic<int64_t> nextMessageID{0};
+  /// Callbacks for pushed values that wait on the response queue, and whether that is behind.
+  std::atomic<size_t> waitingUpdates{0};
+  std::atomic<bool> isBehind{false};
   std::optional<std::string> projectName() const { return read(&Mirror::projectName_); }
   void setProjectName(std::optional<std::string> name) { swapIn(&Mirror::projectName_, name); }
   std::optional<std::string> projectFile() const { return read(&Mirror::projectFile_); }
@@ -81,7 +86,7 @@ class Mirror {
  private:
   struct Hash {
     using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    size_t operator()(std::string_view text) const { return detail::hashOfText(text); }
   };
   using Text = std::optional<std::string> Mirror::*;
   std::optional<std::string> read(Text text) const;

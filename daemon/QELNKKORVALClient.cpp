@@ -74,7 +74,22 @@ void QELNKKORVALClient::takePush(const Value &data) {
   if (!port) return;
   port->setValue(data[QELNKKORVALValue]);
   if (!port->sharedUpdateBlock()) return;
-  context()->responseQueue()->async([weakly = weak_from_this(), workflow, port] {
+  // A callback finds the port's last value. Where very many wait, one for each port is enough; that it waits is asked
+  // by a change of nothing, so that one which has begun and is not counted any more finds the value that was set
+  // before.
+  constexpr size_t mostWaiting = 65536;
+  if (mirror_->waitingUpdates < mostWaiting) {
+    if (mirror_->isBehind && mirror_->waitingUpdates < mostWaiting / 2) mirror_->isBehind = false;
+  } else {
+    if (!mirror_->isBehind.exchange(true))
+      qelnk::logError("QELNKKORVALClient calls back once for several updates, its response queue is too slow");
+    if (port->waitingUpdates_.fetch_add(0) > 0) return;
+  }
+  ++mirror_->waitingUpdates;
+  ++port->waitingUpdates_;
+  context()->responseQueue()->async([weakly = weak_from_this(), mirror = mirror_, workflow, port] {
+    --mirror->waitingUpdates;
+    --port->waitingUpdates_;
     const auto client = std::static_pointer_cast<QELNKKORVALClient>(weakly.lock());
     const auto block = port->sharedUpdateBlock();  // asked again: it may have been cleared meanwhile
     if (client && block) (*block)(client, workflow, port);

@@ -3,6 +3,8 @@
 #include "daemon/Mirror.h"
 #include "platform/LogFormat.h"
 
+#include <cerrno>
+
 using qelnk::Value;
 using Message = std::shared_ptr<QELNKMessage>;
 
@@ -31,21 +33,38 @@ Message QELNKKORVALClient::Load::ask(Value request, std::string what, Step step)
                            });
 }
 
+// A description may be a byte, and becomes an object with callbacks, requests and places in tables: more than anybody
+// has is refused, before it is made.
+static constexpr size_t mostWorkflows = 65536, mostPorts = 1 << 20;
+
+static qelnk::Error tooMany(size_t most, const char *what) {
+  return {"QELNKKORVALClient", EMSGSIZE, fmt::format("the daemon tells of more than {} {}", most, what), {}};
+}
+
 void QELNKKORVALClient::Load::addWorkflows(QELNKKORVALClient &client, const Value &descriptions) {
+  if (descriptions.size() > mostWorkflows) return fail(client, "the workflows", tooMany(mostWorkflows, "workflows"));
   std::vector<Message> messages;
   messages.reserve(descriptions.size() + 1);
   for (const Value &description : descriptions.items()) {
     if (!description.isDictionary()) continue;
     const Workflow workflow = addWorkflow(client, description);
     messages.push_back(ask(client.requestForCommand("getExposedPorts", workflow),
-                           fmt::format("the ports of workflow {}", workflow->uid().value_or("")),
-                           [workflow](QELNKKORVALClient &, const Value &data) {
-                             for (const Value &port : data[QELNKKORVALData].items())
-                               if (port.isDictionary()) workflow->addPortWithDescription(port);
+                           fmt::format("the ports of workflow {}", qelnk::printable(workflow->uid().value_or(""))),
+                           [load = shared_from_this(), workflow](QELNKKORVALClient &of, const Value &data) {
+                             load->addPorts(of, workflow, data[QELNKKORVALData]);
                            }));
   }
   messages.push_back(barrier());
   client.scheduleMessages(messages);
+}
+
+void QELNKKORVALClient::Load::addPorts(QELNKKORVALClient &client, const Workflow &workflow, const Value &descriptions) {
+  ports_ += descriptions.size();
+  if (ports_ > mostPorts)
+    return fail(client, fmt::format("the ports of workflow {}", qelnk::printable(workflow->uid().value_or(""))),
+                tooMany(mostPorts, "ports"));
+  for (const Value &port : descriptions.items())
+    if (port.isDictionary()) workflow->addPortWithDescription(port);
 }
 
 QELNKKORVALClient::Load::Workflow QELNKKORVALClient::Load::addWorkflow(QELNKKORVALClient &client,

@@ -30,11 +30,13 @@ class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this
   std::shared_ptr<QELNKMessage> barrier();
   void addWorkflows(QELNKKORVALClient &client, const qelnk::Value &descriptions);
   Workflow addWorkflow(QELNKKORVALClient &client, const qelnk::Value &description);
+  void addPorts(QELNKKORVALClient &client, const Workflow &workflow, const qelnk::Value &descriptions);
   /// Ends this load, with one line on the log however many of its requests fail. What it has added goes, so that the
   /// next one brings everything once.
   void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
 
   const uint64_t opening_;
   bool failed_ = false;
+  size_t ports_ = 0;  // of all workflows
   std::vector<Workflow> added_;
 };

@@ -34,7 +34,7 @@ QELNKOrlinPort::QELNKOrlinPort(const Value &description)
     valueType_ = *type;
     setValue(description[QELNKKORVALValue]);
   } else {
-    qelnk::logError("Unknown port type {}", textOf(typeName));
+    qelnk::logError("Unknown port type {}", qelnk::printable(textOf(typeName)));
   }
 }
 

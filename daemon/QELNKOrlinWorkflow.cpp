@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "daemon/Description.h"
+#include "encoding/Text.h"
 
 using qelnk::Value;
 using Port = std::shared_ptr<QELNKOrlinPort>;
@@ -13,6 +14,8 @@ QELNKOrlinWorkflow::QELNKOrlinWorkflow(const Value &description)
       uid_(qelnk::stringIn(description, QELNKKORVALID)),
       executeOnRun_(description[QELNKKORVALExecute].boolValue()),
       executing_(description[QELNKKORVALStatus].boolValue()) {}
+
+size_t QELNKOrlinWorkflow::Hash::operator()(std::string_view text) const { return qelnk::detail::hashOfText(text); }
 
 Port QELNKOrlinWorkflow::addPortWithDescription(const Value &description) {
   auto port = std::make_shared<QELNKOrlinPort>(description);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "encoding/SmallStack.h"
+#include "encoding/Text.h"
 #include "encoding/ValueStorage.h"
 
 namespace qelnk {
@@ -119,5 +120,7 @@ size_t Value::hash() const {
   }
   return hash;
 }
+
+size_t detail::hashOfText(std::string_view text) { return hashText(Seed::get(), text); }
 
 }  // namespace qelnk

@@ -8,6 +8,9 @@
 
 namespace qelnk::detail {
 
+/// A hash that no peer can foresee: another in each process. Keys that a peer chooses cannot be made to meet.
+size_t hashOfText(std::string_view text);
+
 /// Whether `text` is UTF-8. Most strings are short and ASCII, which eight bytes at a time tell fastest.
 inline bool isUTF8(std::string_view text) {
   const char *at = text.data();

@@ -17,6 +17,7 @@
 #include "legacy/IncomingMessages.h"
 #include "legacy/OutgoingBytes.h"
 #include "platform/Guard.h"
+#include "platform/LogFormat.h"
 #include "platform/SpinningMutex.h"
 
 namespace qelnk {
@@ -54,6 +55,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   uint64_t maximumOutgoingLength QELNK_GUARDED_BY(mutex) = 0;
   bool isOverflowing QELNK_GUARDED_BY(mutex) = false;
   std::chrono::nanoseconds handshakeTimeout QELNK_GUARDED_BY(mutex){};
+  std::shared_ptr<qelnk::LoopSource> handshakeTimer QELNK_GUARDED_BY(mutex);  // until it is ready or has ended
   uint64_t testFullyConfigured QELNK_GUARDED_BY(mutex) = 0, compareFullyConfigured QELNK_GUARDED_BY(mutex) = 0;
   qelnk::Value options QELNK_GUARDED_BY(mutex);
   qelnk::IncomingMessages::Limits limits QELNK_GUARDED_BY(mutex);
@@ -121,6 +123,14 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
 
   bool stoppedReading = false;  // in the last read pass, because of what waits
 
+  /// What a peer sends that is told on the log alone; the reading thread's, of one connection.
+  struct Mistakes {
+    uint64_t connection = 0;
+    qelnk::Recurrence texts, headers;
+  };
+  Mistakes mistakes;
+  Mistakes &mistakesHere();
+
   std::shared_ptr<QELNKLegacyStreamThread> servingThread() const;
   static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
                     const std::shared_ptr<qelnk::ByteStream> &stream);
@@ -146,6 +156,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   bool requestFlush() QELNK_REQUIRES(mutex);
   bool overflows() QELNK_REQUIRES(mutex);
   void awaitHandshake();
+  void endHandshake() QELNK_REQUIRES(mutex);
   void endConnection(uint64_t connection, const std::string &reason);
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);

@@ -406,7 +406,7 @@ void QELNKLegacyClient::informDelegateOfReceivedString(const std::string &string
 
 void QELNKLegacyClient::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
   informClient(
-      true, data.size(),
+      true, data.size() + contentType.size(),
       [](const auto &client, auto *delegate, const Data &block, const auto &type) {
         delegate->networkClient(client, block, type);
       },
@@ -429,7 +429,7 @@ void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTime
     });
   }
   informClient(
-      true, extendedInformation ? extendedInformation->size() : 0,
+      true, timecode.XMLRepresentation().size() + (extendedInformation ? extendedInformation->size() : 0),
       [](const auto &client, auto *delegate, const auto &at, const auto &information) {
         delegate->networkClient(client, at, information);
       },

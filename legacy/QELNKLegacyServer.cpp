@@ -40,6 +40,7 @@ struct QELNK_HIDDEN QELNKLegacyServer::State {
   std::weak_ptr<QELNKLegacyServerDelegate> delegate QELNK_GUARDED_BY(mutex);
   Streams streams QELNK_GUARDED_BY(mutex);
   size_t maximumConnections QELNK_GUARDED_BY(mutex) = 0;
+  qelnk::Recurrence refused QELNK_GUARDED_BY(mutex);
   size_t tidyFrom QELNK_GUARDED_BY(mutex) = 0;  // the length of `streams` at which those that have ended go
   std::string name QELNK_GUARDED_BY(mutex);
   Value streamOptions QELNK_GUARDED_BY(mutex);
@@ -142,8 +143,12 @@ void QELNKLegacyServer::accept(const qelnk::StreamPair &streams, const std::stri
     all.erase(firstEnded, all.end());
     state_->tidyFrom = std::max<size_t>(2 * all.size(), 16);
   }
-  if (isFull(all.size()))
-    return logError("QELNKLegacyServer refuses a connection, for {} are there already", all.size());
+  if (isFull(all.size())) {
+    if (state_->refused.again())
+      logError("QELNKLegacyServer refuses a connection, for {} are there already ({} so far)", all.size(),
+               state_->refused.count());
+    return;
+  }
   const auto stream = QELNKLegacyStream::create(state_->streamOptions);
   const Value *own = state_->streamOptions.find("multiThreaded");
   if (own && own->isBool() && !stream->thread()) return;  // there was none to be had, and the log has it

@@ -35,8 +35,9 @@ constexpr int chunksAtOnce = 256;
 // How many messages are taken out of what was read before they are told.
 constexpr size_t messagesAtOnce = 64;
 
-/// The first characters of a text, so many at most.
+/// The first characters of a text, so many at most; it may be none in UTF-8.
 std::string_view beginning(std::string_view text) {
+  text = text.substr(0, 4 * longestLogged);
   size_t length = 0;
   for (size_t characters = 0; length < text.size(); ++length)
     if ((uint8_t(text[length]) & 0xC0) != 0x80 && characters++ == longestLogged) break;
@@ -198,10 +199,16 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
 void QELNKLegacyStream::State::awaitHandshake() {
   const qelnk::Lock lock(mutex);
   if (handshakeTimeout <= std::chrono::nanoseconds::zero() || !connectionThread) return;
-  connectionThread->runLoop()->performAfter(handshakeTimeout, [weak = held, connection = uint64_t(connections)] {
-    const auto self = weak.lock();
-    if (self && !self->isReady()) self->state_->endConnection(connection, "its handshake has taken too long");
-  });
+  handshakeTimer =
+      connectionThread->runLoop()->performAfter(handshakeTimeout, [weak = held, connection = uint64_t(connections)] {
+        const auto self = weak.lock();
+        if (self && !self->isReady()) self->state_->endConnection(connection, "its handshake has taken too long");
+      });
+}
+
+/// Nobody waits for it any more. The timers of connections that come and go would pile up else.
+void QELNKLegacyStream::State::endHandshake() {
+  if (const auto timer = std::exchange(handshakeTimer, nullptr)) timer->cancel();
 }
 
 /// On the stream's thread: a connection that is still there, and has not ended by itself.
@@ -263,6 +270,7 @@ std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStream::State::servingThread
 
 void QELNKLegacyStream::State::dropConnection() {
   ++connections;
+  endHandshake();
   incoming.clear();
   droppedLength += outgoing.size() - std::exchange(handshakeLeft, 0);  // nobody but us asked for that
   outgoing.clear();
@@ -460,6 +468,7 @@ void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
     }
     if ((state_->testFullyConfigured & status) != state_->compareFullyConfigured || isReady()) return;
     status |= ready;
+    state_->endHandshake();
     input = state_->input;
     output = state_->output;
   }
@@ -638,8 +647,10 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
                                                  message.information());
       break;
     case Kind::binaryHeader:
-      if (const uint64_t pending = incomingState().first; pending == 0 || pending > INT32_MAX)
-        logError("QELNKLegacyStream binary header announces no length: {}", beginning(message.string));
+      if (const uint64_t pending = incomingState().first;
+          (pending == 0 || pending > INT32_MAX) && mistakesHere().headers.again())
+        logError("QELNKLegacyStream binary header announces no length: {} ({} so far)",
+                 qelnk::printable(beginning(message.string)), mistakes.headers.count());
       break;
     case Kind::string:
       stream.informDelegateOfReceivedString(message.string);
@@ -653,7 +664,9 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
       break;
     }
     case Kind::invalidText:
-      logError("QELNKLegacyStream dropped a string of {} bytes that is not UTF-8", message.string.size());
+      if (mistakesHere().texts.again())
+        logError("QELNKLegacyStream dropped a string of {} bytes that is not UTF-8 ({} so far)", message.string.size(),
+                 mistakes.texts.count());
       break;
     case Kind::stringTooLong:
     case Kind::binaryTooLong:
@@ -662,6 +675,12 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
       if (!handledCloseError.exchange(true)) stream.terminate();
       break;
   }
+}
+
+/// Those of this connection.
+QELNKLegacyStream::State::Mistakes &QELNKLegacyStream::State::mistakesHere() {
+  if (const uint64_t here = connections; mistakes.connection != here) mistakes = {here, {}, {}};
+  return mistakes;
 }
 
 /// The length of the block that is being received, and how many bytes are buffered.
@@ -689,7 +708,7 @@ void QELNKLegacyStream::informDelegateOfReceivedString(const std::string &string
 
 void QELNKLegacyStream::informDelegateOfReceivedBinaryData(const Data &data, const std::string &contentType) {
   State::inform(
-      *this, true, data.size(),
+      *this, true, data.size() + contentType.size(),
       [](const auto &stream, const auto &delegate, const Data &block, const auto &type) {
         delegate->networkStream(stream, block, type);
       },
@@ -699,7 +718,7 @@ void QELNKLegacyStream::informDelegateOfReceivedBinaryData(const Data &data, con
 void QELNKLegacyStream::informDelegateOfHeartbeatAtTimecode(const QELProjectTimecode &timecode,
                                                             const std::optional<std::string> &extendedInformation) {
   State::inform(
-      *this, true, extendedInformation ? extendedInformation->size() : 0,
+      *this, true, timecode.XMLRepresentation().size() + (extendedInformation ? extendedInformation->size() : 0),
       [](const auto &stream, const auto &delegate, const auto &at, const auto &information) {
         delegate->networkStream(stream, at, information);
       },

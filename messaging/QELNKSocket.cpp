@@ -116,6 +116,8 @@ void QELNKSocket::replaceSocket(std::shared_ptr<ZMQSocket> socket) {
 std::shared_ptr<ZMQSocket> QELNKSocket::openSocket(const std::string &endpoint, std::chrono::milliseconds linger) {
   auto socket = context_->zmqContext()->makeSocket(socketType(), onMessageThread());
   socket->setInt(int(linger.count()), ZMQ_LINGER);
+  // Else connections to machines that were switched off would stay for ever, with a descriptor each.
+  if (socketType() != ZMQ_PAIR) socket->setInt(1, ZMQ_TCP_KEEPALIVE);
   socket->setEndpoint(endpoint);
   replaceSocket(socket);
   std::shared_ptr<const SocketBlock> block;

@@ -48,12 +48,6 @@ std::string escaped(std::string_view target) {
 
 }  // namespace
 
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }, '?');
-  return text;
-}
-
 std::optional<WebSocketURL> WebSocketURL::parse(std::string_view text) {
   // None of these belongs into a URL, and they would end a line of the request.
   const auto isControl = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == 0x7F; };

@@ -7,9 +7,6 @@
 
 namespace qelnk {
 
-/// What a peer or a user wrote, for a line of the log.
-std::string printable(std::string text);
-
 /// Where a WebSocket connects to, and what it asks for there.
 struct WebSocketURL {
   bool isSecure = false;

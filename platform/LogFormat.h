@@ -4,6 +4,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
 namespace qelnk {
 
 /// Writes a formatted line; the text is built only when its level is in force. Arguments are evaluated either way: wrap
@@ -25,5 +30,30 @@ template <class... Arguments>
 void logError(fmt::format_string<Arguments...> format, Arguments &&...arguments) {
   logLine(LogLevel::error, format, std::forward<Arguments>(arguments)...);
 }
+
+/// What a peer or a user wrote, for a line of the log: the first of it, of which nothing ends the line or means
+/// something to a terminal.
+inline std::string printable(std::string_view text, size_t longest = 1024) {
+  std::string line(text.substr(0, longest));
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }, '?');
+  return line;
+}
+
+/// Counts what a peer can make happen as often as it likes. A line on the log is due the first time, the tenth, the
+/// hundredth and so on.
+class Recurrence {
+ public:
+  /// It has happened again; whether a line is due.
+  bool again() {
+    if (++count_ != due_) return false;
+    due_ *= 10;
+    return true;
+  }
+  uint64_t count() const { return count_; }
+
+ private:
+  uint64_t count_ = 0, due_ = 1;
+};
 
 }  // namespace qelnk

@@ -60,6 +60,7 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
       if (port->portType() != QELNKOrlinPortTypeInput) continue;
       set(port, between);
     }
+    ask([](Session &) {});  // or the session ends: what is confirmed after the time-out, the daemon alone has
   }
   bool isDriven() const { return isDriven_; }
 
@@ -128,7 +129,8 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
     startRound();
   }
 
-  /// Calls `then` behind everything that was asked for, and behind what was pushed before the answer.
+  /// Calls `then` behind everything that was asked for, and behind what was pushed before the answer. It times out
+  /// before the requests that were made just before it, so that all of them have been answered in time.
   template <class Call>
   void ask(Call then) {
     progress = now();
@@ -137,7 +139,8 @@ class Session final : public QELNKWebSocketDelegate, public std::enable_shared_f
                           if (!message->response()) return session.end("getProject: " + message->error().description);
                           session.progress = now();
                           then(session);
-                        }));
+                        }),
+                        requestTimeout - 100ms);
   }
 
   void set(const std::shared_ptr<QELNKOrlinPort> &port, const std::function<int(int, int)> &between) {

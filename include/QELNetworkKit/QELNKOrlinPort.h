@@ -108,4 +108,5 @@ class QELNK_EXPORT QELNKOrlinPort {
   std::optional<std::string> stringValue_ QELNK_GUARDED_BY(mutex_);
   std::optional<qelnk::Value> arrayValue_ QELNK_GUARDED_BY(mutex_);
   std::shared_ptr<const UpdateBlock> updateBlock_ QELNK_GUARDED_BY(mutex_);
+  std::atomic<uint32_t> waitingUpdates_{0};  // calls of it that wait on the response queue
 };

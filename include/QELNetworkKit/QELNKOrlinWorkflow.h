@@ -68,7 +68,10 @@ class QELNK_EXPORT QELNKOrlinWorkflow {
   std::atomic<bool> executing_;
   mutable qelnk::Mutex mutex_;
   std::vector<std::shared_ptr<QELNKOrlinPort>> ports_ QELNK_GUARDED_BY(mutex_);
+  struct QELNK_HIDDEN Hash {
+    size_t operator()(std::string_view text) const;
+  };
   // By views into the ports' own identifiers.
-  std::unordered_map<std::string_view, size_t> portsByID_ QELNK_GUARDED_BY(mutex_);
+  std::unordered_map<std::string_view, size_t, Hash> portsByID_ QELNK_GUARDED_BY(mutex_);
   PortAddedBlock onPortAdded_;  // set by the client that mirrors this workflow, before anybody else has it
 };

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "daemon/FakeDaemon.h"
@@ -258,6 +259,28 @@ TEST_F(KORVALClient, StoresAPushAndThenCallsBack) {
   ASSERT_TRUE(eventually([&] { return in_->intValue() == 6; }));
   EXPECT_EQ(out_->doubleValue(), 3.5);
   EXPECT_EQ(calls, 1);
+}
+
+// A queue that is slower than the daemon would fill up for ever.
+TEST_F(KORVALClient, CallsBackOnceForSeveralPushesWhenVeryManyWait) {
+  constexpr int most = 65536, pushes = 70000;
+  std::promise<void> goOn;
+  std::atomic<int> calls{0}, last{0};
+  client_->registerWorkflow(a_, {"port out"}, [&](auto &, auto &, const auto &port) {
+    if (calls++ == 0) goOn.get_future().wait();
+    last = int(port->doubleValue());
+  });
+  ASSERT_TRUE(answered(1));
+  for (int i = 1; i <= pushes; ++i) {
+    daemon_.send(push("out", i));
+    const bool isRead = i % 500 != 0 || eventually([&] { return int(out_->doubleValue()) == i; });
+    ASSERT_TRUE(isRead);  // so that ZeroMQ drops none
+  }
+  goOn.set_value();
+  EXPECT_TRUE(eventually([&] { return last == pushes && calls >= most; }));
+  EXPECT_LE(calls, most + 2);
+  daemon_.send(push("out", -1));
+  EXPECT_TRUE(eventually([&] { return last == -1; }));
 }
 
 TEST_F(KORVALClient, DiscardsWhatIsNoAnswerAndNoPush) {

@@ -272,6 +272,29 @@ TEST(KORVALLoad, ComesAfterAnOpeningThatFailed) {
   EXPECT_TRUE(eventually([&] { return loaded.load(); }));
 }
 
+// Each may take a byte in the answer, and a kilobyte here.
+TEST(KORVALLoad, RefusesMoreWorkflowsOrPortsThanAnybodyHas) {
+  for (const auto &[command, count] : {std::pair("getWorkflows", 65'537), {"getExposedPorts", (1 << 20) + 1}}) {
+    const CapturedLog log;
+    FakeDaemon daemon(exampleWorkflows());
+    daemon.setScript([command = command, count = count](const Value &request, std::vector<Value> answers) {
+      if (request["command"] != Value(command)) return answers;
+      Value many = Value::list();
+      for (int i = 0; i < count; ++i) many.append(Value::map());
+      return std::vector<Value>{
+          answerTo(request, request["command"] == Value("getWorkflows") ? many : Value::map({{"data", many}}))};
+    });
+    const auto client = newClient();
+    std::atomic<bool> connected{false};
+    client->connectToHost("127.0.0.1", daemon.port(), [&](auto &) { connected = true; });
+    EXPECT_TRUE(eventually([&] { return log.contains("the daemon tells of more than"); }));
+    drain(*client);
+    EXPECT_EQ(client->numberOfWorkflows(), 0u);
+    EXPECT_FALSE(connected);
+    client->disconnect();
+  }
+}
+
 TEST(KORVALLoad, IsNotStoppedByNonsense) {
   FakeDaemon daemon;
   daemon.setScript([](const Value &request, std::vector<Value> answers) {

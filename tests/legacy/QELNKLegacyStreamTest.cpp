@@ -4,8 +4,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "legacy/Observers.h"
 #include "legacy/RawPeer.h"
@@ -243,7 +246,15 @@ TEST(LegacyStreamBadInput, DoesNoHarm) {
   {
     const auto wired = run(zeroed("\xc3\x28") + zeroed("fine"), ingest());
     EXPECT_TRUE(eventually([&] { return wired->observer->has("string fine"); }));
-    EXPECT_TRUE(log.contains("dropped a string of 2 bytes that is not UTF-8"));
+    EXPECT_TRUE(log.contains("dropped a string of 2 bytes that is not UTF-8 (1 so far)"));
+  }
+  {  // Who sends a thousand does not fill the log, nor writes lines of its own there.
+    std::string many;
+    for (int i = 0; i < 1000; ++i) many += zeroed("\xc3\x28!") + zeroed("!bin! x\ny z");
+    const auto wired = run(many + zeroed("fine"), ingest());
+    EXPECT_TRUE(eventually([&] { return wired->observer->has("string fine"); }));
+    EXPECT_EQ(log.count("dropped a string of 3 bytes"), 4u);
+    EXPECT_EQ(log.count("announces no length: !bin! x?y z"), 4u);
   }
   const Value bounded = with(with(ingest(), "maximumStringLength", 1000), "maximumBinaryLength", 2000);
   for (const std::string &bytes :
@@ -261,14 +272,23 @@ TEST(LegacyStreamBadInput, DoesNoHarm) {
 TEST(LegacyStreamBadInput, AFloodWaitsForTheMainThread) {
   Wired wired(Transport::tcp, playout());
   wired.shakeHands();
-  const std::string text(200, 'f');
-  std::string flood;
-  for (int i = 0; i < 5000; ++i) flood += zeroed(text);
+  const std::string text(200, 'f'), long_(1 << 20, 'f');
   size_t told = 0;
   wired.observer->onTold([&](const std::string &) { ++told; });
-  wired.peer->send(flood);  // the main loop is turned only while there is no room
-  EXPECT_LT(told, 5000u);
-  EXPECT_TRUE(eventually([&] { return told == 5000; }));
+  // Many calls, or many bytes, in whichever part of a message they are.
+  for (const auto &[message, count] : {std::pair(zeroed(text), size_t(100'000)),
+                                       {zeroed("heartbeat " + long_), size_t(100)},
+                                       {block("x", long_), size_t(100)}}) {
+    std::string flood;
+    for (size_t i = 0; i < count; ++i) flood += message;
+    told = 0;
+    std::atomic<bool> isSent{false};
+    std::thread sender([&] { wired.peer->send(flood), isSent = true; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_FALSE(isSent);
+    EXPECT_TRUE(eventually([&] { return told == count && isSent; }));
+    sender.join();
+  }
 }
 
 TEST(LegacyStreamOptions, DecideWhatItDoes) {

@@ -3,13 +3,16 @@
 #include <QELNetworkKit/QELNKServer.h>
 #include <QELNetworkKit/XMLDocument.h>
 #include <QELNetworkKit/ZMQContext.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <zmq.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -223,6 +226,27 @@ TEST(QELNKServer, OutlivesPeersThatVanishBeforeTheirReply) {
   Wire wire(ZMQ_REQ, server->port());
   wire.send({"next"});
   EXPECT_EQ(wire.receive(), Peer::Frames{"next"});
+}
+
+// Else a machine that is switched off would leave a descriptor behind for ever.
+TEST(QELNKServer, AsksPeersThatAreSilentWhetherTheyAreThere) {
+  const auto server = makeServer();
+  ASSERT_TRUE(server->bindToPort(0, echo));
+  Wire wire(ZMQ_REQ, server->port());
+  wire.send({"hello"});
+  EXPECT_EQ(wire.receive(), Peer::Frames{"hello"});
+  // Of this machine's connections: "sl local remote state queues timer:when ...".
+  const std::string ours = fmt::format("0100007F:{:04X}", server->port()), established = "01", keepAlive = "02:";
+  EXPECT_TRUE(eventually([&] {  // while something is to be confirmed there is another timer
+    std::ifstream connections("/proc/net/tcp");
+    for (std::string line; std::getline(connections, line);) {
+      std::istringstream words(line);
+      std::string number, local, remote, state, queues, timer;
+      words >> number >> local >> remote >> state >> queues >> timer;
+      if (local == ours && state == established) return timer.starts_with(keepAlive);
+    }
+    return false;
+  }));
 }
 
 TEST(QELNKServer, KeepsNoMessageBeyondTheMaximumSize) {

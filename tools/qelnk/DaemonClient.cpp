@@ -2,6 +2,10 @@
 
 #include <QELNetworkKit/RunLoop.h>
 
+#include <utility>
+
+#include "Output.h"
+
 namespace tool {
 
 using qelnk::Value;
@@ -52,9 +56,25 @@ void DaemonClient::takeAnswer(const QELNKMessage &message, const Value &response
 }
 
 void DaemonClient::takePush(const Value &push) {
+  // So many values may wait until somebody reads what is printed.
+  constexpr size_t mostWaiting = 100'000;
+  {
+    qelnk::Lock lock(mutex_);
+    if (!pushHandler_) return;
+    if (waitingPushes_ >= mostWaiting) {
+      const bool isNew = !std::exchange(leavesOut_, true);
+      lock.unlock();
+      if (isNew) complain("updates are left out, for nobody reads those that were printed");
+      return;
+    }
+  }
   for (const auto &workflow : workflows()) {
     const auto port = workflow->portWithID(push[QELNKKORVALID].string());
     if (!port) continue;
+    {
+      const qelnk::Lock lock(mutex_);
+      ++waitingPushes_;
+    }
     // The port holds the pushed value now; by the time that the main thread looks it may hold a later one.
     qelnk::RunLoop::main()->perform([weak = weak_from_this(), workflow, port, value = port->currentValue()] {
       const auto self = std::static_pointer_cast<DaemonClient>(weak.lock());
@@ -63,6 +83,7 @@ void DaemonClient::takePush(const Value &push) {
       {
         const qelnk::Lock lock(self->mutex_);
         handler = self->pushHandler_;
+        if (--self->waitingPushes_ == 0) self->leavesOut_ = false;
       }
       if (handler) handler(workflow, port, value);
     });

@@ -46,6 +46,8 @@ class DaemonClient : public QELNKKORVALClient {
   uint64_t answered_ QELNK_GUARDED_BY(mutex_) = 0;
   std::optional<std::string> refusal_ QELNK_GUARDED_BY(mutex_);
   PushHandler pushHandler_ QELNK_GUARDED_BY(mutex_);
+  size_t waitingPushes_ QELNK_GUARDED_BY(mutex_) = 0;
+  bool leavesOut_ QELNK_GUARDED_BY(mutex_) = false;  // the user has been told
 };
 
 }  // namespace tool

@@ -28,10 +28,33 @@ int writeAll(int fd, std::string_view bytes, Interrupted interrupted) {
   return 0;
 }
 
+constexpr std::string_view boldType = "\033[1m", plainType = "\033[0m";  // equally long
+
 /// Standard error under a number of its own: number 2 may be lent to a child process for the moment of its start.
 int diagnosticsDescriptor() {
   static const int fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
   return fd;
+}
+
+/// What people are shown: of what a peer sent, lines and tabs are kept, and bold type is ours; anything else that a
+/// terminal would obey is not.
+std::string forTerminal(std::string_view text) {
+  std::string shown;
+  shown.reserve(text.size());
+  while (!text.empty()) {
+    const auto c = static_cast<unsigned char>(text[0]);
+    const bool isC1 = c == 0xC2 && text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0) == 0x80;
+    size_t length = isC1 ? 2 : 1;
+    const bool isObeyed = isC1 || c == 0x7F || (c < ' ' && c != '\n' && c != '\t');
+    if (text.starts_with(boldType) || text.starts_with(plainType))
+      shown += text.substr(0, length = boldType.size());
+    else if (isObeyed)
+      shown += "\uFFFD";
+    else
+      shown += text[0];
+    text.remove_prefix(length);
+  }
+  return shown;
 }
 
 // Every push of a daemon brings this line at error level: it looks like a reply to nothing at first.
@@ -39,10 +62,9 @@ constexpr std::string_view pushLine = "QELNKClient got response without matching
 
 }  // namespace
 
-Output::Output(Session &session, bool json) : session_(session), json_(json) {
+Output::Output(Session &session, bool json) : session_(session), json_(json), isTerminal_(isatty(STDOUT_FILENO)) {
   const char *terminal = std::getenv("TERM");
-  colour_ =
-      !json && isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR") && terminal && std::string_view(terminal) != "dumb";
+  colour_ = !json && isTerminal_ && !std::getenv("NO_COLOR") && terminal && std::string_view(terminal) != "dumb";
 }
 
 void Output::event(std::string_view name, Fields fields) {
@@ -52,9 +74,7 @@ void Output::event(std::string_view name, Fields fields) {
 }
 
 void Output::line(std::string_view text) {
-  std::string whole(text);
-  whole += '\n';
-  bytes(whole);
+  bytes((isTerminal_ && !json_ ? forTerminal(text) : std::string(text)) + '\n');
 }
 
 void Output::bytes(std::string_view bytes) {
@@ -64,11 +84,13 @@ void Output::bytes(std::string_view bytes) {
 }
 
 std::string Output::bold(std::string_view text) const {
-  return colour_ ? "\033[1m" + std::string(text) + "\033[0m" : std::string(text);
+  return colour_ ? std::string(boldType) + std::string(text) + std::string(plainType) : std::string(text);
 }
 
 void tell(std::string_view line) {
-  writeAll(diagnosticsDescriptor(), std::string(line) + "\n", [] { return false; });
+  static const bool isTerminal = isatty(STDERR_FILENO);
+  const auto text = isTerminal ? forTerminal(line) : std::string(line);
+  writeAll(diagnosticsDescriptor(), text + "\n", [] { return false; });
 }
 
 void complain(std::string_view text) { tell("qelnk: " + std::string(text)); }

@@ -25,7 +25,7 @@ class Output {
   bool json() const { return json_; }
   /// One JSON object on a line: "event" and the fields, whose values are plain JSON (see notationOf()).
   void event(std::string_view name, Fields fields = {});
-  /// A line of text.
+  /// A line of text. On a terminal without what else one would obey in it.
   void line(std::string_view text);
   /// Bytes as they are.
   void bytes(std::string_view bytes);
@@ -35,6 +35,7 @@ class Output {
  private:
   Session &session_;
   bool json_;
+  bool isTerminal_;
   bool colour_;
 };
 
