@@ -119,7 +119,9 @@ Message QELNKKORVALClient::messageForRequest(Value request, CommandBlock onDone,
 
 // The project.
 
-void QELNKKORVALClient::updateWorkflows() { std::make_shared<Load>(mirror_->opening())->start(*this); }
+void QELNKKORVALClient::updateWorkflows() {
+  std::make_shared<Load>(mirror_->opening(), connectionsEnded())->start(*this);
+}
 
 void QELNKKORVALClient::setProjectRunning(std::string_view command, bool runs, CommandBlock onDone) {
   sendRequest(requestForCommand(command),
@@ -150,23 +152,24 @@ void QELNKKORVALClient::loadProject(const std::string &name, ConnectedBlock onLo
   ConnectedBlock replaced;
   const uint64_t opening = mirror_->beginOpening([&] {
     replaced = takeConnectedBlock();
-    setConnectedBlock(std::move(onLoaded));
+    setConnectedBlock(onLoaded);  // a copy, for one that is not kept must not end here
   });
   replaced = nullptr;
   sendRequest(withData(requestForCommand("openProject"), {{QELNKKORVALName, name}}),
-              [opening, name](const Client &client, const Message &message) {
+              [opening, name, ended = connectionsEnded()](const Client &client, const Message &message) {
                 if (!message->response()) {
                   qelnk::logError("QELNKKORVALClient could not load project {}: {}", name,
                                   message->error().description);
-                  return korval(client).loadingFailed(opening);
+                  return korval(client).loadingFailed(opening, ended);
                 }
                 korval(client).mirror_->opened(opening);
                 korval(client).updateWorkflows();
               });
 }
 
-void QELNKKORVALClient::loadingFailed(uint64_t opening) {
-  if (!mirror_->openingFailed(opening)) return;  // the callback is a later one's
+void QELNKKORVALClient::loadingFailed(uint64_t opening, uint64_t ended) {
+  // The callback is a later opening's, or the next connection's.
+  if (!mirror_->openingFailed(opening) || ended != connectionsEnded()) return;
   takeConnectedBlock();
   releaseConnecting();
 }
@@ -179,7 +182,11 @@ void QELNKKORVALClient::updateProjectState(const Value &description) {
 
 void QELNKKORVALClient::quit() {
   sendRequest(
-      requestForCommand("quit"), [](const Client &client, const Message &) { client->disconnect(); }, true);
+      requestForCommand("quit"),
+      [ended = connectionsEnded()](const Client &client, const Message &) {
+        if (korval(client).connectionsEnded() == ended) client->disconnect();
+      },
+      true);
 }
 
 bool QELNKKORVALClient::running() const { return mirror_->running; }

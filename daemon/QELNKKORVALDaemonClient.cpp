@@ -6,11 +6,20 @@
 std::shared_ptr<QELNKKORVALDaemonClient> QELNKKORVALDaemonClient::create(std::shared_ptr<QELNKContext> context,
                                                                          std::shared_ptr<QELNKOrlinDaemon> daemon) {
   auto client = make<QELNKKORVALDaemonClient>(std::move(context), daemon);
-  if (client && daemon)
-    daemon->whenEnded([weak = std::weak_ptr<QELNKSocket>(client)] {
-      if (const auto ended = weak.lock()) ended->disconnect();
-    });
+  if (client && daemon) client->disconnectWithDaemon();
   return client;
+}
+
+void QELNKKORVALDaemonClient::disconnectWithDaemon() {
+  daemon_->whenEnded([weak = weak_from_this()] {
+    if (const auto ended = weak.lock()) ended->disconnect();
+  });
+}
+
+// Once more: a daemon that has ended before there was a connection would leave this one waiting for it.
+void QELNKKORVALDaemonClient::onConnected() {
+  if (daemon_) disconnectWithDaemon();
+  QELNKKORVALClient::onConnected();
 }
 
 QELNKKORVALDaemonClient::QELNKKORVALDaemonClient(std::shared_ptr<QELNKContext> context,

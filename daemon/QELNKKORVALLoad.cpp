@@ -26,6 +26,7 @@ Message QELNKKORVALClient::Load::ask(Value request, std::string what, Step step)
                              auto &client = static_cast<QELNKKORVALClient &>(*of);
                              if (load->failed_) return;
                              if (!message->response()) return load->fail(client, what, message->error());
+                             if (load->isOver(client)) return load->giveUp(client);
                              // Once another project has been opened its own load brings everything; going
                              // on here would bring it twice.
                              if (client.mirror_->opening() == load->opening_)
@@ -89,6 +90,7 @@ Message QELNKKORVALClient::Load::barrier() {
         auto &client = static_cast<QELNKKORVALClient &>(*of);
         if (load->failed_) return;
         if (message->error()) return load->fail(client, "the workflows", message->error());
+        if (load->isOver(client)) return load->giveUp(client);
         // Where a project is being opened the connected callback is for the load that follows.
         std::optional<ConnectedBlock> due;
         client.mirror_->ifNewest(load->opening_, [&] { due = client.takeConnectedBlock(); });
@@ -97,10 +99,14 @@ Message QELNKKORVALClient::Load::barrier() {
 }
 
 void QELNKKORVALClient::Load::fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error) {
-  failed_ = true;
-  client.mirror_->takeBack(added_);
+  giveUp(client);
   qelnk::logError("QELNKKORVALClient could not load {}: {}", what, error.description);
   bool newest = false;
   client.mirror_->ifNewest(opening_, [&] { newest = true; });
-  if (newest) client.releaseConnecting();
+  if (newest && !isOver(client)) client.releaseConnecting();
+}
+
+void QELNKKORVALClient::Load::giveUp(QELNKKORVALClient &client) {
+  failed_ = true;
+  client.mirror_->takeBack(added_);
 }

@@ -18,8 +18,8 @@
 /// Threads: start() on any thread; the rest runs on the response queue. Its messages own it.
 class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
  public:
-  /// For the project of an opening of the mirror's.
-  explicit Load(uint64_t opening) : opening_(opening) {}
+  /// For the project of an opening of the mirror's; on the connection that there is now, or on the first.
+  Load(uint64_t opening, uint64_t connectionsEnded) : opening_(opening), connectionsEnded_(connectionsEnded) {}
   void start(QELNKKORVALClient &client);
 
  private:
@@ -34,8 +34,11 @@ class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this
   /// Ends this load, with one line on the log however many of its requests fail. What it has added goes, so that the
   /// next one brings everything once.
   void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
+  void giveUp(QELNKKORVALClient &client);
+  /// Whether its connection has ended. The next one has a load of its own.
+  bool isOver(const QELNKKORVALClient &client) const { return client.connectionsEnded() != connectionsEnded_; }
 
-  const uint64_t opening_;
+  const uint64_t opening_, connectionsEnded_;
   bool failed_ = false;
   size_t ports_ = 0;  // of all workflows
   std::vector<Workflow> added_;

@@ -44,7 +44,7 @@ static void tell(const char *what, const Daemon &daemon, size_t running) {
 }
 
 void QELNKOrlinDaemonSpawner::Tracked::ended(const Daemon &daemon, const qelnk::Process &process) {
-  const qelnk::Lock order(changing);
+  qelnk::Lock order(changing);
   qelnk::Lock lock(mutex);
   std::erase(daemons, daemon);
   const size_t running = daemons.size();
@@ -54,6 +54,7 @@ void QELNKOrlinDaemonSpawner::Tracked::ended(const Daemon &daemon, const qelnk::
     qelnk::logError("QELNKOrlinDaemonSpawner: {} ended {} {}", daemon->description(),
                     status->signalled ? "by signal" : "with exit code", status->code);
   if (running == 0) emptied.notifyAll();
+  order.unlock();  // with what is told now a client may go, and with it anything of the host's
   daemon->noteEnd();
 }
 

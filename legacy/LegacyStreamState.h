@@ -201,7 +201,10 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   class ReadPass {
    public:
     explicit ReadPass(QELNKLegacyStream &stream) : source_(stream), outer_(std::exchange(current, this)) {}
-    ~ReadPass() { current = outer_; }
+    ~ReadPass() {
+      current = outer_;
+      letGo();
+    }
     ReadPass(const ReadPass &) = delete;
     ReadPass &operator=(const ReadPass &) = delete;
 
@@ -215,16 +218,16 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
       }
       return stream_;
     }
-    /// The delegate. It is let go of as soon as nobody else holds it, and now and then in any case: it may have several
-    /// streams, whose passes would keep it for each other.
+    /// The delegate, held from one call to the next only while the host does so, too. Passes on several threads may
+    /// hold it for several of its streams, and must not keep it for each other.
     const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
-      if (const uint64_t version = source_.state_->delegateVersion;
-          version != version_ || delegate_.use_count() < 2 || --callsLeft_ == 0) {
-        delegate_.reset();
-        delegate_ = source_.delegate();
-        version_ = version;
-        callsLeft_ = callsAtOnce;
-      }
+      const uint64_t version = source_.state_->delegateVersion;
+      if (version == version_ && delegate_.use_count() > delegatesHeld) return delegate_;
+      letGo();
+      if (version != version_) weakly_ = source_.state_->locked(&State::delegate);
+      version_ = version;
+      delegate_ = weakly_.lock();
+      if (delegate_) ++delegatesHeld;
       return delegate_;
     }
 
@@ -232,10 +235,14 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     static constinit thread_local ReadPass *current;
     QELNKLegacyStream &source_;
     std::shared_ptr<QELNKLegacyStream> stream_;
-    static constexpr int callsAtOnce = 32;
+    void letGo() {
+      const auto delegate = std::move(delegate_);  // which may end here
+      if (delegate) --delegatesHeld;
+    }
+    static inline std::atomic<long> delegatesHeld{0};  // by all passes of the process
+    std::weak_ptr<QELNKLegacyStreamDelegate> weakly_;
     std::shared_ptr<QELNKLegacyStreamDelegate> delegate_;
     uint64_t version_ = 0;
-    int callsLeft_ = 1;
     ReadPass *const outer_;
 
    public:

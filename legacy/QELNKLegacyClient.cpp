@@ -161,10 +161,7 @@ void QELNKLegacyClient::cleanUp() {
     const qelnk::Lock lock(clientState_->mutex);
     service.swap(clientState_->netService);
   }
-  if (service) {
-    service->setDelegate({});
-    service->stop();
-  }
+  if (service) service->stopFor(weak_from_this());  // it may be the next client's by now
   const qelnk::Lock lock(clientState_->mutex);
   clientState_->host.clear();
   clientState_->name.clear();
@@ -518,10 +515,7 @@ void QELNKLegacyClient::setNetService(std::shared_ptr<NetService> netService) {
 
 void QELNKLegacyClient::takeNetService(std::shared_ptr<NetService> netService) {
   const auto before = clientState_->get(&ClientState::netService);
-  if (before && before != netService) {
-    before->setDelegate({});
-    before->stop();
-  }
+  if (before && before != netService) before->stopFor(weak_from_this());
   {
     const qelnk::Lock lock(clientState_->mutex);
     clientState_->netService = netService;

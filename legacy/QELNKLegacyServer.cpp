@@ -175,14 +175,15 @@ template <class Write>
 void QELNKLegacyServer::writeToAll(Write write) {
   Streams terminated;  // goes after the lock
   const qelnk::Lock lock(state_->mutex);
+  // Also where one cannot be written to for want of memory.
+  const std::shared_ptr<void> afterwards(nullptr, [&](void *) QELNK_REQUIRES(state_->mutex) {
+    if (state_->terminatedStreams) terminated.swap(*state_->terminatedStreams);
+    state_->terminatedStreams.reset();
+    for (const auto &stream : terminated) std::erase(state_->streams, stream);
+  });
   state_->terminatedStreams.emplace();
-  {
-    const QELNKLegacyStream::State::FlushesTogether flushes;
-    for (const auto &stream : state_->streams) write(*stream);
-  }
-  if (state_->terminatedStreams) terminated.swap(*state_->terminatedStreams);
-  state_->terminatedStreams.reset();
-  for (const auto &stream : terminated) std::erase(state_->streams, stream);
+  const QELNKLegacyStream::State::FlushesTogether flushes;
+  for (const auto &stream : state_->streams) write(*stream);
 }
 
 void QELNKLegacyServer::writeBytes(const void *bytes, size_t length, bool appendingZeroTerminator) {

@@ -35,7 +35,8 @@ std::shared_ptr<QELNKLegacyStreamThread> QELNKLegacyStreamThread::multiThreaded(
 
 void QELNKLegacyStreamThread::thread(const std::stop_token &token) {
   const auto loop = RunLoop::current();
-  while (!token.stop_requested()) loop->run();
+  // Not run(): what stops that may be meant for one of a delegate's, inside a task.
+  while (!token.stop_requested()) loop->runOnce(std::chrono::nanoseconds::max());
 }
 
 void QELNKLegacyStreamThread::scheduleStream(const std::shared_ptr<ByteStream> &stream) {

@@ -4,6 +4,8 @@
 
 #include "platform/Guard.h"
 
+#include <chrono>
+
 struct QELNKSocket::IOThread::Shared {
   qelnk::Mutex mutex;
   bool ended QELNK_GUARDED_BY(mutex) = false;  // the thread does not use the endpoint any longer
@@ -43,6 +45,9 @@ void QELNKSocket::IOThread::run(Shared &shared, QELNKSocket *endpoint) {
 
 bool QELNKSocket::IOThread::join(bool waitsForNobody) {
   if (current.isIOThread && !waitsForNobody) return false;
+  // What the thread waits for may wait for the calling one: its appointments are kept meanwhile.
+  while (!thread_.isCurrent() && !thread_.endsWithin(std::chrono::seconds(1))) {
+  }
   thread_.join();
   return true;
 }

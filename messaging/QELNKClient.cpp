@@ -107,6 +107,7 @@ void QELNKClient::endWithoutThread() {
   {
     const qelnk::Lock lock(state_->mutex);
     state_->phase = State::Phase::ended;
+    ++state_->connectionsEnded;
     orders.swap(state_->inbox);
     connected = state_->connected;
   }
@@ -286,6 +287,7 @@ void QELNKClient::setSyncRequests(bool sync) { state_->syncRequests = sync; }
 bool QELNKClient::executing() const { return state_->executing; }
 void QELNKClient::setExecuting(bool executing) { state_->executing = executing; }
 size_t QELNKClient::pendingMessages() const { return state_->pending; }
+uint64_t QELNKClient::connectionsEnded() const { return state_->connectionsEnded; }
 
 std::string QELNKClient::host() const {
   const qelnk::Lock lock(state_->mutex);

@@ -78,8 +78,8 @@ bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() =
 bool QELNKSocket::isCancelled() const { return IOThread::isCurrentCancelled(); }
 
 void QELNKSocket::disconnect() {
-  if (hasThread())
-    thread()->cancel();
+  if (const auto thread = this->thread(); thread && !thread->isFinished())
+    thread->cancel();
   else if (socketWithoutThread())  // not that of a thread just starting
     closeSocket();
 }

@@ -255,4 +255,13 @@ void NetService::stop() {
   state_->stopResolving();
 }
 
+void NetService::stopFor(const std::weak_ptr<const void> &delegate) {
+  {
+    const Lock lock(state_->mutex);
+    if (state_->delegate.owner_before(delegate) || delegate.owner_before(state_->delegate)) return;
+    state_->delegate.reset();
+  }
+  stop();
+}
+
 }  // namespace qelnk

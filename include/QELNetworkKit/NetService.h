@@ -94,6 +94,8 @@ class QELNK_EXPORT NetService : public std::enable_shared_from_this<NetService> 
 
   /// Ends both. On the thread that began them the delegate is not called after this.
   void stop();
+  /// The same, and takes the delegate away, where that is still this object. It may have no other owner any more.
+  void stopFor(const std::weak_ptr<const void> &delegate);
 
   /// The record's wire form: strings behind their lengths. What is set is announced at once when the service is
   /// published; what cannot be read as a record is left out.

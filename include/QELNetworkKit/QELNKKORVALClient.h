@@ -100,8 +100,9 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   /// Sends true to a trig port, true and then false to a bool port, nothing to any other.
   void triggerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::string_view portName);
 
-  /// Has the daemon push the values of output ports, and `onUpdate` called for each push. Input ports and unknown names
-  /// are skipped. The port keeps `onUpdate` until it is unregistered: one that holds the client keeps it alive.
+  /// Has the daemon push the values of output ports, and `onUpdate` called for each push; where 65,536 calls wait for
+  /// the response queue, once for several pushes of a port. Input ports and unknown names are skipped. The port keeps
+  /// `onUpdate` until it is unregistered: one that holds the client keeps it alive.
   void registerWorkflow(const std::shared_ptr<QELNKOrlinWorkflow> &workflow, std::vector<std::string> updatesForPorts,
                         UpdateBlock onUpdate);
   /// Ends the pushes of these output ports, and lets go of their callbacks at once.
@@ -136,7 +137,7 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
   void releaseConnecting();
   void takePush(const qelnk::Value &data);
   void setProjectRunning(std::string_view command, bool runs, CommandBlock onDone);
-  void loadingFailed(uint64_t opening);
+  void loadingFailed(uint64_t opening, uint64_t ended);
   std::shared_ptr<QELNKMessage> setWorkflowExecuting(std::string_view command,
                                                      const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
                                                      bool executes);

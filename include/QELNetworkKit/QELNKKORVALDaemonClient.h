@@ -30,6 +30,9 @@ class QELNK_EXPORT QELNKKORVALDaemonClient : public QELNKKORVALClient {
   QELNKKORVALDaemonClient(std::shared_ptr<QELNKContext> context, std::shared_ptr<QELNKOrlinDaemon> daemon);
   friend class QELNKSocket;
 
+  void onConnected() override;
+
  private:
+  void disconnectWithDaemon();
   std::shared_ptr<QELNKOrlinDaemon> daemon_;
 };

@@ -46,7 +46,7 @@ class QELNK_EXPORT QELNKLegacyStreamThread {
 
   /// Ends the thread after what it was given before, and waits for its end, "Shutdown communication" on the log for
   /// every 100 ms of it. Returns at once for the shared thread, which goes on, and on the thread itself, which ends
-  /// with the task under way.
+  /// with the turn of its loop that is under way.
   void cancel();
 
   /// The loop that it turns.

@@ -2,12 +2,14 @@
 #include <QELNetworkKit/QELNKKORVALClient.h>
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
+#include <QELNetworkKit/ZMQContext.h>
 #include <QELNetworkKit/ZMQSocket.h>
 #include <gtest/gtest.h>
 #include <zmq.h>
 
 #include <atomic>
 #include <future>
+#include <thread>
 
 #include "daemon/FakeDaemon.h"
 #include "support/TestSupport.h"
@@ -293,6 +295,36 @@ TEST(KORVALLoad, RefusesMoreWorkflowsOrPortsThanAnybodyHas) {
     EXPECT_FALSE(connected);
     client->disconnect();
   }
+}
+
+// The callbacks of a connection that has ended may be called when there is the next one.
+TEST(KORVALLoad, IsNotDisturbedByWhatIsLeftOfTheConnectionBefore) {
+  const CapturedLog log;
+  FakeDaemon daemon(exampleWorkflows());
+  const auto client = QELNKKORVALClient::create(
+      std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), Queue::main(), Queue::main()));
+  int connected = 0;
+  const auto connect = [&] { client->connectToHost("127.0.0.1", daemon.port(), [&](auto &) { ++connected; }); };
+  connect();
+  ASSERT_TRUE(eventually([&] { return connected == 1; }));
+  daemon.setScript([](const Value &request, std::vector<Value> answers) {
+    return request["command"] == Value("openProject") ? std::vector<Value>() : answers;
+  });
+  client->loadProject("other", [](auto &) { ADD_FAILURE(); });
+  client->disconnect();
+  connect();
+  EXPECT_TRUE(eventually([&] { return connected == 2; }));
+  EXPECT_TRUE(log.contains("could not load project other: Client disconnected"));
+
+  client->quit();
+  while (client->pendingMessages() > 0) std::this_thread::sleep_for(1ms);  // its callback waits here meanwhile
+  client->disconnect();
+  connect();
+  EXPECT_TRUE(eventually([&] { return connected == 3; }));
+  bool answered = false;
+  client->sendRequest(client->requestForCommand("getProject"),
+                      [&](auto &, auto &message) { answered = message->response().has_value(); });
+  EXPECT_TRUE(eventually([&] { return answered; }));
 }
 
 TEST(KORVALLoad, IsNotStoppedByNonsense) {

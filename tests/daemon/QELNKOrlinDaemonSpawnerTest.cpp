@@ -249,6 +249,19 @@ TEST(KORVALDaemonClient, EndsWithItsDaemon) {
   EXPECT_TRUE(eventually([&] { return log.count("ended with exit code 3") == 2; }));
 }
 
+TEST(KORVALDaemonClient, OfADaemonThatHasEndedBeforeItConnectsEnds) {
+  const CapturedLog quiet(LogLevel::off);
+  const int32_t port = FakeDaemon().port();
+  const Bundle dying("exit 3");
+  QELNKOrlinDaemonSpawner spawner(dying.path().string(), port);
+  const auto daemon = spawner.spawnDaemonWithProject(dying.project().string(), {});
+  const auto client = QELNKKORVALDaemonClient::create(QELNKContext::contextWithBackgroundQueue(), daemon);
+  ASSERT_TRUE(eventually([&] { return spawner.runningDaemons() == 0; }));
+  client->setSyncRequests(true);
+  client->connectToHost("localhost", port, [](auto &) { ADD_FAILURE(); });
+  EXPECT_TRUE(eventually([&] { return client->pendingMessages() == 0 && !client->socket(); }));
+}
+
 TEST(KORVALDaemonClient, QuitsADaemonThatDoesNotListenYet) {
   const CapturedLog quiet(LogLevel::off);
   const int32_t port = FakeDaemon().port();

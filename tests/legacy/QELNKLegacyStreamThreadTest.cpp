@@ -55,6 +55,21 @@ TEST(LegacyStreamThread, TellsHowLongItsEndTakes) {
   EXPECT_TRUE(ended);
 }
 
+// A task may turn the loop itself, and what is to end the thread stops that first.
+TEST(LegacyStreamThread, EndsOutOfANestedRun) {
+  const auto thread = QELNKLegacyStreamThread::multiThreaded();
+  std::promise<void> begun;
+  thread->performSelectorOnTarget(
+      [&] {
+        begun.set_value();
+        RunLoop::current()->run();
+      },
+      false);
+  begun.get_future().wait();
+  thread->cancel();
+  EXPECT_FALSE(thread->performSelectorOnTarget([] {}, false));
+}
+
 // Each of two threads closes a stream of the other's, and both wait for the main thread, which closes one of theirs.
 TEST(LegacyStreamThread, ThreadsCloseEachOthersStreams) {
   for (int round = 0; round < 100; ++round) {

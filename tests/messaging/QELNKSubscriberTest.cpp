@@ -262,6 +262,25 @@ TEST(QELNKSubscriber, DisconnectWaitsForWhatHasBeenReceived) {
 }
 
 // Who breaks the contract is told, is not made to wait, and is called no more either.
+TEST(QELNKSubscriber, DisconnectServesACallbackThatWaitsForTheMainThread) {
+  PublishingPeer publisher;
+  const auto subscriber = QELNKSubscriber::create(background());
+  std::promise<void> calling;
+  bool served = false;
+  subscriber->setMessageBody(QELNKMessageBodyString);
+  subscriber->setMessageBlock([&](auto &, auto &) {
+    calling.set_value();
+    std::this_thread::sleep_for(100ms);
+    RunLoop::main()->performAndWait([&] { served = true; });
+  });
+  subscriber->connectToHost("127.0.0.1", publisher.port(), nullptr);
+  ASSERT_TRUE(eventually([&] { return publisher.subscriptions == 1; }));
+  publisher.publish({"one"});
+  calling.get_future().wait();
+  subscriber->disconnect();
+  EXPECT_TRUE(served);
+}
+
 TEST(QELNKSubscriber, DisconnectedOnItsResponseQueueDoesNotWait) {
   CapturedLog log;
   const auto clock = std::make_shared<ManualClock>();
