@@ -3,11 +3,13 @@
 import base64
 import hashlib
 import json
+import os
 import random
 import re
 import signal
 import socket
 import struct
+import subprocess
 import threading
 import time
 import unittest
@@ -151,6 +153,26 @@ class LegacyTest(ToolTest):
 
 
 class Listen(LegacyTest):
+    def test_a_terminal_obeys_no_peer(self):
+        terminal, end = os.openpty()
+        self.addCleanup(os.close, terminal)
+        process = subprocess.Popen([BIN / "qelnk", "legacy", "listen"], stdin=subprocess.DEVNULL, stdout=end)
+        os.close(end)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        shown = b""
+
+        def read_up_to(text):
+            nonlocal shown
+            while text not in shown:
+                shown += os.read(terminal, 4096)
+
+        read_up_to(b"\n")
+        peer = self.client(int(shown.split()[-1]))
+        peer.send(b"title \x1b]0;x\x07 \xc2\x9b1m\ttwo\nlines \xc3\xa4\0last\0")
+        read_up_to(b"last\r\n")
+        self.assertIn("title \ufffd]0;x\ufffd \ufffd1m\ttwo\r\nlines \u00e4\r\nlast", shown.decode())
+
     def test_bytes(self):
         for options, app in (("playout", rb"com\.kestrova\.playout"), ("ingest", rb"com\.kestrova\.ingest")):
             for host, address in (("127.0.0.1", "127.0.0.1"), ("::1", "::1")):
