@@ -156,8 +156,9 @@ class Listen(LegacyTest):
     def test_a_terminal_obeys_no_peer(self):
         terminal, end = os.openpty()
         self.addCleanup(os.close, terminal)
-        process = subprocess.Popen([BIN / "qelnk", "legacy", "listen"], stdin=subprocess.DEVNULL, stdout=end)
+        process = subprocess.Popen([BIN / "qelnk", "legacy", "listen"], stdin=subprocess.PIPE, stdout=end)
         os.close(end)
+        self.addCleanup(process.stdin.close)
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         shown = b""
