@@ -222,13 +222,17 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     /// hold it for several of its streams, and must not keep it for each other.
     const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
       const uint64_t version = source_.state_->delegateVersion;
-      if (version == version_ && delegate_.use_count() > delegatesHeld) return delegate_;
+      if (version == version_ && delegate_) return delegate_;
       letGo();
       if (version != version_) weakly_ = source_.state_->locked(&State::delegate);
       version_ = version;
       delegate_ = weakly_.lock();
       if (delegate_) ++delegatesHeld;
       return delegate_;
+    }
+    /// Behind each call.
+    void letGoUnlessShared() {
+      if (delegate_.use_count() <= delegatesHeld) letGo();
     }
 
    private:
@@ -257,6 +261,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
       if (auto *pass = ReadPass::of(stream); pass && !pass->isCalling) {
         pass->isCalling = true;
         make(pass->stream(), pass->delegate(), call, arguments...);
+        pass->letGoUnlessShared();
         pass->isCalling = false;
         return;
       }
