@@ -120,7 +120,7 @@ Message QELNKKORVALClient::messageForRequest(Value request, CommandBlock onDone,
 // The project.
 
 void QELNKKORVALClient::updateWorkflows() {
-  std::make_shared<Load>(mirror_->opening(), connectionsEnded())->start(*this);
+  std::make_shared<Load>(mirror_->opening(), connectionChanges())->start(*this);
 }
 
 void QELNKKORVALClient::setProjectRunning(std::string_view command, bool runs, CommandBlock onDone) {
@@ -156,7 +156,7 @@ void QELNKKORVALClient::loadProject(const std::string &name, ConnectedBlock onLo
   });
   replaced = nullptr;
   sendRequest(withData(requestForCommand("openProject"), {{QELNKKORVALName, name}}),
-              [opening, name, ended = connectionsEnded()](const Client &client, const Message &message) {
+              [opening, name, ended = connectionChanges()](const Client &client, const Message &message) {
                 if (!message->response()) {
                   qelnk::logError("QELNKKORVALClient could not load project {}: {}", name,
                                   message->error().description);
@@ -169,7 +169,7 @@ void QELNKKORVALClient::loadProject(const std::string &name, ConnectedBlock onLo
 
 void QELNKKORVALClient::loadingFailed(uint64_t opening, uint64_t ended) {
   // The callback is a later opening's, or the next connection's.
-  if (!mirror_->openingFailed(opening) || ended != connectionsEnded()) return;
+  if (!mirror_->openingFailed(opening) || ended != connectionChanges()) return;
   takeConnectedBlock();
   releaseConnecting();
 }
@@ -183,8 +183,8 @@ void QELNKKORVALClient::updateProjectState(const Value &description) {
 void QELNKKORVALClient::quit() {
   sendRequest(
       requestForCommand("quit"),
-      [ended = connectionsEnded()](const Client &client, const Message &) {
-        if (korval(client).connectionsEnded() == ended) client->disconnect();
+      [ended = connectionChanges()](const Client &client, const Message &) {
+        if (korval(client).connectionChanges() == ended) client->disconnect();
       },
       true);
 }

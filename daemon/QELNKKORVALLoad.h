@@ -19,7 +19,7 @@
 class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
  public:
   /// For the project of an opening of the mirror's; on the connection that there is now, or on the first.
-  Load(uint64_t opening, uint64_t connectionsEnded) : opening_(opening), connectionsEnded_(connectionsEnded) {}
+  Load(uint64_t opening, uint64_t connectionChanges) : opening_(opening), connectionChanges_(connectionChanges) {}
   void start(QELNKKORVALClient &client);
 
  private:
@@ -36,9 +36,9 @@ class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this
   void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
   void giveUp(QELNKKORVALClient &client);
   /// Whether its connection has ended. The next one has a load of its own.
-  bool isOver(const QELNKKORVALClient &client) const { return client.connectionsEnded() != connectionsEnded_; }
+  bool isOver(const QELNKKORVALClient &client) const { return client.connectionChanges() != connectionChanges_; }
 
-  const uint64_t opening_, connectionsEnded_;
+  const uint64_t opening_, connectionChanges_;
   bool failed_ = false;
   size_t ports_ = 0;  // of all workflows
   std::vector<Workflow> added_;

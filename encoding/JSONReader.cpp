@@ -94,9 +94,9 @@ class TreeCopier {
   detail::SmallStack<Open, 16> open_;
 };
 
-// One parser a thread, for its buffers, which take about four times the text. One that has grown is kept while it is
-// of use, for the system takes as long to provide new buffers as the text takes to read; and not for ever, as a
-// thread's only large text may have been its first.
+// One parser a thread, for its buffers, which may take fifteen times the largest text that it has read. One that has
+// grown is kept, for the system takes as long to provide new buffers as the text takes to read, until many small texts
+// in a row have shown that it is of no use any more.
 class ParserUse {
  public:
   ParserUse() {
@@ -117,7 +117,7 @@ class ParserUse {
   }
 
  private:
-  static constexpr size_t smallParser = 256 << 10, largestKept = 4 << 20;  // bytes of text
+  static constexpr size_t smallParser = 256 << 10, largestKept = 2 << 20;  // bytes of text
   static constexpr unsigned mostIdleUses = 16;
   struct Kept {
     std::unique_ptr<simdjson::dom::parser> parser;

@@ -222,7 +222,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     /// hold it for several of its streams, and must not keep it for each other.
     const std::shared_ptr<QELNKLegacyStreamDelegate> &delegate() {
       const uint64_t version = source_.state_->delegateVersion;
-      if (version == version_ && delegate_) return delegate_;
+      if (version == version_ && delegate_.use_count() > delegatesHeld) return delegate_;
       letGo();
       if (version != version_) weakly_ = source_.state_->locked(&State::delegate);
       version_ = version;

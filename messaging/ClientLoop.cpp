@@ -326,7 +326,7 @@ void QELNKClient::Loop::end() {
     if (!state_.inbox.empty()) continue;
     ended = true;
     state_.phase = State::Phase::ended;
-    ++state_.connectionsEnded;
+    ++state_.connectionChanges;
     state_.runLoop.reset();
     connected = state_.connected;
   }

@@ -44,6 +44,7 @@ void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock o
     const qelnk::Lock lock(state_->mutex);
     refused = state_->phase != State::Phase::idle && state_->phase != State::Phase::ended;
     if (!refused) {
+      if (state_->phase == State::Phase::ended) ++state_->connectionChanges;
       state_->phase = State::Phase::running;
       state_->host = host;
       state_->port = port;
@@ -107,7 +108,7 @@ void QELNKClient::endWithoutThread() {
   {
     const qelnk::Lock lock(state_->mutex);
     state_->phase = State::Phase::ended;
-    ++state_->connectionsEnded;
+    ++state_->connectionChanges;
     orders.swap(state_->inbox);
     connected = state_->connected;
   }
@@ -287,7 +288,7 @@ void QELNKClient::setSyncRequests(bool sync) { state_->syncRequests = sync; }
 bool QELNKClient::executing() const { return state_->executing; }
 void QELNKClient::setExecuting(bool executing) { state_->executing = executing; }
 size_t QELNKClient::pendingMessages() const { return state_->pending; }
-uint64_t QELNKClient::connectionsEnded() const { return state_->connectionsEnded; }
+uint64_t QELNKClient::connectionChanges() const { return state_->connectionChanges; }
 
 std::string QELNKClient::host() const {
   const qelnk::Lock lock(state_->mutex);

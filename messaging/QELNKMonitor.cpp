@@ -36,7 +36,8 @@ constexpr struct {
 }  // namespace
 
 struct QELNK_HIDDEN QELNKMonitor::State {
-  qelnk::Mutex connecting;  // one connectToSocket() at a time
+  // One connectToSocket() at a time, but for one that is made by who waits for the calling thread while that waits.
+  qelnk::RecursiveMutex connecting;
 
   qelnk::Mutex mutex;
   qelnk::Condition changed;
@@ -74,6 +75,7 @@ void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, u
   const qelnk::Lock lock(state_->connecting);
   disconnect();
   joinThread(true);
+  if (hasThread()) return logError("QELNKMonitor was connected again meanwhile");
   if (!socket || socket->endPoint().empty())
     return logError("QELNKMonitor cannot connect to a socket without an end-point");
   if (socket->context() != context()) return logError("QELNKMonitor cannot connect to a socket of another context");

@@ -24,7 +24,8 @@ struct QELNK_HIDDEN QELNKServer::State {
   qelnk::Mutex mutex;
   std::optional<Value> fallback QELNK_GUARDED_BY(mutex);
 
-  qelnk::Mutex binding;  // one bindToPort() at a time
+  // One bindToPort() at a time, but for one that is made by who waits for the calling thread while that waits.
+  qelnk::RecursiveMutex binding;
   std::atomic<bool> stopping{false}, silent{false};
   std::atomic<int32_t> port{0};
   // What is handed to the io thread at its start, and its own then.
@@ -58,6 +59,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
   if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
   QELNKSocket::disconnect();
   if (!joinThread()) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
+  if (hasThread()) return refuse(EISCONN, "it has been bound meanwhile");
   setMessageBlock(std::move(messageReceived));
   state_->stopping = state_->silent = false;
   state_->wantedPort = port;

@@ -62,6 +62,7 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   state_->abandoned = true;  // this may be the thread that the last line is to be written on
   QELNKSocket::disconnect();
   if (!joinThread()) return refuse("its last thread cannot be waited for on an io thread");
+  if (hasThread()) return refuse("it has been connected meanwhile");
   setConnectedBlock(std::move(onConnected));
   state_->deliveries.clear();  // of the last connection
   ++state_->connection;

@@ -38,7 +38,8 @@ struct QELNK_HIDDEN QELNKSubscriber::State {
   int32_t port QELNK_GUARDED_BY(mutex) = 0;
   PendingLimit limit QELNK_GUARDED_BY(mutex);
 
-  qelnk::Mutex connecting;              // one connectToHost() at a time
+  // One connectToHost() at a time, but for one that is made by who waits for the calling thread while that waits.
+  qelnk::RecursiveMutex connecting;
   std::atomic<uint64_t> connection{0};  // its number
   std::atomic<bool> stopping{false};    // the connection is to end, or has ended
   std::atomic<bool> abandoned{false};   // nobody waits for the io thread's last line

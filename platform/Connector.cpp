@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 namespace qelnk {
@@ -109,6 +110,16 @@ std::error_code Connector::begin(const std::string &address) {
   return error;
 }
 
+/// Who tries a port of this machine again and again may get that very port for its own end, and is connected to itself:
+/// nobody listens there, and nobody could while that lasts.
+static bool isItsOwnPeer(int socket) {
+  sockaddr_storage own{}, peer{};
+  socklen_t ownSize = sizeof own, peerSize = sizeof peer;
+  return getsockname(socket, reinterpret_cast<sockaddr *>(&own), &ownSize) == 0 &&
+         getpeername(socket, reinterpret_cast<sockaddr *>(&peer), &peerSize) == 0 && ownSize == peerSize &&
+         std::memcmp(&own, &peer, ownSize) == 0;
+}
+
 void Connector::answered(int socket) {
   {
     const Lock lock(mutex_);
@@ -121,7 +132,8 @@ void Connector::answered(int socket) {
   int number = 0;
   socklen_t size = sizeof number;
   if (getsockopt(socket, SOL_SOCKET, SO_ERROR, &number, &size) < 0) number = errno;
-  if (number == 0) return finish(socket, {});
+  if (number == 0 && !isItsOwnPeer(socket)) return finish(socket, {});
+  if (number == 0) number = ECONNREFUSED;
   close(socket);
   {
     const Lock lock(mutex_);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/Guard.h"
 #include "platform/LogFormat.h"
 #include "platform/RunLoopThread.h"
 #include "platform/SocketAddress.h"
@@ -163,7 +164,7 @@ class DiscoveryDaemon::Connection {
     if (std::exchange(running_, true)) return;
     if (std::exchange(missing_, std::nullopt)) logDefault("The service discovery daemon is there");
     retry_ = firstRetry;
-    for (const auto &activity : activities_) activity->begin(client_);
+    for (const auto &activity : activities_) runGuarded("Service discovery", [&] { activity->begin(client_); });
   }
 
   void endActivities() {

@@ -12,6 +12,7 @@
 #include "platform/HostQuery.h"
 #include "platform/LogFormat.h"
 #include "platform/RunLoopThread.h"
+#include "platform/Simdjson.h"
 #include "platform/SocketAddress.h"
 
 namespace qelnk {
@@ -45,10 +46,12 @@ Answer ask(const std::string &host, uint16_t port, int flags) {
   return answer;
 }
 
+/// Whether the service discovery daemon is to be asked. What is not UTF-8 its library would end the process for.
 bool isLocalName(std::string_view host) {
   constexpr std::string_view ending = ".local";
   if (host.ends_with('.')) host.remove_suffix(1);
-  return host.size() > ending.size() && equalIgnoringCase(host.substr(host.size() - ending.size()), ending);
+  return host.size() > ending.size() && equalIgnoringCase(host.substr(host.size() - ending.size()), ending) &&
+         validateUTF8(host);
 }
 
 class Lookup final : public HostLookup, public std::enable_shared_from_this<Lookup> {

@@ -34,9 +34,17 @@ void logError(fmt::format_string<Arguments...> format, Arguments &&...arguments)
 /// What a peer or a user wrote, for a line of the log: the first of it, of which nothing ends the line or means
 /// something to a terminal.
 inline std::string printable(std::string_view text, size_t longest = 1024) {
-  std::string line(text.substr(0, longest));
-  std::replace_if(
-      line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }, '?');
+  const auto isContinuation = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
+  size_t length = std::min(text.size(), longest);
+  while (length > 0 && length < text.size() && isContinuation(text[length])) --length;  // no half of a character
+  std::string line(text.substr(0, length));
+  for (size_t i = 0; i < line.size(); ++i) {
+    const auto c = static_cast<unsigned char>(line[i]);
+    if (c < ' ' || c == 0x7F) line[i] = '?';
+    // The control characters behind ASCII, two bytes each.
+    if (c == 0xC2 && i + 1 < line.size() && (static_cast<unsigned char>(line[i + 1]) & 0xE0) == 0x80)
+      line.replace(i, 2, "?");
+  }
   return line;
 }
 

@@ -27,11 +27,20 @@ struct Pipe {
   const size_t capacity;
   Mutex mutex;
   std::vector<uint8_t> bytes QELNK_GUARDED_BY(mutex);
+  size_t taken QELNK_GUARDED_BY(mutex) = 0;      // of them, at the beginning
   bool ended QELNK_GUARDED_BY(mutex) = false;    // the writer has closed
   bool refused QELNK_GUARDED_BY(mutex) = false;  // the reader has closed
   std::weak_ptr<MemoryInput> input QELNK_GUARDED_BY(mutex);
   std::weak_ptr<MemoryOutput> output QELNK_GUARDED_BY(mutex);
 
+  size_t size() const QELNK_REQUIRES(mutex) { return bytes.size() - taken; }
+  /// Now and then what was taken goes: moving the rest at each would cost its square.
+  void take(size_t count) QELNK_REQUIRES(mutex) {
+    taken += count;
+    if (taken < bytes.size() / 2) return;
+    bytes.erase(bytes.begin(), bytes.begin() + ptrdiff_t(taken));
+    taken = 0;
+  }
   void setInput(const std::shared_ptr<MemoryInput> &end) {
     const Lock lock(mutex);
     input = end;
@@ -54,8 +63,15 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
     target_.swap(next);
   }
   void schedule(const std::shared_ptr<RunLoop> &loop) final {
-    const Lock lock(mutex_);
-    loop_ = loop;
+    {
+      const Lock lock(mutex_);
+      loop_ = loop;
+      posted_ = 0;
+      if (!asked_ || !loop) return;
+      if (!open_) postLocked(StreamEvent::opened);
+      if (error_) postLocked(StreamEvent::error);
+    }
+    postState();
   }
   void unschedule() final { schedule(nullptr); }
   std::error_code error() const final {
@@ -76,12 +92,17 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   }
 
  protected:
+  /// Posts what the pipe has to tell now.
+  virtual void postState() QELNK_EXCLUDES(mutex_) = 0;
   /// From here on there are events, "opened" before any other: the peer's thread may post one at once, and nothing can
   /// be read before.
   void ask() {
-    const Lock lock(mutex_);
-    asked_ = true;
-    postLocked(StreamEvent::opened);
+    {
+      const Lock lock(mutex_);
+      asked_ = true;
+      postLocked(StreamEvent::opened);
+    }
+    postState();
   }
   bool isOpen() const {
     const Lock lock(mutex_);
@@ -110,8 +131,8 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   void tell(StreamEvent event) QELNK_EXCLUDES(mutex_) {
     Lock lock(mutex_);
     posted_ &= ~(1u << unsigned(event));
-    if (closed_ || !loop_ || told_) return;
-    if (event == StreamEvent::opened) open_ = true;
+    if (closed_ || !loop_ || !loop_->isCurrent() || told_) return;  // it may be on an earlier loop
+    if (event == StreamEvent::opened && std::exchange(open_, true)) return;
     told_ = event == StreamEvent::error || event == StreamEvent::end;
     const auto target = target_;
     lock.unlock();
@@ -134,6 +155,9 @@ class MemoryOutput final : public MemoryStream<OutputStream, MemoryOutput> {
   void open() override;
   void close() override;
   ssize_t write(std::span<const uint8_t> bytes) override;
+
+ private:
+  void postState() override;
 };
 
 class MemoryInput final : public MemoryStream<InputStream, MemoryInput> {
@@ -144,11 +168,18 @@ class MemoryInput final : public MemoryStream<InputStream, MemoryInput> {
   void close() override;
   bool hasBytesAvailable() override;
   ssize_t read(std::span<uint8_t> room) override;
+
+ private:
+  void postState() override;
 };
 
-void MemoryOutput::open() {
-  ask();
-  post(StreamEvent::spaceAvailable);
+void MemoryOutput::open() { ask(); }
+
+void MemoryOutput::postState() {
+  Lock lock(pipe_->mutex);
+  const bool hasRoom = pipe_->size() < pipe_->capacity || pipe_->refused;
+  lock.unlock();
+  if (hasRoom) post(StreamEvent::spaceAvailable);
 }
 
 void MemoryOutput::close() {
@@ -156,7 +187,7 @@ void MemoryOutput::close() {
   Lock lock(pipe_->mutex);
   pipe_->ended = true;
   const auto input = pipe_->input.lock();
-  const bool drained = pipe_->bytes.empty();
+  const bool drained = pipe_->size() == 0;
   lock.unlock();
   if (input && drained) input->post(StreamEvent::end);
 }
@@ -169,9 +200,9 @@ ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
     fail(brokenPipe());
     return -1;
   }
-  const size_t count = std::min(bytes.size(), pipe_->capacity - pipe_->bytes.size());
+  const size_t count = std::min(bytes.size(), pipe_->capacity - pipe_->size());
   pipe_->bytes.insert(pipe_->bytes.end(), bytes.begin(), bytes.begin() + ptrdiff_t(count));
-  const bool hasRoom = pipe_->bytes.size() < pipe_->capacity;
+  const bool hasRoom = pipe_->size() < pipe_->capacity;
   const auto input = pipe_->input.lock();
   lock.unlock();
   if (count == 0) return 0;
@@ -180,10 +211,11 @@ ssize_t MemoryOutput::write(std::span<const uint8_t> bytes) {
   return ssize_t(count);
 }
 
-void MemoryInput::open() {
-  ask();
+void MemoryInput::open() { ask(); }
+
+void MemoryInput::postState() {
   Lock lock(pipe_->mutex);
-  const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;
+  const bool empty = pipe_->size() == 0, ended = pipe_->ended;
   lock.unlock();
   if (!empty) post(StreamEvent::bytesAvailable);
   if (empty && ended) post(StreamEvent::end);
@@ -201,18 +233,18 @@ void MemoryInput::close() {
 bool MemoryInput::hasBytesAvailable() {
   if (!isOpen()) return false;
   const Lock lock(pipe_->mutex);
-  return !pipe_->bytes.empty();
+  return pipe_->size() != 0;
 }
 
 ssize_t MemoryInput::read(std::span<uint8_t> room) {
   if (!isOpen()) return -1;
   Lock lock(pipe_->mutex);
-  const bool wasFull = pipe_->bytes.size() == pipe_->capacity;
-  const size_t count = std::min(room.size(), pipe_->bytes.size());
+  const bool wasFull = pipe_->size() == pipe_->capacity;
+  const size_t count = std::min(room.size(), pipe_->size());
   if (count == 0) return 0;
-  std::memcpy(room.data(), pipe_->bytes.data(), count);
-  pipe_->bytes.erase(pipe_->bytes.begin(), pipe_->bytes.begin() + ptrdiff_t(count));
-  const bool empty = pipe_->bytes.empty(), ended = pipe_->ended;
+  std::memcpy(room.data(), pipe_->bytes.data() + pipe_->taken, count);
+  pipe_->take(count);
+  const bool empty = pipe_->size() == 0, ended = pipe_->ended;
   const auto output = pipe_->output.lock();
   lock.unlock();
   if (!empty) post(StreamEvent::bytesAvailable);

@@ -11,6 +11,7 @@
 #include "platform/LogFormat.h"
 #include "platform/ServicePublication.h"
 #include "platform/ServiceResolution.h"
+#include "platform/Simdjson.h"
 
 namespace qelnk {
 
@@ -86,13 +87,16 @@ struct QELNK_HIDDEN NetService::State : std::enable_shared_from_this<NetService:
   void announce(const std::shared_ptr<PublishSession> &session);
   void published(PublishSession &session, const std::string &announced);
   void notPublished(PublishSession &session, std::error_code error);
-  void stopPublishing();
 
   void resolve(std::chrono::nanoseconds timeout);
   void found(ResolveSession &session, const ServiceResolution::Found &what);
   void hindered(ResolveSession &session, std::error_code why);
   void timedOut(ResolveSession &session);
   void stopResolving();
+  void stop(const std::weak_ptr<const void> *onlyFor);
+
+  /// The daemon's library ends the process for what is not UTF-8.
+  bool isText() const QELNK_REQUIRES(mutex) { return validateUTF8(name) && validateUTF8(type) && validateUTF8(domain); }
 
   const std::string domain, type;
   std::weak_ptr<NetService> owner;
@@ -120,6 +124,7 @@ void NetService::State::publish() {
 void NetService::State::announce(const std::shared_ptr<PublishSession> &session) {
   const Lock lock(mutex);
   if (!isCurrent(*session)) return;
+  if (!isText()) return onLoop(session, &State::notPublished)(discoveryError(AVAHI_ERR_INVALID_SERVICE_NAME));
   try {
     session->publication = std::make_unique<Active<ServicePublication>>(
         ServicePublication::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain), port,
@@ -150,12 +155,6 @@ void NetService::State::notPublished(PublishSession &session, std::error_code er
   tell(session, &NetServiceDelegate::netServiceDidNotPublish, error);
 }
 
-void NetService::State::stopPublishing() {
-  std::shared_ptr<PublishSession> ended;
-  const Lock lock(mutex);
-  ended.swap(publishing);
-}
-
 // --- Resolving ---
 
 void NetService::State::resolve(std::chrono::nanoseconds timeout) {
@@ -165,6 +164,10 @@ void NetService::State::resolve(std::chrono::nanoseconds timeout) {
     session->timeout = session->loop->performAfter(timeout, onLoop(session, &State::timedOut));
   const Lock lock(mutex);
   resolving = session;
+  if (!isText()) {
+    session->obstacle = discoveryError(AVAHI_ERR_INVALID_SERVICE_NAME);
+    return;
+  }
   try {
     session->resolution = std::make_unique<Active<ServiceResolution>>(
         ServiceResolution::Service{discoveryLabel(name), withoutTrailingDot(type), withoutTrailingDot(domain)},
@@ -213,6 +216,21 @@ void NetService::State::stopResolving() {
   if (ended && ended->timeout) ended->timeout->cancel();
 }
 
+void NetService::State::stop(const std::weak_ptr<const void> *onlyFor) {
+  std::shared_ptr<PublishSession> published;
+  std::shared_ptr<ResolveSession> resolved;
+  {
+    const Lock lock(mutex);
+    if (onlyFor) {
+      if (delegate.owner_before(*onlyFor) || onlyFor->owner_before(delegate)) return;
+      delegate.reset();
+    }
+    published.swap(publishing);
+    resolved.swap(resolving);
+  }
+  if (resolved && resolved->timeout) resolved->timeout->cancel();
+}
+
 // --- The public side ---
 
 NetService::NetService() = default;
@@ -250,18 +268,7 @@ void NetService::setTXTRecordData(std::string data) {
 void NetService::publish() { state_->publish(); }
 void NetService::resolveWithTimeout(std::chrono::nanoseconds timeout) { state_->resolve(timeout); }
 
-void NetService::stop() {
-  state_->stopPublishing();
-  state_->stopResolving();
-}
-
-void NetService::stopFor(const std::weak_ptr<const void> &delegate) {
-  {
-    const Lock lock(state_->mutex);
-    if (state_->delegate.owner_before(delegate) || delegate.owner_before(state_->delegate)) return;
-    state_->delegate.reset();
-  }
-  stop();
-}
+void NetService::stop() { state_->stop(nullptr); }
+void NetService::stopFor(const std::weak_ptr<const void> &delegate) { state_->stop(&delegate); }
 
 }  // namespace qelnk

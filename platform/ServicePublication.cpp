@@ -17,7 +17,6 @@ constexpr auto retryInterval = std::chrono::seconds(5);
 
 void ServicePublication::begin(AvahiClient *client) {
   client_ = client;
-  if (service_.name.empty()) service_.name = discoveryLabel(avahi_client_get_host_name(client));
   tryAnnounce();
 }
 
@@ -54,6 +53,11 @@ void ServicePublication::tryLater(int error) {
 /// Hands the service to the daemon, under another name as long as one is taken on this machine. The daemon then asks
 /// the network, and tells the group what came of it.
 int ServicePublication::announce() {
+  if (service_.name.empty()) {
+    const char *const host = avahi_client_get_host_name(client_);
+    if (!host) return avahi_client_errno(client_);
+    service_.name = discoveryLabel(host);
+  }
   if (!group_) group_ = avahi_entry_group_new(client_, groupChanged, this);
   if (!group_) return avahi_client_errno(client_);
   int error = addToGroup();

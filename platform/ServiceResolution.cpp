@@ -105,8 +105,9 @@ void ServiceResolution::close(AvahiIfIndex interface, AvahiProtocol protocol) {
 
 /// What is left once a path was lost. The last one stays told: a service that goes may come back.
 void ServiceResolution::reportRest() {
-  for (const Path &path : paths_)
-    if (path.found) return report(*path.found);
+  for (const bool sameMachine : {true, false})
+    for (const Path &path : paths_)
+      if (path.found && (!sameMachine || isSame(*path.found, told_))) return report(*path.found);
 }
 
 void ServiceResolution::resolverTold(AvahiServiceResolver *, AvahiIfIndex interface, AvahiProtocol,

@@ -54,7 +54,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection &operator=(const Connection &) = delete;
 
   void setTarget(End Connection::*which, ByteStream::EventTarget target);
-  void schedule(End Connection::*which, std::shared_ptr<RunLoop> loop);
+  void schedule(End Connection::*which, const std::shared_ptr<RunLoop> &loop);
   void unschedule(End Connection::*which);
   void open(End Connection::*which);
   void close(End Connection::*which);
@@ -68,14 +68,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
  private:
   void take(int socket) QELNK_REQUIRES(mutex_);
+  bool start(End Connection::*which) QELNK_REQUIRES(mutex_);
+  void connect(const std::shared_ptr<RunLoop> &loop) QELNK_EXCLUDES(mutex_);
   void connected(int socket, std::error_code error);
 
   void post(End &end, void (Connection::*work)()) QELNK_REQUIRES(mutex_);
   void arm(End &end, Readiness events, void (Connection::*work)()) QELNK_REQUIRES(mutex_);
+  bool isServedHere(const End &end) QELNK_EXCLUDES(mutex_);
   void disarm(End &end) QELNK_REQUIRES(mutex_);
   void begin(End &end) QELNK_REQUIRES(mutex_);
   void fail(std::error_code error) QELNK_REQUIRES(mutex_);
+  void startReading() QELNK_REQUIRES(mutex_);
   void goOnReading() QELNK_REQUIRES(mutex_);
+  void startWriting() QELNK_REQUIRES(mutex_);
   void goOnWriting() QELNK_REQUIRES(mutex_);
   void fill() QELNK_REQUIRES(mutex_);
   bool isRead() const QELNK_REQUIRES(mutex_) { return buffered_.empty(); }
@@ -128,10 +133,14 @@ void Connection::setTarget(End Connection::*which, ByteStream::EventTarget targe
   end.target.swap(next);
 }
 
-void Connection::schedule(End Connection::*which, std::shared_ptr<RunLoop> loop) {
-  const Lock lock(mutex_);
-  End &end = this->*which;
-  end.loop = std::move(loop);
+void Connection::schedule(End Connection::*which, const std::shared_ptr<RunLoop> &loop) {
+  {
+    const Lock lock(mutex_);
+    End &end = this->*which;
+    end.loop = loop;
+    if (!end.asked || !start(which)) return;
+  }
+  connect(loop);
 }
 
 void Connection::unschedule(End Connection::*which) {
@@ -147,22 +156,37 @@ std::error_code Connection::error() const {
 }
 
 void Connection::open(End Connection::*which) {
-  Lock lock(mutex_);
+  std::shared_ptr<RunLoop> loop;
+  {
+    const Lock lock(mutex_);
+    if (std::exchange((this->*which).asked, true) || !start(which)) return;
+    loop = (this->*which).loop;
+  }
+  connect(loop);
+}
+
+/// Begins with an end that is to be open and has a loop, or goes on with one that has got another loop. Returns whether
+/// the connection is to be made first.
+bool Connection::start(End Connection::*which) {
   End &end = this->*which;
-  if (std::exchange(end.asked, true) || end.closed || !end.loop) return;
-  if (socket_ >= 0 || error_) return begin(end);
-  if (std::exchange(connecting_, true)) return;
-  const auto loop = end.loop;
-  lock.unlock();
+  if (end.closed || !end.loop || end.told) return false;
+  if (!end.open && socket_ < 0 && !error_) return !std::exchange(connecting_, true);
+  if (!end.open || error_)
+    begin(end);
+  else
+    which == &Connection::input ? startReading() : startWriting();
+  return false;
+}
+
+void Connection::connect(const std::shared_ptr<RunLoop> &loop) {
   auto connector = Connector::start(host_, port_, loop, [weak = weak_from_this()](int socket, std::error_code error) {
     if (const auto self = weak.lock())
       self->connected(socket, error);
     else if (socket >= 0)
       ::close(socket);
   });
-  lock.lock();
+  const Lock lock(mutex_);
   if (!(input.closed && output.closed)) connector_.swap(connector);  // else it is let go, after the lock
-  lock.unlock();
 }
 
 void Connection::close(End Connection::*which) {
@@ -205,20 +229,26 @@ void Connection::connected(int socket, std::error_code error) {
 
 void Connection::post(End &end, void (Connection::*work)()) {
   if (end.closed || !end.loop) return;
-  end.loop->perform([weak = weak_from_this(), work] {
-    if (const auto self = weak.lock()) (*self.*work)();
+  end.loop->perform([weak = weak_from_this(), work, which = &end] {
+    if (const auto self = weak.lock(); self && self->isServedHere(*which)) (*self.*work)();
   });
 }
 
 void Connection::arm(End &end, Readiness events, void (Connection::*work)()) {
   if (end.closed || end.watch || !end.loop || error_) return;
   try {
-    end.watch = end.loop->watch(socket_, events, [weak = weak_from_this(), work](Readiness) {
-      if (const auto self = weak.lock()) (*self.*work)();
+    end.watch = end.loop->watch(socket_, events, [weak = weak_from_this(), work, which = &end](Readiness) {
+      if (const auto self = weak.lock(); self && self->isServedHere(*which)) (*self.*work)();
     });
   } catch (const std::system_error &refused) {  // out of descriptors or of watches
     fail(refused.code());
   }
+}
+
+/// What is left over on an earlier loop of the end's does nothing.
+bool Connection::isServedHere(const End &end) {
+  const Lock lock(mutex_);
+  return end.loop && end.loop->isCurrent();
 }
 
 void Connection::disarm(End &end) {
@@ -244,7 +274,7 @@ void Connection::tell(End Connection::*which, StreamEvent event) {
   Lock lock(mutex_);
   End &end = this->*which;
   if (end.closed || !end.loop || end.told) return;
-  if (event == StreamEvent::opened) end.open = true;
+  if (event == StreamEvent::opened && std::exchange(end.open, true)) return;
   if (event == StreamEvent::error || event == StreamEvent::end) end.told = true;
   const auto target = end.target;
   lock.unlock();
@@ -302,6 +332,13 @@ void Connection::tellBytes() {
     lock.lock();
     tellingBytes_ = nested;
   }
+  goOnReading();
+}
+
+/// Has the target hear of what there is to be read, on the loop that it is scheduled on now.
+void Connection::startReading() {
+  wasRead_ = true;
+  bytesPosted_ = false;
   goOnReading();
 }
 
@@ -387,6 +424,12 @@ void Connection::tellSpace() {
   } while (wasWritten_ && !output.watch && --left > 0);
   tellingSpace_ = false;
   if (wasWritten_ && !output.watch) goOnWriting();
+}
+
+/// Has the target hear of room, on the loop that it is scheduled on now.
+void Connection::startWriting() {
+  spacePosted_ = false;
+  goOnWriting();
 }
 
 /// Sees to it that the target hears of the room that there is after a write.

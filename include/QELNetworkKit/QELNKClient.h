@@ -113,9 +113,9 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   void informConnected(ConnectedBlock block);
   /// The connected callback, which is no longer the client's. Any thread; calls nobody.
   ConnectedBlock takeConnectedBlock();
-  /// How many connections have ended. A callback that finds another number than there was when its request was made
-  /// comes from an earlier connection. Any thread.
-  uint64_t connectionsEnded() const;
+  /// Counts the ends of connections, and each that is made after an end. A callback that finds another number than
+  /// there was when its request was made has nothing to do with the connection that there is. Any thread.
+  uint64_t connectionChanges() const;
   /// The message that `response` answers, or null. Here the oldest one. On the io thread. What an override posts to the
   /// response queue before it returns null runs between the callbacks of the replies around this one.
   virtual std::shared_ptr<QELNKMessage> messageForResponse(const qelnk::Value &response);

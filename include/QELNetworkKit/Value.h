@@ -318,7 +318,7 @@ class QELNK_EXPORT Value {
   /// Stores `value` under `key` of either map, at the key's place where it has one; null becomes a plain map first.
   /// Throws std::logic_error on anything else.
   void set(Value key, Value value);
-  /// Removes an entry of either map; returns whether there was one.
+  /// Removes an entry of either map; returns whether there was one. Takes time in proportion to the map's size.
   bool erase(const Value &key);
   /// Removes an element of a list, where there is one.
   void eraseAt(size_t index);

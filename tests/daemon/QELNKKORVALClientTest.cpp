@@ -263,6 +263,7 @@ TEST_F(KORVALClient, StoresAPushAndThenCallsBack) {
 
 // A queue that is slower than the daemon would fill up for ever.
 TEST_F(KORVALClient, CallsBackOnceForSeveralPushesWhenVeryManyWait) {
+  const CapturedLog quiet(LogLevel::off);
   constexpr int most = 65536, pushes = 70000;
   std::promise<void> goOn;
   std::atomic<int> calls{0}, last{0};

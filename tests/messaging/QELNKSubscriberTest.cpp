@@ -261,7 +261,6 @@ TEST(QELNKSubscriber, DisconnectWaitsForWhatHasBeenReceived) {
   other.join();
 }
 
-// Who breaks the contract is told, is not made to wait, and is called no more either.
 TEST(QELNKSubscriber, DisconnectServesACallbackThatWaitsForTheMainThread) {
   PublishingPeer publisher;
   const auto subscriber = QELNKSubscriber::create(background());
@@ -281,6 +280,7 @@ TEST(QELNKSubscriber, DisconnectServesACallbackThatWaitsForTheMainThread) {
   EXPECT_TRUE(served);
 }
 
+// Who breaks the contract is told, is not made to wait, and is called no more either.
 TEST(QELNKSubscriber, DisconnectedOnItsResponseQueueDoesNotWait) {
   CapturedLog log;
   const auto clock = std::make_shared<ManualClock>();

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <thread>
 
+#include "platform/HostLookup.h"
 #include "platform/SocketAddress.h"
 #include "support/AvahiNetwork.h"
 #include "support/TestSupport.h"
@@ -295,6 +296,18 @@ TEST_F(DiscoveryTest, FindsWhateverIsPublishedOnThisMachine) {
   finder.resolve();
   EXPECT_TRUE(leaving.isPublished() && finder.isResolved());
   EXPECT_FALSE(eventually([&] { return finder.observer->calls() + leaving.observer->calls() > 2; }, 50ms));
+
+  // The daemon's library would end the process.
+  Observed latin1("B\xfcro", 6000), lost("B\xfcro");
+  latin1.publish();
+  lost.resolve(1s);
+  EXPECT_TRUE(eventually([&] { return latin1.observer->notPublished == 1 && lost.observer->notResolved == 1; }));
+  EXPECT_EQ(latin1.observer->error.message(), "Invalid service name");
+  EXPECT_EQ(lost.observer->error.message(), "Invalid service name");
+  std::error_code failure;
+  const auto lookup = HostLookup::start("b\xfcro.local", 80, RunLoop::current(),
+                                        [&](const auto &, std::error_code error) { failure = error; });
+  EXPECT_TRUE(eventually([&] { return bool(failure); }, 30s));
 }
 
 TEST_F(DiscoveryTest, MachinesSeeEachOther) {

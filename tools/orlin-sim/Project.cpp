@@ -56,7 +56,8 @@ Port portOf(const Value &description) {
   }
   port.follow = description["follow"].string();
   port.every = std::chrono::milliseconds(description["every"].integerValue());
-  if (port.every.count() < 0) throw ProjectError("\"every\" is a number of milliseconds");
+  if (port.every.count() < 0 || port.every > std::chrono::hours(24))
+    throw ProjectError("\"every\" is a number of milliseconds, a day at most");
   if (port.every.count() > 0 && !isInteger(port.valueType) && port.valueType != "doub")
     throw ProjectError("the port " + port.id + " cannot count: it holds no number");
   if (!port.output && (port.every.count() > 0 || !port.follow.empty()))
@@ -87,6 +88,12 @@ std::optional<Value> Port::converted(const Value &given) const {
   }
   if (valueType == "arry") return given.isList() ? std::optional<Value>(given) : std::nullopt;
   return given;
+}
+
+Value Port::next() const {
+  if (valueType == "doub") return value.doubleValue() + 1;
+  if (valueType == "long") return int64_t(uint64_t(value.integerValue()) + 1);
+  return int32_t(uint32_t(value.intValue()) + 1);
 }
 
 Value Port::description() const {

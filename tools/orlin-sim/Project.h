@@ -29,6 +29,8 @@ struct Port {
 
   /// The value as this port's type has it; none where it does not fit.
   std::optional<qelnk::Value> converted(const qelnk::Value &value) const;
+  /// The value of one that counts, one further; behind its type's last number comes the first.
+  qelnk::Value next() const;
   qelnk::Value description() const;
 };
 

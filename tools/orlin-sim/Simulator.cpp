@@ -276,7 +276,7 @@ void Simulator::count(Time now) {
   for (Counter &counter : counters_) {
     if (counter.due > now) continue;
     Port &port = *counter.port;
-    port.value = *port.converted(port.value.doubleValue() + 1);
+    port.value = port.next();
     push(port);
     counter.due += port.every;
     // After a standstill it goes on from here instead of catching up.

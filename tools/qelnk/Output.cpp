@@ -73,9 +73,7 @@ void Output::event(std::string_view name, Fields fields) {
   line(plainJSON(object));
 }
 
-void Output::line(std::string_view text) {
-  bytes((isTerminal_ && !json_ ? forTerminal(text) : std::string(text)) + '\n');
-}
+void Output::line(std::string_view text) { bytes((isTerminal_ ? forTerminal(text) : std::string(text)) + '\n'); }
 
 void Output::bytes(std::string_view bytes) {
   if (session_.outputError() != 0) return;
@@ -88,7 +86,7 @@ std::string Output::bold(std::string_view text) const {
 }
 
 void tell(std::string_view line) {
-  static const bool isTerminal = isatty(STDERR_FILENO);
+  static const bool isTerminal = isatty(diagnosticsDescriptor());
   const auto text = isTerminal ? forTerminal(line) : std::string(line);
   writeAll(diagnosticsDescriptor(), text + "\n", [] { return false; });
 }

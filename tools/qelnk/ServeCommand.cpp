@@ -51,11 +51,15 @@ Exit serve(Invocation &invocation) {
   Output &output = invocation.output;
   const auto backlog = std::make_shared<Backlog>();
   const auto print = [&output, &body, backlog](const qelnk::Value &request) {
-    if (output.json())
-      output.event("request", {{"request", body.plain(request)}});
-    else
-      output.line(body.text(request));
-    backlog->leave();
+    const std::shared_ptr<void> afterwards(nullptr, [&](void *) { backlog->leave(); });
+    try {
+      if (output.json())
+        output.event("request", {{"request", body.plain(request)}});
+      else
+        output.line(body.text(request));
+    } catch (const Failure &failure) {  // such as XML in another encoding
+      complain("serve: a request is not shown: " + std::string(failure.what()));
+    }
   };
   auto server = QELNKServer::create(QELNKContext::contextWithBackgroundQueue());
   // Before the server goes, which waits for its handler.

@@ -40,7 +40,7 @@ class Client final : public QELNKWebSocketDelegate, public std::enable_shared_fr
   void open();
   void send();
   void check(bool sent, const qelnk::Error &error) const {
-    if (!sent) throw Failure(Exit::failed, "not sent: " + error.description);
+    if (!sent) throw Failure(error.code == EILSEQ ? Exit::malformed : Exit::failed, "not sent: " + error.description);
   }
   void close();
   bool hasAll() const { return wanted_ && count_ == *wanted_; }

@@ -66,8 +66,10 @@ Exit runCommand(const Command &command, const Arguments &arguments) {
 void print(std::string_view text) {
   while (!text.empty()) {
     const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
-    if (count <= 0) return;
-    text.remove_prefix(size_t(count));
+    if (count < 0 && errno == EPIPE) throw Failure(Exit::failed, "");
+    if (count < 0 && errno != EINTR)
+      throw Failure(Exit::system, "standard output: " + std::generic_category().message(errno));
+    text.remove_prefix(size_t(std::max<ssize_t>(count, 0)));
   }
 }
 
