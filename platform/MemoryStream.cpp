@@ -65,6 +65,7 @@ class MemoryStream : public Interface, public std::enable_shared_from_this<Self>
   void schedule(const std::shared_ptr<RunLoop> &loop) final {
     {
       const Lock lock(mutex_);
+      if (loop_ == loop) return;
       loop_ = loop;
       posted_ = 0;
       if (!asked_ || !loop) return;

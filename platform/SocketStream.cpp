@@ -137,6 +137,8 @@ void Connection::schedule(End Connection::*which, const std::shared_ptr<RunLoop>
   {
     const Lock lock(mutex_);
     End &end = this->*which;
+    if (end.loop == loop) return;
+    disarm(end);
     end.loop = loop;
     if (!end.asked || !start(which)) return;
   }

@@ -73,6 +73,9 @@ TEST(ByteStream, GoesOnOnAnotherLoop) {
     EXPECT_EQ(all(), "obone");
     ours.input->schedule(other.runLoop());
     ASSERT_TRUE(eventually([&] { return all() == "oboneBtwo"; })) << all();
+    ours.input->schedule(RunLoop::main());  // at once from one to the other
+    write(*theirs.output, "six");
+    ASSERT_TRUE(eventually([&] { return all() == "oboneBtwobsix"; })) << all();
     theirs.output->close();
     theirs.input->close();
     EXPECT_TRUE(eventually([&] { return std::tolower(all().back()) == 'e' || all().back() == 'X'; })) << all();
