@@ -58,8 +58,9 @@ template <class T>
 class Holder final : public Actor {
  public:
   using Deed = std::function<void(T &object)>;
-  /// One of the deeds at a time; the first is what ends the object.
+  /// One of the deeds at a time; the first is what ends the object, whose callbacks may run already.
   void hold(std::shared_ptr<T> object, std::vector<Deed> deeds) {
+    const std::lock_guard lock(mutex_);
     weakly_ = object;
     object_ = std::move(object);
     deeds_ = std::move(deeds);
@@ -87,7 +88,7 @@ class Holder final : public Actor {
   }
 
  private:
-  mutable std::mutex mutex_;  // guards object_
+  mutable std::mutex mutex_;  // guards object_, behind which the others stay as they are
   std::shared_ptr<T> object_;
   std::weak_ptr<T> weakly_;
   std::vector<Deed> deeds_;
