@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Documents.h"
+#include "Support.h"
 
 namespace {
 
@@ -147,6 +148,7 @@ void registerDocument(const std::string &name, const Value &tree) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  bench::keepFreedMemory();
   for (const auto &[name, tree] : benchmarkDocuments()) registerDocument(name, tree);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

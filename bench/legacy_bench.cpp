@@ -359,7 +359,8 @@ class OneWay {
   std::unique_ptr<OurEnd> ourSender_, ourReceiver_;
 };
 
-void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int64_t count) {
+void oneWay(Kind kind, bool twoThreads, int rounds, int64_t count) {
+  keepFreedMemory();
   const auto entry = [&](const char *peer, Who sender, Who receiver) {
     const auto way = std::make_shared<OneWay>(sender, receiver, twoThreads, kind);
     return RatedEntry{peer, [way](int64_t messages) { way->exchange(messages); }, {0}};
@@ -375,7 +376,9 @@ void oneWay(const std::string &name, Kind kind, bool twoThreads, int rounds, int
     entries.push_back(entry("ours-to-asio", Who::ours, Who::asio));
     entries.push_back(entry("asio-to-ours", Who::asio, Who::ours));
   }
-  contestOfRates(name, std::move(entries), rounds, count);
+  contestOfRates(
+      std::string(kind == Kind::blocks ? "blocks" : "strings") + (twoThreads ? "/two-threads" : "/one-thread"),
+      std::move(entries), rounds, count);
 }
 
 /// A block of a gigabyte, which the receiver is to have as a whole.
@@ -516,17 +519,14 @@ int main(int count, char **arguments) {
   QLGetHandle().setLevel(qelnk::LogLevel::off);
   raiseDescriptorLimit();
   const std::string only = count > 1 ? arguments[1] : "";
-  const auto wants = [&](const char *part) { return only.empty() || only == part; };
-  if (wants("connections")) crowds();  // first: the memory of an idle connection shows best in a fresh process
-  if (wants("blocks")) {
-    oneWay("blocks/one-thread", Kind::blocks, false, 11, 200);
-    oneWay("blocks/two-threads", Kind::blocks, true, 11, 200);
-  }
-  if (wants("strings")) {
-    oneWay("strings/one-thread", Kind::strings, false, 7, 1000000);
-    oneWay("strings/two-threads", Kind::strings, true, 7, 1000000);
-  }
-  if (wants("giant")) giant();
-  if (wants("backlog")) backlog();
-  if (wants("heartbeat")) heartbeat();
+  const auto contest = [&](const char *part, const std::function<void()> &work) {
+    if (only.empty() || only == part) inFreshProcess(work);
+  };
+  contest("connections", crowds);
+  for (const bool twoThreads : {false, true}) contest("blocks", [=] { oneWay(Kind::blocks, twoThreads, 11, 200); });
+  for (const bool twoThreads : {false, true})
+    contest("strings", [=] { oneWay(Kind::strings, twoThreads, 7, 1000000); });
+  contest("giant", giant);
+  contest("backlog", backlog);
+  contest("heartbeat", heartbeat);
 }

@@ -221,8 +221,11 @@ void manyClients(bool pinned) {
 
 }  // namespace
 
-int main() {
+int main(int count, char **words) {
   QLGetHandle().setLevel(qelnk::LogLevel::error);
-  for (const bool pinned : {false, true}) roundTrips(pinned);
-  for (const bool pinned : {false, true}) manyClients(pinned);
+  const auto wants = [&](std::string_view what) { return count < 2 || what == words[1]; };
+  if (wants("round-trip"))
+    for (const bool pinned : {false, true}) roundTrips(pinned);
+  if (wants("load"))
+    for (const bool pinned : {false, true}) manyClients(pinned);
 }

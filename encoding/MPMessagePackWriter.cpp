@@ -31,6 +31,13 @@ class Sink {
       at += count;
       return count;
     }
+    /// The characters of a short string, by two stores: there is room for what is behind them, and it is written over.
+    void writeShortString(const Value &value) {
+      const uint64_t first = detail::Access::head(value) >> 16, others = detail::Access::bits(value);
+      std::memcpy(at, &first, 8);
+      std::memcpy(at + 6, &others, 8);
+      at += detail::Access::shortStringLength(value);
+    }
   };
 
   Sink() { grow(512); }
@@ -152,6 +159,12 @@ class Writer {
                    [&](auto &out, auto &error) { return cmp::writeDouble(out, std::bit_cast<double>(bits), error); });
         return true;
       case detail::tagShortString:
+        sink_.item(0, [&](auto &out, auto &error) {
+          const bool written = cmp::writeFixstr(out, uint32_t(detail::Access::shortStringLength(value)), error);
+          out.writeShortString(value);
+          return written;
+        });
+        return true;
       case detail::tagString:
         return string(value.string());
       case detail::tagData:

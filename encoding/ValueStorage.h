@@ -179,6 +179,7 @@ struct Access {
     if (!text.empty()) std::memcpy(reinterpret_cast<char *>(words) + 2, text.data(), text.size());
     return Value(words[0] | tagShortString | uint64_t(text.size()) << 8, words[1]);
   }
+  static size_t shortStringLength(const Value &value) { return uint8_t(value.head_ >> 8); }
   static std::string_view longText(const Value &value) { return {pointer<const char>(value), length(value)}; }
 
   /// The values of a list or plain map for changing: in an allocation of their own that nobody shares, with room for

@@ -50,6 +50,21 @@ TEST(MessagePack, WritesTheSmallestForm) {
   EXPECT_EQ(hex(std::string(300, 'a')).substr(0, 6), "da012c");
 }
 
+// Short strings are written by whole words: at every length, and at every distance from where the writer's room ends.
+TEST(MessagePack, StringsOfEveryLengthAtEveryPlace) {
+  for (size_t length = 0; length < 31; ++length)
+    for (size_t before = 440; before < 530; ++before) {
+      std::string letters(length, 'x');
+      for (size_t i = 0; i < length; ++i) letters[i] = char('a' + i);
+      Value list = Value::list();
+      list.append(std::string(before, '-'));
+      for (int i = 0; i < 4; ++i) list.append(letters);
+      std::string expected = "\x95\xda" + std::string{char(before >> 8), char(before)} + std::string(before, '-');
+      for (int i = 0; i < 4; ++i) expected += char(0xA0 | length) + letters;
+      ASSERT_EQ(Data(expected), MPMessagePackWriter::writeObject(list)) << length << " behind " << before;
+    }
+}
+
 TEST(MessagePack, ReadsEveryTypeToItsWidth) {
   const std::tuple<const char *, Kind, Value> cases[] = {
       {"00", Kind::uint8, 0},
