@@ -72,12 +72,6 @@ Value *TreeBuilder::container(Value *slot, Tag tag, size_t count) {
   return values;
 }
 
-static bool sameKey(const Value &a, const Value &b) {
-  const bool aShort = Access::tag(a) == tagShortString, bShort = Access::tag(b) == tagShortString;
-  if (aShort || bShort) return Access::head(a) == Access::head(b) && Access::bits(a) == Access::bits(b);
-  return keysEqual(a, b);
-}
-
 // Arena values are moved by their bytes: nothing in there is destroyed one by one.
 static void relocate(Value *to, const Value *from, size_t count) {
   std::memmove(static_cast<void *>(to), static_cast<const void *>(from), count * sizeof(Value));
@@ -88,7 +82,7 @@ size_t TreeBuilder::mergeRepeatedKeys(Value *values, size_t count) {
   size_t kept = 0;
   for (size_t i = 0; i < count; ++i) {
     size_t same = 0;
-    while (same < kept && !sameKey(values[2 * same], values[2 * i])) ++same;
+    while (same < kept && !keysEqual(values[2 * same], values[2 * i])) ++same;
     if (same < kept) {
       relocate(values + 2 * same + 1, values + 2 * i + 1, 1);
     } else if (kept++ != i) {

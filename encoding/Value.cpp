@@ -719,7 +719,7 @@ class TreeComparison {
 
 }  // namespace
 
-bool detail::keysEqual(const Value &a, const Value &b) {
+bool detail::longKeysEqual(const Value &a, const Value &b) {
   const Verdict verdict = compareShallow(a, b);
   return verdict == Verdict::inside ? TreeComparison(true).equal(a, b) : verdict == Verdict::equal;
 }

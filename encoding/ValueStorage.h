@@ -206,8 +206,12 @@ struct Access {
   }
 };
 
-/// Whether two keys are equal; containers entry by entry in order.
-bool keysEqual(const Value &a, const Value &b);
+bool longKeysEqual(const Value &a, const Value &b);
+/// Whether two keys are equal; containers entry by entry in order. Most keys are short strings, which are their words.
+inline bool keysEqual(const Value &a, const Value &b) {
+  if (Access::tag(a) != tagShortString && Access::tag(b) != tagShortString) return longKeysEqual(a, b);
+  return Access::head(a) == Access::head(b) && Access::bits(a) == Access::bits(b);
+}
 /// An order of keys, of no meaning to people. Comparing two costs at most the size of the smaller.
 bool keyBefore(const Value &a, const Value &b);
 /// The number of the entry with a key among a map's values, or `count`.
