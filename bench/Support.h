@@ -1,6 +1,5 @@
 #pragma once
 
-#include <malloc.h>
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -157,12 +156,6 @@ inline void inFreshProcess(const std::function<void()> &work) {
   }
   int status = 0;
   require(waitpid(process, &status, 0) == process && status == 0, "a process failed");
-}
-
-/// Has the allocator keep what has been freed, as it does in a process that has once freed a large block. Otherwise who
-/// pays for fresh pages depends on what others have left behind: the same doing then takes up to three times as long.
-inline void keepFreedMemory() {
-  require(mallopt(M_MMAP_THRESHOLD, 32 << 20) == 1 && mallopt(M_TRIM_THRESHOLD, 64 << 20) == 1, "mallopt");
 }
 
 /// Lets this process have as many descriptors as it may.

@@ -360,7 +360,6 @@ class OneWay {
 };
 
 void oneWay(Kind kind, bool twoThreads, int rounds, int64_t count) {
-  keepFreedMemory();
   const auto entry = [&](const char *peer, Who sender, Who receiver) {
     const auto way = std::make_shared<OneWay>(sender, receiver, twoThreads, kind);
     return RatedEntry{peer, [way](int64_t messages) { way->exchange(messages); }, {0}};
@@ -523,9 +522,9 @@ int main(int count, char **arguments) {
     if (only.empty() || only == part) inFreshProcess(work);
   };
   contest("connections", crowds);
-  for (const bool twoThreads : {false, true}) contest("blocks", [=] { oneWay(Kind::blocks, twoThreads, 11, 200); });
+  for (const bool twoThreads : {false, true}) contest("blocks", [=] { oneWay(Kind::blocks, twoThreads, 21, 200); });
   for (const bool twoThreads : {false, true})
-    contest("strings", [=] { oneWay(Kind::strings, twoThreads, 7, 1000000); });
+    contest("strings", [=] { oneWay(Kind::strings, twoThreads, 31, 1000000); });
   contest("giant", giant);
   contest("backlog", backlog);
   contest("heartbeat", heartbeat);
