@@ -35,8 +35,9 @@ void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait
 // Connecting.
 
 void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
-  // The last connection's thread may still be at its end, and uses the same members.
-  if (state_->phase >= State::Phase::stopping && !joinThread())
+  // The last connection's thread may still be at its end, and uses the same members. It is looked for first: behind the
+  // phase it might be the one of a connection that another thread has just made.
+  if (const auto last = thread(); state_->phase >= State::Phase::stopping && !joinThread(last))
     return qelnk::logError("QELNKClient cannot connect to {} again on an io thread", endPointForHost(host, port));
   std::shared_ptr<qelnk::Semaphore> connected;
   bool refused;

@@ -73,8 +73,8 @@ void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, u
   const auto self = weak_from_this().lock();  // the socket block may drop the last reference before this is over
   if (onMessageThread()) return logError("QELNKMonitor cannot connect on its own io thread");
   const qelnk::Lock lock(state_->connecting);
-  disconnect();
-  joinThread(true);
+  setConnected(false);
+  joinThread(cancelThread(), true);
   if (hasThread()) return logError("QELNKMonitor was connected again meanwhile");
   if (!socket || socket->endPoint().empty())
     return logError("QELNKMonitor cannot connect to a socket without an end-point");

@@ -57,8 +57,7 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
   if (onMessageThread()) return refuse(EDEADLK, "called on its own io thread");
   const qelnk::Lock lock(state_->binding);
   if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
-  QELNKSocket::disconnect();
-  if (!joinThread()) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
+  if (!joinThread(cancelThread())) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
   if (hasThread()) return refuse(EISCONN, "it has been bound meanwhile");
   setMessageBlock(std::move(messageReceived));
   state_->stopping = state_->silent = false;

@@ -64,8 +64,16 @@ void QELNKSocket::startThread(const std::string &name) {
   thread_ = std::make_shared<IOThread>(name, this);
 }
 
-bool QELNKSocket::joinThread(bool waitsForNobody) {
-  const auto thread = this->thread();
+std::shared_ptr<QELNKSocket::IOThread> QELNKSocket::cancelThread() {
+  auto thread = this->thread();
+  if (thread && !thread->isFinished())
+    thread->cancel();
+  else if (socketWithoutThread())  // not that of a thread just starting
+    closeSocket();
+  return thread;
+}
+
+bool QELNKSocket::joinThread(const std::shared_ptr<IOThread> &thread, bool waitsForNobody) {
   return !thread || thread->join(waitsForNobody);
 }
 
@@ -77,12 +85,7 @@ bool QELNKSocket::hasThread() const {
 bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() == this; }
 bool QELNKSocket::isCancelled() const { return IOThread::isCurrentCancelled(); }
 
-void QELNKSocket::disconnect() {
-  if (const auto thread = this->thread(); thread && !thread->isFinished())
-    thread->cancel();
-  else if (socketWithoutThread())  // not that of a thread just starting
-    closeSocket();
-}
+void QELNKSocket::disconnect() { cancelThread(); }
 
 // The socket.
 

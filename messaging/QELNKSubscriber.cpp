@@ -60,8 +60,7 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   const qelnk::Lock lock(state_->connecting);
   if (hasThread() && !state_->stopping) return refuse("it is connected already");
   state_->abandoned = true;  // this may be the thread that the last line is to be written on
-  QELNKSocket::disconnect();
-  if (!joinThread()) return refuse("its last thread cannot be waited for on an io thread");
+  if (!joinThread(cancelThread())) return refuse("its last thread cannot be waited for on an io thread");
   if (hasThread()) return refuse("it has been connected meanwhile");
   setConnectedBlock(std::move(onConnected));
   state_->deliveries.clear();  // of the last connection
@@ -87,8 +86,8 @@ void QELNKSubscriber::disconnect() {
   const bool connected = hasThread();
   const uint64_t connection = state_->connection;
   state_->stopping = true;
-  QELNKSocket::disconnect();
-  if (connected && (context()->responseQueue()->isCurrent() || !joinThread()))
+  const auto ending = cancelThread();
+  if (connected && (context()->responseQueue()->isCurrent() || !joinThread(ending)))
     qelnk::logError(
         "QELNKSubscriber was disconnected on the thread that serves its response queue, or on an io thread; its io "
         "thread needs that one to end, so it is not waited for");

@@ -145,9 +145,14 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// Starts the endpoint's thread, which runs ioThread() and then closes the socket. The endpoint must have been made
   /// by make(). Throws std::system_error when the system gives no thread.
   void startThread(const std::string &name);
-  /// Waits for the end of the endpoint's thread, which has been cancelled. Returns false on an io thread, where nobody
-  /// may wait for another, unless for one that waits for nobody.
-  bool joinThread(bool waitsForNobody = false);
+  /// The endpoint's thread, or its last one; null before the first. Unless something keeps others from connecting, they
+  /// may start the next one at any time: who cancels and then waits has to do both to the same.
+  std::shared_ptr<IOThread> thread() const QELNK_EXCLUDES(mutex_);
+  /// Has the endpoint's thread end, and returns it; closes a socket without a thread.
+  std::shared_ptr<IOThread> cancelThread();
+  /// Waits for the end of a thread, which may be null and else has been cancelled. Returns false on an io thread, where
+  /// nobody may wait for another, unless for one that waits for nobody.
+  static bool joinThread(const std::shared_ptr<IOThread> &thread, bool waitsForNobody = false);
   /// Whether the endpoint has a thread that has not ended.
   bool hasThread() const;
   /// The body of the endpoint's thread; returns soon once isCancelled().
@@ -200,7 +205,6 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
     void operator()(QELNKSocket *socket) const;
   };
   static bool isUsable(const std::shared_ptr<QELNKContext> &context);
-  std::shared_ptr<IOThread> thread() const QELNK_EXCLUDES(mutex_);
   static std::optional<qelnk::Value> deserialize(std::span<const uint8_t> frame, int32_t type, qelnk::Error *error);
   struct IncomingFrame;
   int collectFrames(IncomingFrame &first, void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);

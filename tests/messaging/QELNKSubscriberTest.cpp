@@ -416,6 +416,39 @@ TEST(QELNKSubscriber, KeepsAStuckQueueShort) {
   EXPECT_LE(queue->tasks, 3);
 }
 
+// Who disconnects waits for the thread that he has ended, not for the one of a connection that is made meanwhile.
+TEST(QELNKSubscriber, IsConnectedAgainWhileAnotherThreadDisconnects) {
+  struct TellingQueue final : Queue {
+    void async(Task) override {}
+    bool isCurrent() const override {
+      if (asked) asked();
+      return false;
+    }
+    const std::string &label() const override { return name; }
+    std::function<void()> asked;
+    std::string name = "telling";
+  };
+  const auto queue = std::make_shared<TellingQueue>();
+  PublishingPeer peer;
+  const auto subscriber =
+      QELNKSubscriber::create(std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), queue, queue));
+  subscriber->connectToHost("127.0.0.1", peer.port(), nullptr);
+  ASSERT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
+  queue->asked = [&] {  // disconnect() has ended the thread and does not wait for it yet
+    std::thread([&] { subscriber->connectToHost("127.0.0.1", peer.port(), nullptr); }).join();
+  };
+  std::atomic<bool> over = false;
+  std::thread disconnecting([&] {
+    subscriber->disconnect();
+    over = true;
+  });
+  EXPECT_TRUE(eventually([&] { return over.load(); }));
+  EXPECT_TRUE(eventually([&] { return peer.subscriptions == 1; }));
+  queue->asked = nullptr;
+  subscriber->disconnect();  // for the other one as well, should it still wait
+  disconnecting.join();
+}
+
 // A callback that turns its loop lets the next messages in, in order.
 TEST(QELNKSubscriber, MessagesArriveWhileACallbackTurnsItsLoop) {
   PublishingPeer peer;

@@ -237,10 +237,15 @@ Made makeMonitor(World &world) {
   const auto watch = [watched](QELNKMonitor &it) { it.connectToSocket(watched, QELNKMonitorEventAll); };
   auto monitor = QELNKMonitor::create(context);
   watch(*monitor);
-  // Who waits for events is released by the end alone: it is another thread that ends it.
+  // Who waits for events is released by the end alone: it is another thread that ends it, again when somebody watches
+  // anew.
   const auto wait = [](QELNKMonitor &it) {
-    std::thread ending([&] { it.disconnect(); });
+    std::atomic<bool> over = false;
+    std::thread ending([&] {
+      for (; !over; std::this_thread::sleep_for(1ms)) it.disconnect();
+    });
     it.events();
+    over = true;
     ending.join();
   };
   actor->hold(monitor, {[](auto &it) { it.disconnect(); }, watch, wait, [watched](auto &) { watched->disconnect(); }});
