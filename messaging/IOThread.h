@@ -20,6 +20,7 @@ class QELNK_HIDDEN QELNKSocket::IOThread {
   /// Waits for its end. Returns false on any endpoint's io thread, unless it waits for nobody itself.
   bool join(bool waitsForNobody);
   bool isFinished() const { return thread_.isFinished(); }
+  bool isCancelled() const { return thread_.isCancelled(); }
   const std::shared_ptr<qelnk::RunLoop> &runLoop() const { return thread_.runLoop(); }
 
   /// Ends the thread of an endpoint whose last reference has gone. Returns true once the endpoint is the caller's to

@@ -35,14 +35,22 @@ void QELNKClient::waitForSemaphore(qelnk::Semaphore &semaphore) { semaphore.wait
 // Connecting.
 
 void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock onConnected) {
-  // The last connection's thread may still be at its end, and uses the same members. It is looked for first: behind the
-  // phase it might be the one of a connection that another thread has just made.
-  if (const auto last = thread(); state_->phase >= State::Phase::stopping && !joinThread(last))
-    return qelnk::logError("QELNKClient cannot connect to {} again on an io thread", endPointForHost(host, port));
+  auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
+  std::shared_ptr<IOThread> last;
   std::shared_ptr<qelnk::Semaphore> connected;
   bool refused;
+  std::string failure;
   {
-    const qelnk::Lock lock(state_->mutex);
+    qelnk::Lock lock(state_->mutex);
+    // The last connection's thread may still be at its end, and uses the same members. Others may connect and
+    // disconnect while it is waited for.
+    while (state_->phase >= State::Phase::stopping && last != thread()) {
+      last = thread();
+      lock.unlock();
+      if (!joinThread(last))
+        return qelnk::logError("QELNKClient cannot connect to {} again on an io thread", endPointForHost(host, port));
+      lock.lock();
+    }
     refused = state_->phase != State::Phase::idle && state_->phase != State::Phase::ended;
     if (!refused) {
       if (state_->phase == State::Phase::ended) ++state_->connectionChanges;
@@ -52,23 +60,22 @@ void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock o
       state_->connectedBlock.swap(onConnected);  // the old one goes after the lock
       if (syncRequests()) connected = std::make_shared<qelnk::Semaphore>();
       state_->connected = connected;
+      try {
+        startThread("qelnk-client");
+      } catch (const std::system_error &error) {
+        failure = error.what();
+      }
     }
   }
   if (refused)
     return qelnk::logError("QELNKClient is connected already, not connecting to {}", endPointForHost(host, port));
-  start();
-  // The last reference may go while the run loop turns here: nothing of the client is used behind this.
-  if (connected) waitForSemaphore(*connected);
-}
-
-void QELNKClient::start() {
-  const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
-  try {
-    startThread("qelnk-client");
-  } catch (const std::system_error &error) {
-    qelnk::logError("QELNKClient could not connect: {}", error.what());
+  if (!failure.empty()) {
+    qelnk::logError("QELNKClient could not connect: {}", failure);
     endWithoutThread();
   }
+  // The last reference may go while the run loop turns here: nothing of the client is used behind this.
+  self.reset();
+  if (connected) waitForSemaphore(*connected);
 }
 
 void QELNKClient::ioThread() { Loop(*this).run(); }
@@ -93,13 +100,15 @@ void QELNKClient::informConnected(ConnectedBlock block) {
 void QELNKClient::disconnect() {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
   bool idle;
+  std::shared_ptr<IOThread> ending;
   {
     const qelnk::Lock lock(state_->mutex);
     idle = state_->phase == State::Phase::idle;
     if (state_->phase == State::Phase::running || idle) state_->phase = State::Phase::stopping;
+    ending = thread();  // and none of a connection that is made as soon as somebody hears of the end of this one
   }
   if (idle) endWithoutThread();
-  QELNKSocket::disconnect();
+  cancelThread(ending);
 }
 
 // Ends a client that has no io thread which would.

@@ -74,7 +74,9 @@ void QELNKMonitor::connectToSocket(const std::shared_ptr<QELNKSocket> &socket, u
   if (onMessageThread()) return logError("QELNKMonitor cannot connect on its own io thread");
   const qelnk::Lock lock(state_->connecting);
   setConnected(false);
-  joinThread(cancelThread(), true);
+  const auto last = thread();
+  cancelThread(last);
+  joinThread(last, true);
   if (hasThread()) return logError("QELNKMonitor was connected again meanwhile");
   if (!socket || socket->endPoint().empty())
     return logError("QELNKMonitor cannot connect to a socket without an end-point");

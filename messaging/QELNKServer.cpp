@@ -56,8 +56,10 @@ bool QELNKServer::bindToPort(int32_t port, MessageBlock messageReceived, Error *
   const auto self = weak_from_this().lock();  // the handler may drop the last reference before this is over
   if (onMessageThread()) return refuse(EDEADLK, "called on its own io thread");
   const qelnk::Lock lock(state_->binding);
-  if (hasThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
-  if (!joinThread(cancelThread())) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
+  if (hasLastingThread() && !state_->stopping) return refuse(EISCONN, "it is bound already");
+  const auto last = thread();
+  cancelThread(last);
+  if (!joinThread(last)) return refuse(EDEADLK, "its last thread cannot be waited for on an io thread");
   if (hasThread()) return refuse(EISCONN, "it has been bound meanwhile");
   setMessageBlock(std::move(messageReceived));
   state_->stopping = state_->silent = false;

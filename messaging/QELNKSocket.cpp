@@ -64,13 +64,11 @@ void QELNKSocket::startThread(const std::string &name) {
   thread_ = std::make_shared<IOThread>(name, this);
 }
 
-std::shared_ptr<QELNKSocket::IOThread> QELNKSocket::cancelThread() {
-  auto thread = this->thread();
+void QELNKSocket::cancelThread(const std::shared_ptr<IOThread> &thread) {
   if (thread && !thread->isFinished())
     thread->cancel();
-  else if (socketWithoutThread())  // not that of a thread just starting
-    closeSocket();
-  return thread;
+  else
+    close(socketWithoutThread(), {});  // not that of a thread just starting
 }
 
 bool QELNKSocket::joinThread(const std::shared_ptr<IOThread> &thread, bool waitsForNobody) {
@@ -82,10 +80,15 @@ bool QELNKSocket::hasThread() const {
   return thread && !thread->isFinished();
 }
 
+bool QELNKSocket::hasLastingThread() const {
+  const auto thread = this->thread();
+  return thread && !thread->isFinished() && !thread->isCancelled();
+}
+
 bool QELNKSocket::onMessageThread() const { return IOThread::currentEndpoint() == this; }
 bool QELNKSocket::isCancelled() const { return IOThread::isCurrentCancelled(); }
 
-void QELNKSocket::disconnect() { cancelThread(); }
+void QELNKSocket::disconnect() { cancelThread(thread()); }
 
 // The socket.
 
@@ -200,10 +203,20 @@ void QELNKSocket::Encryption::applyTo(ZMQSocket &socket) const {
   set(settings.keys.secretKey, ZMQ_CURVE_SECRETKEY);
 }
 
-void QELNKSocket::closeSocket(std::chrono::milliseconds linger) {
-  const auto socket = this->socket();
-  if (!socket) return;
-  replaceSocket(nullptr);
+void QELNKSocket::closeSocket(std::chrono::milliseconds linger) { close(socket(), linger); }
+
+/// Returns false for none, and for one that has been replaced meanwhile.
+bool QELNKSocket::forgetSocket(const std::shared_ptr<ZMQSocket> &socket) {
+  const qelnk::Lock lock(mutex_);
+  if (!socket || socket_ != socket) return false;
+  lastEndPoint_ = socket->endpoint();
+  socket_.reset();
+  owned_ = nullptr;
+  return true;
+}
+
+void QELNKSocket::close(const std::shared_ptr<ZMQSocket> &socket, std::chrono::milliseconds linger) {
+  if (!forgetSocket(socket)) return;
   try {
     if (const int limit = int(linger.count()); limit > 0 && socket->linger() >= 0 && socket->linger() < limit)
       socket->setInt(limit, ZMQ_LINGER);
@@ -220,9 +233,7 @@ std::shared_ptr<ZMQSocket> QELNKSocket::socketWithoutThread() const {
 
 void QELNKSocket::leaveSocketToContext() {
   const auto socket = this->socket();
-  if (!socket) return;
-  replaceSocket(nullptr);
-  context_->zmqContext()->keepMonitor(socket);
+  if (forgetSocket(socket)) context_->zmqContext()->keepMonitor(socket);
 }
 
 bool QELNKSocket::isAskedToClose() const {

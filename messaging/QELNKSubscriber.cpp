@@ -2,6 +2,7 @@
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/ZMQSocket.h>
 
+#include "messaging/IOThread.h"
 #include "messaging/SubscriberLoop.h"
 #include "messaging/SubscriberState.h"
 #include "platform/Guard.h"
@@ -58,9 +59,11 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   if (onMessageThread()) return refuse("called on its own io thread");
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
   const qelnk::Lock lock(state_->connecting);
-  if (hasThread() && !state_->stopping) return refuse("it is connected already");
+  if (hasLastingThread() && !state_->stopping) return refuse("it is connected already");
   state_->abandoned = true;  // this may be the thread that the last line is to be written on
-  if (!joinThread(cancelThread())) return refuse("its last thread cannot be waited for on an io thread");
+  const auto last = thread();
+  cancelThread(last);
+  if (!joinThread(last)) return refuse("its last thread cannot be waited for on an io thread");
   if (hasThread()) return refuse("it has been connected meanwhile");
   setConnectedBlock(std::move(onConnected));
   state_->deliveries.clear();  // of the last connection
@@ -83,10 +86,16 @@ void QELNKSubscriber::ioThread() { Loop(*this).run(); }
 
 void QELNKSubscriber::disconnect() {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
-  const bool connected = hasThread();
-  const uint64_t connection = state_->connection;
   state_->stopping = true;
-  const auto ending = cancelThread();
+  // The connection and its thread: the number rises before the next thread starts, and behind the end of the last.
+  uint64_t connection = 0;
+  std::shared_ptr<IOThread> ending;
+  do {
+    connection = state_->connection;
+    ending = thread();
+  } while (state_->connection != connection);
+  const bool connected = ending && !ending->isFinished();
+  cancelThread(ending);
   if (connected && (context()->responseQueue()->isCurrent() || !joinThread(ending)))
     qelnk::logError(
         "QELNKSubscriber was disconnected on the thread that serves its response queue, or on an io thread; its io "

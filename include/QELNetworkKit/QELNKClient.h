@@ -142,7 +142,6 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   bool withdraw(const std::shared_ptr<QELNKMessage> &message);
   void complete(std::shared_ptr<QELNKMessage> message);
   void fail(std::shared_ptr<QELNKMessage> message, int32_t code, const char *reason);
-  void start();
   void endWithoutThread();
   void dropConnectedBlock();
   Loop *currentLoop() const;

@@ -148,13 +148,15 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   /// The endpoint's thread, or its last one; null before the first. Unless something keeps others from connecting, they
   /// may start the next one at any time: who cancels and then waits has to do both to the same.
   std::shared_ptr<IOThread> thread() const QELNK_EXCLUDES(mutex_);
-  /// Has the endpoint's thread end, and returns it; closes a socket without a thread.
-  std::shared_ptr<IOThread> cancelThread();
+  /// Has a thread end that may be null; where it has ended already, closes a socket without a thread.
+  void cancelThread(const std::shared_ptr<IOThread> &thread);
   /// Waits for the end of a thread, which may be null and else has been cancelled. Returns false on an io thread, where
   /// nobody may wait for another, unless for one that waits for nobody.
   static bool joinThread(const std::shared_ptr<IOThread> &thread, bool waitsForNobody = false);
   /// Whether the endpoint has a thread that has not ended.
   bool hasThread() const;
+  /// Whether it has one that has not been cancelled either.
+  bool hasLastingThread() const;
   /// The body of the endpoint's thread; returns soon once isCancelled().
   virtual void ioThread() {}
   /// Whether the calling thread is this endpoint's io thread.
@@ -209,6 +211,8 @@ class QELNK_EXPORT QELNKSocket : public std::enable_shared_from_this<QELNKSocket
   struct IncomingFrame;
   int collectFrames(IncomingFrame &first, void *rawSocket, QELNKFrames &frames, int32_t flags, bool keepEmpty);
   void replaceSocket(std::shared_ptr<ZMQSocket> socket) QELNK_EXCLUDES(mutex_);
+  bool forgetSocket(const std::shared_ptr<ZMQSocket> &socket) QELNK_EXCLUDES(mutex_);
+  void close(const std::shared_ptr<ZMQSocket> &socket, std::chrono::milliseconds linger);
 
   std::shared_ptr<QELNKContext> context_;
   std::shared_ptr<qelnk::Clock> clock_;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "messaging/ClientFixture.h"
@@ -276,6 +277,79 @@ TEST(QELNKClientEnds, ReleasesWhoWaits) {
     client->connectedHook = [&](auto &) { Queue::main()->async(end); };
     client->connectToHost("127.0.0.1", peer.port(), [](auto &) {});
   }
+}
+
+// A callback that hears of the end makes the next connection, which is none of those that disconnect() was to end.
+TEST(QELNKClientEnds, IsConnectedAgainByWhoHearsOfTheEnd) {
+  struct AtOnce final : Queue {
+    void async(Task task) override { task(); }
+    bool isCurrent() const override { return true; }
+    const std::string &label() const override { return name; }
+    const std::string name = "at once";
+  };
+  const Peer peer(ZMQ_ROUTER, Peer::echo);
+  const auto queue = std::make_shared<AtOnce>();
+  const auto client =
+      QELNKSocket::make<HookedClient>(std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), queue, queue));
+  client->sendRequest(request(1), [&](auto &, auto &message) {
+    EXPECT_EQ(message->error().code, ENOTCONN);
+    client->connectToHost("127.0.0.1", peer.port(), nullptr);
+  });
+  client->disconnect();
+  const auto message = client->sendRequest(request(2), nullptr);
+  EXPECT_TRUE(eventually([&] { return message->isFinished(); }));
+  EXPECT_TRUE(message->response());
+}
+
+// However many connections begin and end while somebody waits to make the next one.
+TEST(QELNKClientEnds, AConnectionWaitsForTheEndOfEveryOneBefore) {
+  // Holds the first and the second connection's thread at its end: each calls once as it connects, and then.
+  struct HoldingQueue final : Queue {
+    void async(Task) override {
+      const int call = ++calls;
+      if (call == 2) first.get_future().wait();
+      if (call == 4) second.get_future().wait();
+    }
+    bool isCurrent() const override { return false; }
+    const std::string &label() const override { return name; }
+    const std::string name = "holding";
+    std::atomic<int> calls = 0;
+    std::promise<void> first, second;
+  };
+  const Peer peer(ZMQ_ROUTER, Peer::echo);
+  const auto queue = std::make_shared<HoldingQueue>();
+  const auto client =
+      QELNKSocket::make<HookedClient>(std::make_shared<QELNKContext>(std::make_shared<ZMQContext>(1), queue, queue));
+  const auto connect = [&] { client->connectToHost("127.0.0.1", peer.port(), nullptr); };
+  const auto called = [&](int times) { return eventually([&] { return queue->calls == times; }); };
+  connect();
+  ASSERT_TRUE(called(1));
+  client->disconnect();
+  ASSERT_TRUE(called(2));
+  std::promise<std::shared_ptr<RunLoop>> waiting;
+  std::thread connecting([&] {
+    waiting.set_value(RunLoop::current());
+    connect();
+  });
+  std::promise<void> between;
+  std::thread meanwhile([&, loop = waiting.get_future().get()] {
+    loop->performAndWait([&] {
+      between.set_value();
+      connect();
+      EXPECT_TRUE(called(3));
+      client->disconnect();
+    });
+  });
+  between.get_future().wait();
+  queue->first.set_value();
+  EXPECT_TRUE(called(4));
+  EXPECT_FALSE(eventually([&] { return queue->calls == 5; }, 100ms)) << "the one before still uses the client";
+  queue->second.set_value();
+  connecting.join();
+  meanwhile.join();
+  const auto message = client->sendRequest(request(1), nullptr);
+  EXPECT_TRUE(eventually([&] { return message->isFinished(); }));
+  EXPECT_TRUE(message->response());
 }
 
 TEST(QELNKClientEnds, LetsGoOfCallbacksThatHoldTheClient) {
