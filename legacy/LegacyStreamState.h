@@ -158,12 +158,13 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   void awaitHandshake();
   void endHandshake() QELNK_REQUIRES(mutex);
   void endConnection(uint64_t connection, const std::string &reason);
+  bool takesEnd(uint64_t connection);
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
 
   using Messages = std::vector<qelnk::IncomingMessages::Message>;
   bool receiveSome(QELNKLegacyStream &stream, Messages &messages);
-  void receive(QELNKLegacyStream &stream, Messages::value_type &message);
+  void receive(QELNKLegacyStream &stream, uint64_t connection, Messages::value_type &message);
   std::pair<uint64_t, uint64_t> incomingState();
 
   template <class Field>

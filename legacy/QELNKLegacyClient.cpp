@@ -155,12 +155,12 @@ void QELNKLegacyClient::dealloc() {
 }
 
 void QELNKLegacyClient::cleanUp() {
-  disconnect();
   std::shared_ptr<NetService> service;
   {
     const qelnk::Lock lock(clientState_->mutex);
     service.swap(clientState_->netService);
   }
+  disconnect();                                     // behind that: no service that is resolved meanwhile connects again
   if (service) service->stopFor(weak_from_this());  // it may be the next client's by now
   const qelnk::Lock lock(clientState_->mutex);
   clientState_->host.clear();
@@ -333,13 +333,16 @@ void QELNKLegacyClient::cancelConnectAttempt() {
 }
 
 void QELNKLegacyClient::disconnect() {
-  {
+  const auto stop = [this](bool isOver) {
     const qelnk::Lock lock(clientState_->mutex);
+    if (isOver && inputStream()) return;
     clientState_->connected = false;
     clientState_->isReconnecting = false;
     clientState_->stop(&ClientState::delayedConnect, &ClientState::connectNumber);
-  }
+  };
+  stop(false);
   QELNKLegacyStream::disconnect();
+  stop(true);  // of a connection that another thread began and this has ended, nothing may be left that goes on
 }
 
 void QELNKLegacyClient::_disconnect() {
@@ -535,8 +538,9 @@ void QELNKLegacyClient::netServiceDidResolveAddress(const std::shared_ptr<NetSer
     logDefault("Resolved net service {}", service->name());
     if (isReady() && service->hostName() == clientState_->host && service->port() == clientState_->port) return;
     takeAddress(*service);
+    clientState_->connected = true;
   }
-  connect();
+  _connect();
 }
 
 void QELNKLegacyClient::netServiceDidNotResolve(const std::shared_ptr<NetService> &, std::error_code error) {

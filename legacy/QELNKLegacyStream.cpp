@@ -214,9 +214,15 @@ void QELNKLegacyStream::State::endHandshake() {
 /// On the stream's thread: a connection that is still there, and has not ended by itself.
 void QELNKLegacyStream::State::endConnection(uint64_t connection, const std::string &reason) {
   const auto self = held.lock();
-  if (!self || connections != connection || !self->inputStream() || handledCloseError.exchange(true)) return;
+  if (!self || !self->inputStream() || !takesEnd(connection)) return;
   logError("QELNKLegacyStream ends the connection: {}", reason);
-  self->terminate();
+  self->terminate(connection);
+}
+
+/// Whether the end of a connection is the caller's to deal with: it is still there, and nobody else has.
+bool QELNKLegacyStream::State::takesEnd(uint64_t connection) {
+  const qelnk::Lock lock(mutex);
+  return connections == connection && !handledCloseError.exchange(true);
 }
 
 void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
@@ -483,10 +489,12 @@ void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
 void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, StreamEvent event) {
   const auto self = held();
   bool isInput = false, isOutput = false;
-  if (stream) {
+  uint64_t connection = 0;
+  {
     const qelnk::Lock lock(state_->mutex);
-    isInput = stream == state_->input;
-    isOutput = stream == state_->output;
+    isInput = stream && stream == state_->input;
+    isOutput = stream && stream == state_->output;
+    connection = state_->connections;
   }
   if (stream && !isInput && !isOutput) return;  // of a connection that was dropped meanwhile
   switch (event) {
@@ -509,29 +517,30 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       break;
     }
     case StreamEvent::error: {
-      if (state_->handledCloseError.exchange(true)) break;
+      if (!state_->takesEnd(connection)) break;
       const std::error_code error = stream ? stream->error() : std::error_code();
       {
         const qelnk::Lock lock(state_->mutex);
+        if (state_->connections != connection) break;
         state_->connectionError = error;
       }
       if (error == std::errc::connection_refused) return informDelegateConnectionRefused();
       if (error == std::errc::address_not_available) return handleAddressNotAvailableForStream(stream);
       logDefault("NSStreamEventErrorOccurred: {}", error.message());
-      terminate();
+      terminate(connection);
       break;
     }
     case StreamEvent::end:
-      if (state_->handledCloseError.exchange(true)) break;
+      if (!state_->takesEnd(connection)) break;
       logDefault("NSStreamEventEndEncountered");
-      terminate();
+      terminate(connection);
       break;
   }
 }
 
-/// Tells that the connection has ended, and ends it; not one that the delegate has made meanwhile.
-void QELNKLegacyStream::terminate() {
-  const uint64_t connection = state_->connections;
+/// Tells that the connection has ended, and ends it; not one that the delegate, or another thread, has made meanwhile.
+void QELNKLegacyStream::terminate(uint64_t connection) {
+  if (state_->connections != connection) return;
   informDelegateStreamWasTerminated();
   if (state_->connections == connection) _disconnect();
 }
@@ -582,7 +591,7 @@ bool QELNKLegacyStream::State::readAll(QELNKLegacyStream &stream, InputStream &f
       }
     } catch (const std::bad_alloc &) {
       logError("QELNKLegacyStream ends the connection: no memory for what was received");
-      if (!handledCloseError.exchange(true)) stream.terminate();
+      if (takesEnd(connection)) stream.terminate(connection);
     }
   }
   return true;
@@ -614,11 +623,11 @@ bool QELNKLegacyStream::State::receiveSome(QELNKLegacyStream &stream, Messages &
       if (kind == IncomingMessages::Kind::binaryHeader || kind == IncomingMessages::Kind::binary) break;
     }
   }
-  for (size_t i = 0; i < count && connections == connection; ++i) receive(stream, messages[i]);
+  for (size_t i = 0; i < count && connections == connection; ++i) receive(stream, connection, messages[i]);
   return goesOn && connections == connection;
 }
 
-void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::value_type &message) {
+void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, uint64_t connection, Messages::value_type &message) {
   using Kind = IncomingMessages::Kind;
   const auto remember = [&](std::optional<std::string> State::*field, std::optional<std::string> text) {
     const qelnk::Lock lock(mutex);
@@ -672,7 +681,7 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, Messages::valu
     case Kind::binaryTooLong:
       logError("QELNKLegacyStream ends the connection: a {} is longer than the options allow",
                message.kind == Kind::stringTooLong ? "string" : "binary block");
-      if (!handledCloseError.exchange(true)) stream.terminate();
+      if (takesEnd(connection)) stream.terminate(connection);
       break;
   }
 }

@@ -274,7 +274,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   bool queue(const void *bytes, size_t length, const qelnk::Data *shared, bool terminated, bool ignoringStatus);
   void queueHandshake();
   void readIncoming(const std::shared_ptr<qelnk::InputStream> &input);
-  void terminate();
+  void terminate(uint64_t connection);
 
   const std::unique_ptr<State> state_;
 };

@@ -384,3 +384,28 @@ TEST(LegacyClientEnds, AnyWayAtAnyTime) {
   EXPECT_TRUE(eventually([&] { return threadCount() <= threads + 1; }));
   EXPECT_TRUE(eventually([&] { return descriptorCount() <= descriptors + 4; }));
 }
+
+// Another thread's connect() in the middle of disconnect(): one of the two counts, and what the client says is so.
+TEST(LegacyClientEnds, WhileAnotherThreadConnects) {
+  class Raced final : public QELNKLegacyClient {
+   public:
+    static std::shared_ptr<Raced> create(uint16_t port) {
+      auto client = own(new Raced);
+      client->setOptions(defaultPlayoutOptions());
+      client->setHost("127.0.0.1");
+      client->setPort(port);
+      return client;
+    }
+    void _disconnect() override {
+      if (const auto now = std::exchange(meanwhile, nullptr)) std::thread(now).join();
+      QELNKLegacyClient::_disconnect();
+    }
+    std::function<void()> meanwhile;
+  };
+  const Listener listener;
+  const auto client = Raced::create(listener.port());
+  client->meanwhile = [&] { client->connect(); };
+  client->disconnect();
+  EXPECT_EQ(client->isConnected(), client->inputStream() != nullptr);
+  client->disconnect();
+}

@@ -230,6 +230,39 @@ TEST_P(LegacyStream, FailsCleanlyAtEveryStep) {
   }
 }
 
+TEST(LegacyStreamEnds, AnErrorOfTheLastConnectionEndsNotTheNext) {
+  struct Replaced final : Faulty<InputStream> {
+    using Faulty::Faulty;
+    bool hasBytesAvailable() override { return false; }
+    ssize_t read(std::span<uint8_t>) override { return 0; }
+    std::error_code error() const override {
+      std::thread(replace).join();
+      return Faulty::error();
+    }
+    std::function<void()> replace;
+  };
+  auto [failing, ignored] = connectedStreams(Transport::memory);
+  auto [ours, theirs] = connectedStreams(Transport::memory);
+  const auto observer = std::make_shared<StreamObserver>();
+  const auto stream = QELNKLegacyStream::create(playout());
+  stream->setDelegate(observer);
+  const auto fault = std::make_shared<Fault>();
+  fault->left = 0;
+  const auto replaced = std::make_shared<Replaced>(failing.input, fault);
+  std::atomic<bool> isReplaced = false;
+  replaced->replace = [&, next = ours] {
+    stream->setInputStream(next.input, next.output);
+    isReplaced = true;
+  };
+  stream->setInputStream(replaced, failing.output);
+  EXPECT_TRUE(eventually([&] { return isReplaced.load(); }));
+  RawPeer peer(theirs);
+  peer.send(handshakeBytes("peer", "10.1.2.3", "app"));
+  EXPECT_TRUE(eventually([&] { return observer->has("ready"); }));
+  EXPECT_EQ(observer->all(), Texts{"ready"});
+  stream->disconnect();
+}
+
 TEST(LegacyStreamBadInput, DoesNoHarm) {
   const CapturedLog log;
   const auto run = [&](const std::string &bytes, const Value &options) {
