@@ -67,6 +67,7 @@ struct QELNK_HIDDEN QELNKLegacyClient::ClientState {
   // Of the one that counts: a timer that has begun to fire may have been cancelled meanwhile.
   uint64_t timeoutNumber QELNK_GUARDED_BY(mutex) = 0, heartbeatNumber QELNK_GUARDED_BY(mutex) = 0;
   uint64_t connectNumber QELNK_GUARDED_BY(mutex) = 0;
+  uint64_t timedConnection QELNK_GUARDED_BY(mutex) = 0;  // the stream's, which the timeout is for
 
   bool isReconnecting QELNK_GUARDED_BY(mutex) = false, isCancelled QELNK_GUARDED_BY(mutex) = false;
   bool attemptIPv4Fallback QELNK_GUARDED_BY(mutex) = false;
@@ -106,18 +107,18 @@ struct QELNK_HIDDEN QELNKLegacyClient::ClientState {
     if (this->*timer) (this->*timer)->cancel();
     return std::exchange(this->*timer, nullptr);
   }
-  /// Starts a timer on the calling thread's loop in place of the one there was. It calls `work` of `client` unless
+  /// Starts a timer on the calling thread's loop in place of the one there was. It calls `work(client, number)` unless
   /// another has taken its place.
+  template <class Work>
   void start(Timer timer, Number number, double seconds, std::chrono::nanoseconds interval,
-             const std::weak_ptr<QELNKLegacyStream> &client, void (QELNKLegacyClient::*work)(),
-             const void *target = nullptr) {
+             const std::weak_ptr<QELNKLegacyStream> &client, Work work, const void *target = nullptr) {
     const qelnk::Lock lock(mutex);
     stop(timer, number);
     this->*timer = RunLoop::current()->performAfter(
         qelnk::nanosecondsFrom(seconds),
         [this, client, work, number, mine = this->*number] {
           const auto self = std::static_pointer_cast<QELNKLegacyClient>(client.lock());
-          if (self && get(number) == mine) (*self.*work)();
+          if (self && get(number) == mine) work(*self, mine);
         },
         interval, target);
   }
@@ -248,10 +249,11 @@ void QELNKLegacyClient::_connectToHost(const std::string &host) {
     clientState_->stop(&ClientState::delayedConnect, &ClientState::connectNumber);  // this is it
     if (clientState_->connectTimeout > 0)
       clientState_->start(&ClientState::timeoutTimer, &ClientState::timeoutNumber, clientState_->connectTimeout, {},
-                          held(), &QELNKLegacyClient::timeoutReached);
+                          held(), [](auto &client, uint64_t timer) { client.timeoutReached(timer); });
     const auto streams = streamsToHost(host, clientState_->port);
     if (!streams) return noStreams;
     setInputStream(streams.input, streams.output);
+    clientState_->timedConnection = state_->connections;
     return std::nullopt;
   };
   if (const auto error = connectError()) connectFailedWithError(*error);
@@ -293,8 +295,9 @@ void QELNKLegacyClient::reconnect() {
 /// Has the client connect later, unless it is connected or told to disconnect by then. There is one such wait at a
 /// time.
 void QELNKLegacyClient::connectAfter(double seconds) {
-  clientState_->start(&ClientState::delayedConnect, &ClientState::connectNumber, seconds, {}, held(),
-                      &QELNKLegacyClient::delayedConnect, static_cast<const QELNKLegacyStream *>(this));
+  clientState_->start(
+      &ClientState::delayedConnect, &ClientState::connectNumber, seconds, {}, held(),
+      [](auto &client, uint64_t) { client.delayedConnect(); }, static_cast<const QELNKLegacyStream *>(this));
 }
 
 void QELNKLegacyClient::delayedConnect() {
@@ -317,9 +320,15 @@ void QELNKLegacyClient::takeAddress(const NetService &service) {
   clientState_->port = clientState_->resolvedPort = service.port();
 }
 
-void QELNKLegacyClient::timeoutReached() {
-  cancelTimeoutTimer();
-  if (isReady() || !inputStream()) return;  // while this was about to run
+void QELNKLegacyClient::timeoutReached(uint64_t timer) {
+  uint64_t connection = 0;
+  {
+    const qelnk::Lock lock(clientState_->mutex);
+    if (clientState_->timeoutNumber != timer) return;  // another thread has begun another attempt meanwhile
+    cancelTimeoutTimer();
+    connection = clientState_->timedConnection;
+  }
+  if (isReady() || !inputStream() || state_->connections != connection) return;  // while this was about to run
   connectFailedWithError(timedOut);
 }
 
@@ -328,11 +337,13 @@ void QELNKLegacyClient::cancelTimeoutTimer() {
 }
 
 void QELNKLegacyClient::cancelConnectAttempt() {
+  const auto self = held();
   clientState_->set(&ClientState::isCancelled, true);
   _disconnect();
 }
 
 void QELNKLegacyClient::disconnect() {
+  const auto self = held();  // a delegate that is called while this waits may drop the last reference
   const auto stop = [this](bool isOver) {
     const qelnk::Lock lock(clientState_->mutex);
     if (isOver && inputStream()) return;
@@ -342,7 +353,7 @@ void QELNKLegacyClient::disconnect() {
   };
   stop(false);
   QELNKLegacyStream::disconnect();
-  stop(true);  // of a connection that another thread began and this has ended, nothing may be left that goes on
+  stop(true);  // another thread's connect() in between: what has come to nothing does not go on by itself
 }
 
 void QELNKLegacyClient::_disconnect() {
@@ -471,7 +482,7 @@ void QELNKLegacyClient::startHeartbeatMonitor() {
   clientState_->heartbeatNotifiedProblem = false;
   clientState_->start(&ClientState::heartbeatTimer, &ClientState::heartbeatNumber,
                       std::chrono::duration<double>(heartbeatCheckInterval).count(), heartbeatCheckInterval, held(),
-                      &QELNKLegacyClient::heartbeatMonitorTask);
+                      [](auto &client, uint64_t) { client.heartbeatMonitorTask(); });
 }
 
 void QELNKLegacyClient::cancelHeartbeatMonitor() {

@@ -248,7 +248,10 @@ void QELNKLegacyStream::State::close(const std::shared_ptr<QELNKLegacyStreamThre
   stream->close();
 }
 
-void QELNKLegacyStream::disconnect() { _disconnect(); }
+void QELNKLegacyStream::disconnect() {
+  const auto self = held();  // a delegate that is called while this waits may drop the last reference
+  _disconnect();
+}
 
 void QELNKLegacyStream::_disconnect() {
   logDefault("Disconnect streams");
@@ -538,7 +541,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
   }
 }
 
-/// Tells that the connection has ended, and ends it; not one that the delegate, or another thread, has made meanwhile.
+/// Tells that the connection has ended, and ends it; not one that has been made before this, or by the delegate.
 void QELNKLegacyStream::terminate(uint64_t connection) {
   if (state_->connections != connection) return;
   informDelegateStreamWasTerminated();

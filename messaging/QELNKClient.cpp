@@ -55,14 +55,14 @@ void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock o
     if (!refused) {
       if (state_->phase == State::Phase::ended) ++state_->connectionChanges;
       state_->phase = State::Phase::running;
-      state_->host = host;
-      state_->port = port;
       state_->connectedBlock.swap(onConnected);  // the old one goes after the lock
-      if (syncRequests()) connected = std::make_shared<qelnk::Semaphore>();
-      state_->connected = connected;
       try {
+        state_->host = host;
+        state_->port = port;
+        if (syncRequests()) connected = std::make_shared<qelnk::Semaphore>();
+        state_->connected = connected;
         startThread("qelnk-client");
-      } catch (const std::system_error &error) {
+      } catch (const std::exception &error) {
         failure = error.what();
       }
     }

@@ -67,16 +67,13 @@ void QELNKSubscriber::connectToHost(std::string host, int32_t port, ConnectedBlo
   if (hasThread()) return refuse("it has been connected meanwhile");
   setConnectedBlock(std::move(onConnected));
   state_->deliveries.clear();  // of the last connection
-  ++state_->connection;
-  {
-    const qelnk::Lock members(state_->mutex);
+  try {
+    const qelnk::Lock members(state_->mutex);  // disconnect() finds all of the connection, or nothing
+    ++state_->connection;
     state_->host = std::move(host);
     state_->port = port;
-  }
-  state_->stopping = state_->abandoned = false;
-  try {
+    state_->stopping = state_->abandoned = false;
     startThread("qelnk-subscr");
-    if (state_->stopping) QELNKSocket::disconnect();  // another thread's came too early for this one
   } catch (const std::system_error &error) {
     qelnk::logError("QELNKSubscriber could not connect: {}", error.what());
   }
@@ -86,14 +83,14 @@ void QELNKSubscriber::ioThread() { Loop(*this).run(); }
 
 void QELNKSubscriber::disconnect() {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
-  state_->stopping = true;
-  // The connection and its thread: the number rises before the next thread starts, and behind the end of the last.
   uint64_t connection = 0;
   std::shared_ptr<IOThread> ending;
-  do {
+  {
+    const qelnk::Lock lock(state_->mutex);
+    state_->stopping = true;
     connection = state_->connection;
     ending = thread();
-  } while (state_->connection != connection);
+  }
   const bool connected = ending && !ending->isFinished();
   cancelThread(ending);
   if (connected && (context()->responseQueue()->isCurrent() || !joinThread(ending)))

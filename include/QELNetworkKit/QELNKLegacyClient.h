@@ -204,7 +204,7 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
 
  private:
   struct ClientState;
-  void timeoutReached();
+  void timeoutReached(uint64_t timer);
   void connectAfter(double seconds);
   void delayedConnect();
   void followService();

@@ -230,6 +230,26 @@ TEST_P(LegacyStream, FailsCleanlyAtEveryStep) {
   }
 }
 
+// What disconnect() waits for may call a delegate, which drops the last reference.
+TEST(LegacyStreamEnds, ByTheDelegateThatDisconnectWaitsFor) {
+  auto [ours, theirs] = connectedStreams(Transport::memory);
+  const auto observer = std::make_shared<StreamObserver>();
+  auto stream = QELNKLegacyStream::create(with(playout(), "delegateOnMainThread", true));
+  stream->setDelegate(observer);
+  stream->setInputStream(ours.input, ours.output);
+  RawPeer peer(theirs);
+  peer.send(handshakeBytes("peer", "10.1.2.3", "app"));
+  ASSERT_TRUE(eventually([&] { return observer->has("ready"); }));
+  observer->onTold([&](const std::string &) { stream.reset(); });
+  peer.close();
+  // Without turning the main loop, for which the stream's thread waits with the end.
+  while (stream->writeString("x")) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  QELNKLegacyStream &held = *stream;
+  held.disconnect();
+  EXPECT_TRUE(eventually([&] { return observer->has("terminated"); }));
+  EXPECT_FALSE(stream);
+}
+
 TEST(LegacyStreamEnds, AnErrorOfTheLastConnectionEndsNotTheNext) {
   struct Replaced final : Faulty<InputStream> {
     using Faulty::Faulty;
