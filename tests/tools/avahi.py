@@ -67,8 +67,15 @@ class Discovery:
 
     def browse(self, type):
         """What the system's own browser finds: NAME, port and TXT entries of each service."""
-        out = subprocess.run(["avahi-browse", "-rpt", type], env={**os.environ, **self.env}, capture_output=True,
-                             timeout=60).stdout.decode()
+        # It waits for ever where a service goes while its address is being asked for: then another one has to look.
+        for left in reversed(range(3)):
+            try:
+                out = subprocess.run(["avahi-browse", "-rpt", type], env={**os.environ, **self.env}, capture_output=True,
+                                     timeout=20).stdout.decode()
+                break
+            except subprocess.TimeoutExpired:
+                if not left:
+                    raise
         rows = [line.split(";", 9) for line in out.splitlines() if line.startswith("=")]
         return {(row[3], int(row[8]), frozenset(row[9].strip('"').split('" "'))) for row in rows}
 
