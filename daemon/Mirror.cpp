@@ -26,12 +26,6 @@ void Mirror::opened(uint64_t opening) {
   openingsAsked_.erase(opening);
 }
 
-bool Mirror::openingFailed(uint64_t opening) {
-  const Lock lock(mutex_);
-  openingsAsked_.erase(opening);
-  return opening == lastOpening_;
-}
-
 uint64_t Mirror::opening() const {
   const Lock lock(mutex_);
   return opening_;

@@ -53,8 +53,14 @@ class Mirror {
   }
   /// The daemon has opened the project: empties the list; the workflows' ports are not found any more.
   void opened(uint64_t opening);
-  /// Nothing came of an opening. Returns whether it was the last one asked for.
-  bool openingFailed(uint64_t opening);
+  /// Nothing came of an opening. Does `whenLast` in one step with seeing that no later one was asked for: it must not
+  /// call anybody.
+  template <class WhenLast>
+  void openingFailed(uint64_t opening, WhenLast whenLast) {
+    const Lock lock(mutex_);
+    openingsAsked_.erase(opening);
+    if (opening == lastOpening_) whenLast();
+  }
   /// Which opening the list belongs to.
   uint64_t opening() const;
   /// Does `then` in one step with seeing that the list belongs to `opening` and no later one is under way. It must not

@@ -43,12 +43,11 @@ void QELNKKORVALClient::onConnected() {
   updateWorkflows();
 }
 
-// The mirror will not be complete. A synchronous caller of connectToHost() must not wait for it any longer; what he
-// waits for is the connected callback, which is dropped so that it is not called for a mirror with holes.
-void QELNKKORVALClient::releaseConnecting() {
-  if (!syncRequests()) return;
-  takeConnectedBlock();
-  informConnected();
+// The mirror will not be complete: a synchronous caller of connectToHost() must not wait for it any longer. The
+// callback is dropped, so that it is not called for a mirror with holes.
+void QELNKKORVALClient::release(Awaiting awaiting) {
+  awaiting.block = nullptr;
+  informConnected(std::move(awaiting));
 }
 
 // Matching responses.
@@ -119,9 +118,7 @@ Message QELNKKORVALClient::messageForRequest(Value request, CommandBlock onDone,
 
 // The project.
 
-void QELNKKORVALClient::updateWorkflows() {
-  std::make_shared<Load>(mirror_->opening(), connectionChanges())->start(*this);
-}
+void QELNKKORVALClient::updateWorkflows() { std::make_shared<Load>(mirror_->opening(), connection())->start(*this); }
 
 void QELNKKORVALClient::setProjectRunning(std::string_view command, bool runs, CommandBlock onDone) {
   sendRequest(requestForCommand(command),
@@ -149,29 +146,24 @@ void QELNKKORVALClient::saveProject(const std::string &name) {
 void QELNKKORVALClient::save() { saveProject(projectFile().value_or("")); }
 
 void QELNKKORVALClient::loadProject(const std::string &name, ConnectedBlock onLoaded) {
-  ConnectedBlock replaced;
-  const uint64_t opening = mirror_->beginOpening([&] {
-    replaced = takeConnectedBlock();
-    setConnectedBlock(onLoaded);  // a copy, for one that is not kept must not end here
-  });
-  replaced = nullptr;
+  const uint64_t opening = mirror_->beginOpening([&] { onLoaded = exchangeConnectedBlock(std::move(onLoaded)); });
+  onLoaded = nullptr;  // whatever is not to be called any more
   sendRequest(withData(requestForCommand("openProject"), {{QELNKKORVALName, name}}),
-              [opening, name, ended = connectionChanges()](const Client &client, const Message &message) {
+              [opening, name](const Client &client, const Message &message) {
                 if (!message->response()) {
                   qelnk::logError("QELNKKORVALClient could not load project {}: {}", name,
                                   message->error().description);
-                  return korval(client).loadingFailed(opening, ended);
+                  return korval(client).loadingFailed(opening, connectionOf(*message));
                 }
                 korval(client).mirror_->opened(opening);
                 korval(client).updateWorkflows();
               });
 }
 
-void QELNKKORVALClient::loadingFailed(uint64_t opening, uint64_t ended) {
-  // The callback is a later opening's, or the next connection's.
-  if (!mirror_->openingFailed(opening) || ended != connectionChanges()) return;
-  takeConnectedBlock();
-  releaseConnecting();
+void QELNKKORVALClient::loadingFailed(uint64_t opening, uint64_t connection) {
+  std::optional<Awaiting> due;  // none where they are a later opening's, or the next connection's
+  mirror_->openingFailed(opening, [&] { due = takeAwaiting(connection); });
+  if (due) release(std::move(*due));
 }
 
 void QELNKKORVALClient::updateProjectState(const Value &description) {
@@ -183,10 +175,7 @@ void QELNKKORVALClient::updateProjectState(const Value &description) {
 void QELNKKORVALClient::quit() {
   sendRequest(
       requestForCommand("quit"),
-      [ended = connectionChanges()](const Client &client, const Message &) {
-        if (korval(client).connectionChanges() == ended) client->disconnect();
-      },
-      true);
+      [](const Client &client, const Message &message) { korval(client).endConnection(connectionOf(*message)); }, true);
 }
 
 bool QELNKKORVALClient::running() const { return mirror_->running; }

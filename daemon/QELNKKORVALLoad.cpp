@@ -91,19 +91,23 @@ Message QELNKKORVALClient::Load::barrier() {
         if (load->failed_) return;
         if (message->error()) return load->fail(client, "the workflows", message->error());
         if (load->isOver(client)) return load->giveUp(client);
-        // Where a project is being opened the connected callback is for the load that follows.
-        std::optional<ConnectedBlock> due;
-        client.mirror_->ifNewest(load->opening_, [&] { due = client.takeConnectedBlock(); });
-        if (due) client.informConnected(std::move(*due));
+        if (auto due = load->takeAwaiting(client)) client.informConnected(std::move(*due));
       });
+}
+
+// Where a project is being opened the connected callback is for the load that follows, and where there is another
+// connection for its own load.
+std::optional<QELNKClient::Awaiting> QELNKKORVALClient::Load::takeAwaiting(QELNKKORVALClient &client) const {
+  std::optional<Awaiting> due;
+  client.mirror_->ifNewest(opening_, [&] { due = client.takeAwaiting(connection_); });
+  return due;
 }
 
 void QELNKKORVALClient::Load::fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error) {
   giveUp(client);
   qelnk::logError("QELNKKORVALClient could not load {}: {}", what, error.description);
-  bool newest = false;
-  client.mirror_->ifNewest(opening_, [&] { newest = true; });
-  if (newest && !isOver(client)) client.releaseConnecting();
+  if (!client.syncRequests()) return;  // its callback waits for a load that succeeds
+  if (auto due = takeAwaiting(client)) client.release(std::move(*due));
 }
 
 void QELNKKORVALClient::Load::giveUp(QELNKKORVALClient &client) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@
 class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this<Load> {
  public:
   /// For the project of an opening of the mirror's; on the connection that there is now, or on the first.
-  Load(uint64_t opening, uint64_t connectionChanges) : opening_(opening), connectionChanges_(connectionChanges) {}
+  Load(uint64_t opening, uint64_t connection) : opening_(opening), connection_(connection) {}
   void start(QELNKKORVALClient &client);
 
  private:
@@ -35,10 +36,12 @@ class QELNK_HIDDEN QELNKKORVALClient::Load : public std::enable_shared_from_this
   /// next one brings everything once.
   void fail(QELNKKORVALClient &client, const std::string &what, const qelnk::Error &error);
   void giveUp(QELNKKORVALClient &client);
+  /// Those whom the end of this load is reported to; none where another one has taken its place.
+  std::optional<Awaiting> takeAwaiting(QELNKKORVALClient &client) const;
   /// Whether its connection has ended. The next one has a load of its own.
-  bool isOver(const QELNKKORVALClient &client) const { return client.connectionChanges() != connectionChanges_; }
+  bool isOver(const QELNKKORVALClient &client) const { return client.connection() != connection_; }
 
-  const uint64_t opening_, connectionChanges_;
+  const uint64_t opening_, connection_;
   bool failed_ = false;
   size_t ports_ = 0;  // of all workflows
   std::vector<Workflow> added_;

@@ -77,7 +77,8 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   /// What has been read; of its own, so that writing and reading do not wait for each other. Behind `mutex`, if both.
   alignas(64) qelnk::Mutex readMutex;
   qelnk::IncomingMessages incoming QELNK_GUARDED_BY(readMutex);
-  std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
+  std::atomic<uint64_t> connections{0};       // counts them: what was taken out of `incoming` may be an earlier one's
+  std::atomic<uint64_t> endingConnection{0};  // whose end somebody deals with, or dealt with last
 
   /// What waits for the main thread, in order. While it is much, nothing is read.
   struct Deliveries {
@@ -134,6 +135,13 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   std::shared_ptr<QELNKLegacyStreamThread> servingThread() const;
   static void close(const std::shared_ptr<QELNKLegacyStreamThread> &on,
                     const std::shared_ptr<qelnk::ByteStream> &stream);
+  /// What a connection leaves, to be closed when no lock is held.
+  struct Connection {
+    std::shared_ptr<qelnk::ByteStream> input, output;
+    std::shared_ptr<QELNKLegacyStreamThread> thread;
+  };
+  Connection takeConnection() QELNK_REQUIRES(mutex);
+  void close(const Connection &connection);
   void dropConnection() QELNK_REQUIRES(mutex, readMutex);
   /// Takes back what was queued since it was made, unless all of it could be: a message goes out whole or not at all.
   class Appending {

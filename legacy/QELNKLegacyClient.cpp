@@ -232,7 +232,11 @@ void QELNKLegacyClient::connectToHost(const std::string &host) {
 
 void QELNKLegacyClient::_connect() { _connectToHost(host()); }
 
-void QELNKLegacyClient::_connectToHost(const std::string &host) {
+void QELNKLegacyClient::_connectToHost(const std::string &host) { attempt(host, false); }
+
+/// A repetition that nobody asked for has nothing to do where there is a connection.
+void QELNKLegacyClient::attempt(const std::string &host, bool isRepetition) {
+  std::optional<uint64_t> connection;
   const auto connectError = [&]() -> std::optional<ConnectError> {
     const qelnk::Lock lock(clientState_->mutex);
     if (clientState_->isCancelled) {
@@ -241,6 +245,7 @@ void QELNKLegacyClient::_connectToHost(const std::string &host) {
     }
     if (!clientState_->connected) return std::nullopt;  // told to disconnect meanwhile
     if (inputStream() || outputStream()) {
+      if (isRepetition) return std::nullopt;
       logDefault("{} attempted to reconnect while already connected", description());
       clientState_->maxRetryAttempts = 0;
       return alreadyConnected;
@@ -251,22 +256,24 @@ void QELNKLegacyClient::_connectToHost(const std::string &host) {
       clientState_->start(&ClientState::timeoutTimer, &ClientState::timeoutNumber, clientState_->connectTimeout, {},
                           held(), [](auto &client, uint64_t timer) { client.timeoutReached(timer); });
     const auto streams = streamsToHost(host, clientState_->port);
-    if (!streams) return noStreams;
-    setInputStream(streams.input, streams.output);
-    clientState_->timedConnection = state_->connections;
-    return std::nullopt;
+    if (streams) setInputStream(streams.input, streams.output);
+    connection = clientState_->timedConnection = state_->connections;
+    return streams ? std::nullopt : std::optional(noStreams);
   };
-  if (const auto error = connectError()) connectFailedWithError(*error);
+  if (const auto error = connectError()) connectFailed(*error, connection);
 }
 
 qelnk::StreamPair QELNKLegacyClient::streamsToHost(const std::string &host, uint64_t port) {
   return qelnk::streamsToHost(host, port);
 }
 
-void QELNKLegacyClient::connectFailedWithError(int64_t error) {
+void QELNKLegacyClient::connectFailedWithError(int64_t error) { connectFailed(error, std::nullopt); }
+
+/// Nothing is told and tried where there is another connection meanwhile than the one that failed, if one is given.
+void QELNKLegacyClient::connectFailed(int64_t error, std::optional<uint64_t> connection) {
   const auto self = held();
   logDefault("{} connection failed with error: {}, will retry: {:d}", description(), error, willRetryConnect());
-  _disconnect();
+  if (!endConnection(connection)) return;
   informClient(false, 0, [error, willRetry = willRetryConnect()](const auto &client, auto *delegate) {
     delegate->networkClient(client, error, willRetry);
   });
@@ -302,7 +309,7 @@ void QELNKLegacyClient::connectAfter(double seconds) {
 
 void QELNKLegacyClient::delayedConnect() {
   followService();
-  if (isConnected() && !inputStream()) _connect();
+  attempt(host(), true);
 }
 
 /// A service that was resolved may have moved; the owner may have set another host, too.
@@ -328,8 +335,8 @@ void QELNKLegacyClient::timeoutReached(uint64_t timer) {
     cancelTimeoutTimer();
     connection = clientState_->timedConnection;
   }
-  if (isReady() || !inputStream() || state_->connections != connection) return;  // while this was about to run
-  connectFailedWithError(timedOut);
+  if (isReady() || !inputStream()) return;  // while this was about to run
+  connectFailed(timedOut, connection);
 }
 
 void QELNKLegacyClient::cancelTimeoutTimer() {
@@ -356,10 +363,18 @@ void QELNKLegacyClient::disconnect() {
   stop(true);  // another thread's connect() in between: what has come to nothing does not go on by itself
 }
 
-void QELNKLegacyClient::_disconnect() {
-  cancelTimeoutTimer();
-  cancelHeartbeatMonitor();
-  QELNKLegacyStream::_disconnect();
+bool QELNKLegacyClient::endConnection(std::optional<uint64_t> connection) {
+  State::Connection ended;
+  {
+    const qelnk::Lock lock(clientState_->mutex);
+    const qelnk::Lock streams(state_->mutex);
+    if (connection && *connection != state_->connections) return false;
+    cancelTimeoutTimer();  // with that: another thread's next attempt has timers of its own
+    cancelHeartbeatMonitor();
+    ended = state_->takeConnection();
+  }
+  state_->close(ended);
+  return true;
 }
 
 // --- What the stream has to tell ---
@@ -382,14 +397,19 @@ void QELNKLegacyClient::informClientIsReady() {
 }
 
 void QELNKLegacyClient::informDelegateStreamIsReady() {
-  cancelTimeoutTimer();
-  startHeartbeatMonitor();
+  {
+    const qelnk::Lock lock(clientState_->mutex);
+    if (isReady()) {  // else these are another thread's next attempt's
+      cancelTimeoutTimer();
+      startHeartbeatMonitor();
+    }
+  }
   informClientIsReady();
   clientState_->set(&ClientState::retryAttempts, int64_t(0));
 }
 
 void QELNKLegacyClient::informDelegateStreamWasTerminated() {
-  _disconnect();
+  if (!endConnection(state_->endingConnection)) return;
   if (!clientState_->get(&ClientState::isReconnecting))
     informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, auto *delegate) {
       delegate->networkClientWasTerminated(client, willReconnect);
@@ -447,7 +467,7 @@ void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTime
       timecode, extendedInformation);
 }
 
-void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailedWithError(refused); }
+void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailed(refused, state_->endingConnection); }
 
 void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr<ByteStream> &stream) {
   std::shared_ptr<NetService> service;
@@ -461,8 +481,8 @@ void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr
       sockaddr_in address{};
       if (bytes.size() != sizeof address) continue;
       std::memcpy(&address, bytes.data(), sizeof address);
-      _disconnect();
-      return _connectToHost(stringFromIPv4Address(address.sin_addr.s_addr));
+      if (endConnection(state_->endingConnection)) _connectToHost(stringFromIPv4Address(address.sin_addr.s_addr));
+      return;
     }
   }
   QELNKLegacyStream::handleAddressNotAvailableForStream(stream);

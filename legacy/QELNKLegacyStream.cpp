@@ -222,7 +222,9 @@ void QELNKLegacyStream::State::endConnection(uint64_t connection, const std::str
 /// Whether the end of a connection is the caller's to deal with: it is still there, and nobody else has.
 bool QELNKLegacyStream::State::takesEnd(uint64_t connection) {
   const qelnk::Lock lock(mutex);
-  return connections == connection && !handledCloseError.exchange(true);
+  if (connections != connection || handledCloseError.exchange(true)) return false;
+  endingConnection = connection;
+  return true;
 }
 
 void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
@@ -253,22 +255,33 @@ void QELNKLegacyStream::disconnect() {
   _disconnect();
 }
 
-void QELNKLegacyStream::_disconnect() {
-  logDefault("Disconnect streams");
-  std::shared_ptr<ByteStream> input, output;
-  std::shared_ptr<QELNKLegacyStreamThread> thread;
+void QELNKLegacyStream::_disconnect() { endConnection(std::nullopt); }
+
+bool QELNKLegacyStream::endConnection(std::optional<uint64_t> connection) {
+  State::Connection ended;
   {
     const qelnk::Lock lock(state_->mutex);
-    const qelnk::Lock reading(state_->readMutex);
-    input = std::exchange(state_->input, nullptr);
-    output = std::exchange(state_->output, nullptr);
-    thread = std::exchange(state_->connectionThread, nullptr);
-    state_->dropConnection();
+    if (connection && *connection != state_->connections) return false;
+    ended = state_->takeConnection();
   }
-  State::close(thread, input);
-  State::close(thread, output);
-  const qelnk::Lock lock(state_->mutex);
-  if (!state_->input && !state_->output) state_->status = 0;  // what an event that was under way has set
+  state_->close(ended);
+  return true;
+}
+
+QELNKLegacyStream::State::Connection QELNKLegacyStream::State::takeConnection() {
+  const qelnk::Lock reading(readMutex);
+  dropConnection();
+  return {.input = std::exchange(input, nullptr),
+          .output = std::exchange(output, nullptr),
+          .thread = std::exchange(connectionThread, nullptr)};
+}
+
+void QELNKLegacyStream::State::close(const Connection &connection) {
+  logDefault("Disconnect streams");
+  close(connection.thread, connection.input);
+  close(connection.thread, connection.output);
+  const qelnk::Lock lock(mutex);
+  if (!input && !output) status = 0;  // what an event that was under way has set
 }
 
 /// The thread of the connection, or of the next one.
@@ -462,14 +475,17 @@ void QELNKLegacyStream::queueHandshake() {
 uint64_t QELNKLegacyStream::streamStatus() const { return state_->status; }
 bool QELNKLegacyStream::isReady() const { return state_->status & ready; }
 
-void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) {
+void QELNKLegacyStream::setStatus(uint64_t bit, bool condition) { setStatus(bit, condition, std::nullopt); }
+
+/// Nothing where there is another connection than the one that it is about, if one is given.
+void QELNKLegacyStream::setStatus(uint64_t bit, bool condition, std::optional<uint64_t> connection) {
   if (logs(logStatus)) logDefault("Set stream status {} with condition {:d}", bit, condition);
   if (!condition || (state_->status & bit)) return;
   std::shared_ptr<ByteStream> input, output;
   {
     const qelnk::Lock lock(state_->mutex);
     auto &status = state_->status;
-    if (status & bit) return;
+    if ((status & bit) || (connection && *connection != state_->connections)) return;
     status |= bit;
     if ((status & (outputOpen | hasSpace | sentHandshake)) == (outputOpen | hasSpace)) {
       status |= sentHandshake;
@@ -506,14 +522,14 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       break;
     case StreamEvent::opened:
       state_->handledCloseError = false;
-      setStatus(inputOpen, isInput);
-      setStatus(outputOpen, isOutput);
+      setStatus(inputOpen, isInput, connection);
+      setStatus(outputOpen, isOutput, connection);
       break;
     case StreamEvent::bytesAvailable:
       if (isInput) readIncoming(std::static_pointer_cast<InputStream>(stream));
       break;
     case StreamEvent::spaceAvailable: {
-      setStatus(hasSpace, isOutput);
+      setStatus(hasSpace, isOutput, connection);
       if (!isOutput) break;
       const bool flushed = state_->flush(stream.get());
       if (logs(logFlushes)) logDefault("Flushed output in space available, missed space event = {:d}", !flushed);
@@ -545,7 +561,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
 void QELNKLegacyStream::terminate(uint64_t connection) {
   if (state_->connections != connection) return;
   informDelegateStreamWasTerminated();
-  if (state_->connections == connection) _disconnect();
+  endConnection(connection);
 }
 
 void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) {
@@ -639,20 +655,20 @@ void QELNKLegacyStream::State::receive(QELNKLegacyStream &stream, uint64_t conne
   if (logs(logIncoming) && message.kind != Kind::binary) logIncomingString(message.string);
   switch (message.kind) {
     case Kind::handshake:
-      stream.setStatus(receivedHandshake, true);
+      stream.setStatus(receivedHandshake, true, connection);
       break;
     case Kind::host:
       remember(&State::peerHostName, std::string(message.text()));
-      stream.setStatus(receivedHost, true);
+      stream.setStatus(receivedHost, true, connection);
       break;
     case Kind::ipv4:
       remember(&State::peerIPv4Address,
                message.text().empty() ? std::nullopt : std::optional(std::string(message.text())));
-      stream.setStatus(receivedIPv4, true);
+      stream.setStatus(receivedIPv4, true, connection);
       break;
     case Kind::appID:
       remember(&State::peerAppID, std::string(message.text()));
-      stream.setStatus(receivedAppID, true);
+      stream.setStatus(receivedAppID, true, connection);
       break;
     case Kind::heartbeat:
       stream.informDelegateOfHeartbeatAtTimecode(QELProjectTimecode::timecodeWithString(message.text()),

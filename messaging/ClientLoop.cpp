@@ -326,7 +326,7 @@ void QELNKClient::Loop::end() {
     if (!state_.inbox.empty()) continue;
     ended = true;
     state_.phase = State::Phase::ended;
-    ++state_.connectionChanges;
+    ++state_.connection;
     state_.runLoop.reset();
     connected = state_.connected;
   }

@@ -53,7 +53,7 @@ void QELNKClient::connectToHost(std::string host, int32_t port, ConnectedBlock o
     }
     refused = state_->phase != State::Phase::idle && state_->phase != State::Phase::ended;
     if (!refused) {
-      if (state_->phase == State::Phase::ended) ++state_->connectionChanges;
+      if (state_->phase == State::Phase::ended) ++state_->connection;
       state_->phase = State::Phase::running;
       state_->connectedBlock.swap(onConnected);  // the old one goes after the lock
       try {
@@ -82,27 +82,38 @@ void QELNKClient::ioThread() { Loop(*this).run(); }
 
 void QELNKClient::onConnected() { informConnected(); }
 
-void QELNKClient::informConnected(ConnectedBlock block) {
-  std::shared_ptr<qelnk::Semaphore> connected;
-  {
-    const qelnk::Lock lock(state_->mutex);
-    connected = state_->connected;
-  }
+// On the io thread the connection is its own for as long as it runs.
+void QELNKClient::informConnected() {
+  if (auto awaiting = takeAwaiting(connection())) informConnected(std::move(*awaiting));
+}
+
+void QELNKClient::informConnected(Awaiting awaiting) {
   state_->responses.seal();
   const auto queue = context()->responseQueue();  // it may go with the client as soon as it has the task
-  queue->async([weak = weak_from_this(), block = std::move(block), connected] {
-    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock()); self && block)
-      qelnk::runGuarded("QELNKClient connected block", [&] { block(self); });
-    if (connected) connected->signal();
+  queue->async([weak = weak_from_this(), awaiting = std::move(awaiting)] {
+    if (const auto self = std::static_pointer_cast<QELNKClient>(weak.lock()); self && awaiting.block)
+      qelnk::runGuarded("QELNKClient connected block", [&] { awaiting.block(self); });
+    if (awaiting.waiter) awaiting.waiter->signal();
   });
 }
 
-void QELNKClient::disconnect() {
+std::optional<QELNKClient::Awaiting> QELNKClient::takeAwaiting(uint64_t connection) {
+  const qelnk::Lock lock(state_->mutex);
+  if (state_->connection != connection) return std::nullopt;
+  return Awaiting{.block = std::exchange(state_->connectedBlock, nullptr), .waiter = state_->connected};
+}
+
+void QELNKClient::disconnect() { end(std::nullopt); }
+void QELNKClient::endConnection(uint64_t connection) { end(connection); }
+
+// Ends the connection, whichever there is or this one alone.
+void QELNKClient::end(std::optional<uint64_t> connection) {
   const auto self = weak_from_this().lock();  // a callback may drop the last reference before this is over
   bool idle;
   std::shared_ptr<IOThread> ending;
   {
     const qelnk::Lock lock(state_->mutex);
+    if (connection && *connection != state_->connection) return;
     idle = state_->phase == State::Phase::idle;
     if (state_->phase == State::Phase::running || idle) state_->phase = State::Phase::stopping;
     ending = thread();  // and none of a connection that is made as soon as somebody hears of the end of this one
@@ -118,7 +129,7 @@ void QELNKClient::endWithoutThread() {
   {
     const qelnk::Lock lock(state_->mutex);
     state_->phase = State::Phase::ended;
-    ++state_->connectionChanges;
+    ++state_->connection;
     orders.swap(state_->inbox);
     connected = state_->connected;
   }
@@ -251,6 +262,7 @@ void QELNKClient::finishMessage(const Message &message) {
 // Everything about a message that has left the list. From here on it belongs to the host.
 void QELNKClient::complete(Message message) {
   auto block = std::exchange(message->responseBlock_, nullptr);
+  message->connection_ = connection();
   const auto waiter = std::exchange(message->waiter_, nullptr);
   message->finished_.store(true, std::memory_order_release);
   if (block) state_->responses.post(weak_from_this(), {std::move(message), std::move(block)});
@@ -298,7 +310,8 @@ void QELNKClient::setSyncRequests(bool sync) { state_->syncRequests = sync; }
 bool QELNKClient::executing() const { return state_->executing; }
 void QELNKClient::setExecuting(bool executing) { state_->executing = executing; }
 size_t QELNKClient::pendingMessages() const { return state_->pending; }
-uint64_t QELNKClient::connectionChanges() const { return state_->connectionChanges; }
+uint64_t QELNKClient::connection() const { return state_->connection; }
+uint64_t QELNKClient::connectionOf(const QELNKMessage &message) { return message.connection_; }
 
 std::string QELNKClient::host() const {
   const qelnk::Lock lock(state_->mutex);
@@ -315,12 +328,10 @@ QELNKClient::ConnectedBlock QELNKClient::connectedBlock() const {
   return state_->connectedBlock;
 }
 
-void QELNKClient::setConnectedBlock(ConnectedBlock block) {
-  const qelnk::Lock lock(state_->mutex);
-  if (state_->phase != State::Phase::ended) state_->connectedBlock.swap(block);  // what is let go goes after the lock
-}
+void QELNKClient::setConnectedBlock(ConnectedBlock block) { exchangeConnectedBlock(std::move(block)); }
 
-QELNKClient::ConnectedBlock QELNKClient::takeConnectedBlock() {
+QELNKClient::ConnectedBlock QELNKClient::exchangeConnectedBlock(ConnectedBlock block) {
   const qelnk::Lock lock(state_->mutex);
-  return std::exchange(state_->connectedBlock, nullptr);
+  if (state_->phase != State::Phase::ended) state_->connectedBlock.swap(block);
+  return block;
 }

@@ -107,15 +107,29 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
 
   /// The socket has connected; calls informConnected(). On the io thread.
   virtual void onConnected();
-  /// Has the connected callback called on the response queue, and releases who waits for the connection. Any thread.
-  void informConnected() { informConnected(takeConnectedBlock()); }
-  /// The same with a callback that was taken before.
-  void informConnected(ConnectedBlock block);
-  /// The connected callback, which is no longer the client's. Any thread; calls nobody.
-  ConnectedBlock takeConnectedBlock();
-  /// Counts the ends of connections, and each that is made after an end. A callback that finds another number than
-  /// there was when its request was made has nothing to do with the connection that there is. Any thread.
-  uint64_t connectionChanges() const;
+  /// Has the connected callback called on the response queue, and releases who waits for the connection. On the io
+  /// thread.
+  void informConnected();
+  /// Who hears of a connection: its callback, and whoever waits in connectToHost().
+  struct Awaiting {
+    ConnectedBlock block;                      ///< The connected callback; may be empty.
+    std::shared_ptr<qelnk::Semaphore> waiter;  ///< Of who waits, with syncRequests(); else null.
+  };
+  /// Takes them, so that the client has no connected callback any more; none where the connection is another one by
+  /// now. Any thread; calls nobody.
+  std::optional<Awaiting> takeAwaiting(uint64_t connection);
+  /// setConnectedBlock() that returns the callback that there was, or `block` where that is not kept. Any thread; calls
+  /// nobody.
+  ConnectedBlock exchangeConnectedBlock(ConnectedBlock block);
+  /// informConnected() for those that were taken. Any thread.
+  void informConnected(Awaiting awaiting);
+  /// disconnect() where the connection still is this one. Any thread.
+  void endConnection(uint64_t connection);
+  /// The number of the connection, which the time before the first shares with it, or of the time without one. It never
+  /// comes again: a callback that finds another one has nothing to do with the connection that there is. Any thread.
+  uint64_t connection() const;
+  /// The connection that a message finished in. In its callback.
+  static uint64_t connectionOf(const QELNKMessage &message);
   /// The message that `response` answers, or null. Here the oldest one. On the io thread. What an override posts to the
   /// response queue before it returns null runs between the callbacks of the replies around this one.
   virtual std::shared_ptr<QELNKMessage> messageForResponse(const qelnk::Value &response);
@@ -142,6 +156,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   bool withdraw(const std::shared_ptr<QELNKMessage> &message);
   void complete(std::shared_ptr<QELNKMessage> message);
   void fail(std::shared_ptr<QELNKMessage> message, int32_t code, const char *reason);
+  void end(std::optional<uint64_t> connection);
   void endWithoutThread();
   void dropConnectedBlock();
   Loop *currentLoop() const;

@@ -134,10 +134,10 @@ class QELNK_EXPORT QELNKKORVALClient : public QELNKClient {
 
  private:
   class Load;
-  void releaseConnecting();
+  void release(Awaiting awaiting);
   void takePush(const qelnk::Value &data);
   void setProjectRunning(std::string_view command, bool runs, CommandBlock onDone);
-  void loadingFailed(uint64_t opening, uint64_t ended);
+  void loadingFailed(uint64_t opening, uint64_t connection);
   std::shared_ptr<QELNKMessage> setWorkflowExecuting(std::string_view command,
                                                      const std::shared_ptr<QELNKOrlinWorkflow> &workflow,
                                                      bool executes);

@@ -183,7 +183,7 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
   /// An attempt to connect; nothing happens once it was told to disconnect.
   void _connectToHost(const std::string &host);
   /// Ends the connection and its timers; does not change whether one is wanted.
-  void _disconnect() override;
+  bool endConnection(std::optional<uint64_t> connection) override;
   /// Makes the streams of a connection; empty when they cannot be made.
   virtual qelnk::StreamPair streamsToHost(const std::string &host, uint64_t port);
   /// Watches heartbeats from now on, if both limits are negative.
@@ -204,6 +204,8 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
 
  private:
   struct ClientState;
+  void attempt(const std::string &host, bool isRepetition);
+  void connectFailed(int64_t error, std::optional<uint64_t> connection);
   void timeoutReached(uint64_t timer);
   void connectAfter(double seconds);
   void delayedConnect();

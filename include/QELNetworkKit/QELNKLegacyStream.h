@@ -242,6 +242,8 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   virtual void dealloc();
   /// Ends the connection: what disconnect() does.
   virtual void _disconnect();
+  /// The same, but only where the connection still has this number, if one is given. Returns whether it did.
+  virtual bool endConnection(std::optional<uint64_t> connection);
 
   // What the stream has to tell. Subclasses put theirs before it.
   /// Calls the delegate's operation of the same meaning.
@@ -273,6 +275,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
 
   bool queue(const void *bytes, size_t length, const qelnk::Data *shared, bool terminated, bool ignoringStatus);
   void queueHandshake();
+  void setStatus(uint64_t bit, bool condition, std::optional<uint64_t> connection);
   void readIncoming(const std::shared_ptr<qelnk::InputStream> &input);
   void terminate(uint64_t connection);
 

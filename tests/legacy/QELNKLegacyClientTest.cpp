@@ -409,3 +409,57 @@ TEST(LegacyClientEnds, WhileAnotherThreadConnects) {
   EXPECT_EQ(client->isConnected(), client->inputStream() != nullptr);
   client->disconnect();
 }
+
+// Hooks that come late, behind another connection's making, have nothing to do with that one.
+TEST(LegacyClientEnds, NothingOfAnEarlierConnectionEndsTheNext) {
+  class Late final : public QELNKLegacyClient {
+   public:
+    static std::shared_ptr<Late> create() {
+      auto client = own(new Late);
+      Value options = defaultPlayoutOptions();
+      options.set("delegateOnMainThread", false);
+      options.set("appID", "late");
+      client->setOptions(options);
+      client->setHost("127.0.0.1");
+      return client;
+    }
+    void connectTo(uint16_t port) {
+      setPort(port);
+      connect();
+    }
+    void informDelegateStreamWasTerminated() override {
+      if (const auto now = std::exchange(meanwhile, nullptr)) now();
+      QELNKLegacyClient::informDelegateStreamWasTerminated();
+    }
+    void informDelegateConnectionRefused() override {
+      if (const auto now = std::exchange(meanwhile, nullptr)) now();
+      QELNKLegacyClient::informDelegateConnectionRefused();
+    }
+    std::function<void()> meanwhile;
+  };
+  Listener first, second;
+  const uint16_t closed = Listener().port();
+  for (const bool refused : {false, true}) {
+    const auto observer = std::make_shared<ClientObserver>();
+    const auto client = Late::create();
+    client->setDelegate(observer);
+    std::atomic<bool> connectedAgain = false;
+    client->meanwhile = [&, of = client.get()] {
+      of->disconnect();
+      of->connectTo(second.port());
+      connectedAgain = true;
+    };
+    client->connectTo(refused ? closed : first.port());
+    if (!refused) {
+      ASSERT_TRUE(eventually([&] { return first.accepted.size() == 1; }));
+      first.accepted.clear();
+    }
+    ASSERT_TRUE(eventually([&] { return connectedAgain.load(); }));
+    ASSERT_TRUE(eventually([&] { return second.accepted.size() == 1; }));
+    second.latest().send(handshakeBytes("peer", "", "app"));
+    EXPECT_TRUE(eventually([&] { return client->isReady(); }));
+    EXPECT_EQ(observer->all(), Texts{"ready"});
+    client->disconnect();
+    second.accepted.clear();
+  }
+}

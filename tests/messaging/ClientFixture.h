@@ -51,7 +51,10 @@ class HookedClient : public QELNKClient {
     }));
     loop->perform(std::move(task));
   }
+  using QELNKClient::connectionOf;
+  using QELNKClient::endConnection;
   using QELNKClient::finishMessage;
+  using QELNKClient::takeAwaiting;
 
   int32_t type = ZMQ_DEALER;
   bool byIdentifier = true;

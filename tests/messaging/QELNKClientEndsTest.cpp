@@ -301,6 +301,34 @@ TEST(QELNKClientEnds, IsConnectedAgainByWhoHearsOfTheEnd) {
   EXPECT_TRUE(message->response());
 }
 
+// What a callback of an earlier connection does comes too late for the next one, at whatever moment that was made.
+TEST(QELNKClientEnds, NothingOfAnEarlierConnectionEndsTheNext) {
+  const Peer peer(ZMQ_ROUTER, Peer::echo);
+  const auto client = makeHooked();
+  const auto answer = [&](int id) {
+    const auto message = client->sendRequest(request(id), nullptr);
+    EXPECT_TRUE(eventually([&] { return message->isFinished(); }));
+    EXPECT_TRUE(message->response());
+    return HookedClient::connectionOf(*message);
+  };
+  client->connectToHost("127.0.0.1", peer.port(), nullptr);
+  const uint64_t before = answer(1);
+  client->disconnect();
+  client->connectedHook = [&](HookedClient &of) {
+    EXPECT_FALSE(of.takeAwaiting(before));
+    of.endConnection(before);
+  };
+  std::atomic<bool> connected = false;
+  client->connectToHost("127.0.0.1", peer.port(), [&](auto &) { connected = true; });
+  const uint64_t now = answer(2);
+  EXPECT_TRUE(eventually([&] { return connected.load(); }));
+  EXPECT_NE(now, before);
+  client->endConnection(now);
+  const auto message = client->sendRequest(request(3), nullptr);
+  EXPECT_TRUE(eventually([&] { return message->isFinished(); }));
+  EXPECT_EQ(message->error().code, ENOTCONN);
+}
+
 // However many connections begin and end while somebody waits to make the next one.
 TEST(QELNKClientEnds, AConnectionWaitsForTheEndOfEveryOneBefore) {
   // Holds the first and the second connection's thread at its end: each calls once as it connects, and then.
