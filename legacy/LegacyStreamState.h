@@ -77,8 +77,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   /// What has been read; of its own, so that writing and reading do not wait for each other. Behind `mutex`, if both.
   alignas(64) qelnk::Mutex readMutex;
   qelnk::IncomingMessages incoming QELNK_GUARDED_BY(readMutex);
-  std::atomic<uint64_t> connections{0};       // counts them: what was taken out of `incoming` may be an earlier one's
-  std::atomic<uint64_t> endingConnection{0};  // whose end somebody deals with, or dealt with last
+  std::atomic<uint64_t> connections{0};  // counts them: what was taken out of `incoming` may be an earlier one's
 
   /// What waits for the main thread, in order. While it is much, nothing is read.
   struct Deliveries {
@@ -166,6 +165,7 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
   void awaitHandshake();
   void endHandshake() QELNK_REQUIRES(mutex);
   void endConnection(uint64_t connection, const std::string &reason);
+  void opened(uint64_t connection);
   bool takesEnd(uint64_t connection);
   static void flushAsRequested(const std::weak_ptr<QELNKLegacyStream> &stream);
   bool readAll(QELNKLegacyStream &stream, qelnk::InputStream &from);
@@ -180,6 +180,29 @@ struct QELNK_HIDDEN alignas(64) QELNKLegacyStream::State {
     const qelnk::Lock lock(mutex);
     return this->*field;
   }
+
+  /// The calling thread deals with the end of a connection: the hooks that it calls end no other.
+  class Ending {
+   public:
+    Ending(const QELNKLegacyStream &stream, uint64_t connection)
+        : stream_(stream), connection_(connection), outer_(std::exchange(current, this)) {}
+    ~Ending() { current = outer_; }
+    Ending(const Ending &) = delete;
+    Ending &operator=(const Ending &) = delete;
+
+    /// Which one of a stream's; none where it does not.
+    static std::optional<uint64_t> of(const QELNKLegacyStream &stream) {
+      for (const Ending *ending = current; ending; ending = ending->outer_)
+        if (&ending->stream_ == &stream) return ending->connection_;
+      return std::nullopt;
+    }
+
+   private:
+    static constinit thread_local const Ending *current;
+    const QELNKLegacyStream &stream_;
+    const uint64_t connection_;
+    const Ending *const outer_;
+  };
 
   /// While there is one on the calling thread, flushes that it requests are put together: a thread of streams is asked
   /// for many at a time. Else it would be woken for each, and fall asleep again before the next.

@@ -234,8 +234,8 @@ void QELNKLegacyClient::_connect() { _connectToHost(host()); }
 
 void QELNKLegacyClient::_connectToHost(const std::string &host) { attempt(host, false); }
 
-/// A repetition that nobody asked for has nothing to do where there is a connection.
-void QELNKLegacyClient::attempt(const std::string &host, bool isRepetition) {
+/// One that nobody asked for has nothing to do where there is a connection.
+void QELNKLegacyClient::attempt(const std::string &host, bool byItself) {
   std::optional<uint64_t> connection;
   const auto connectError = [&]() -> std::optional<ConnectError> {
     const qelnk::Lock lock(clientState_->mutex);
@@ -244,8 +244,15 @@ void QELNKLegacyClient::attempt(const std::string &host, bool isRepetition) {
       return std::nullopt;
     }
     if (!clientState_->connected) return std::nullopt;  // told to disconnect meanwhile
-    if (inputStream() || outputStream()) {
-      if (isRepetition) return std::nullopt;
+    bool hasStreams = false;
+    {
+      const qelnk::Lock streams(state_->mutex);
+      connection = state_->connections;
+      hasStreams = inputStream() || outputStream();
+    }
+    if (hasStreams) {
+      connection.reset();  // this ends whatever there is
+      if (byItself) return std::nullopt;
       logDefault("{} attempted to reconnect while already connected", description());
       clientState_->maxRetryAttempts = 0;
       return alreadyConnected;
@@ -256,9 +263,9 @@ void QELNKLegacyClient::attempt(const std::string &host, bool isRepetition) {
       clientState_->start(&ClientState::timeoutTimer, &ClientState::timeoutNumber, clientState_->connectTimeout, {},
                           held(), [](auto &client, uint64_t timer) { client.timeoutReached(timer); });
     const auto streams = streamsToHost(host, clientState_->port);
-    if (streams) setInputStream(streams.input, streams.output);
-    connection = clientState_->timedConnection = state_->connections;
-    return streams ? std::nullopt : std::optional(noStreams);
+    if (!streams) return noStreams;
+    clientState_->timedConnection = begin(streams.input, streams.output);
+    return std::nullopt;
   };
   if (const auto error = connectError()) connectFailed(*error, connection);
 }
@@ -335,7 +342,7 @@ void QELNKLegacyClient::timeoutReached(uint64_t timer) {
     cancelTimeoutTimer();
     connection = clientState_->timedConnection;
   }
-  if (isReady() || !inputStream()) return;  // while this was about to run
+  if (isReady() || !inputStream() || state_->connections != connection) return;  // while this was about to run
   connectFailed(timedOut, connection);
 }
 
@@ -409,7 +416,7 @@ void QELNKLegacyClient::informDelegateStreamIsReady() {
 }
 
 void QELNKLegacyClient::informDelegateStreamWasTerminated() {
-  if (!endConnection(state_->endingConnection)) return;
+  if (!endConnection(State::Ending::of(*this))) return;
   if (!clientState_->get(&ClientState::isReconnecting))
     informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, auto *delegate) {
       delegate->networkClientWasTerminated(client, willReconnect);
@@ -467,7 +474,7 @@ void QELNKLegacyClient::informDelegateOfHeartbeatAtTimecode(const QELProjectTime
       timecode, extendedInformation);
 }
 
-void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailed(refused, state_->endingConnection); }
+void QELNKLegacyClient::informDelegateConnectionRefused() { connectFailed(refused, State::Ending::of(*this)); }
 
 void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr<ByteStream> &stream) {
   std::shared_ptr<NetService> service;
@@ -481,7 +488,7 @@ void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr
       sockaddr_in address{};
       if (bytes.size() != sizeof address) continue;
       std::memcpy(&address, bytes.data(), sizeof address);
-      if (endConnection(state_->endingConnection)) _connectToHost(stringFromIPv4Address(address.sin_addr.s_addr));
+      if (endConnection(State::Ending::of(*this))) attempt(stringFromIPv4Address(address.sin_addr.s_addr), true);
       return;
     }
   }

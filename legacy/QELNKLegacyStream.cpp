@@ -141,6 +141,7 @@ void QELNKLegacyStream::setOptions(const Value &options) {
 
 // --- Life ---
 
+constinit thread_local const QELNKLegacyStream::State::Ending *QELNKLegacyStream::State::Ending::current = nullptr;
 constinit thread_local QELNKLegacyStream::State::ReadPass *QELNKLegacyStream::State::ReadPass::current = nullptr;
 
 QELNKLegacyStream::QELNKLegacyStream() : state_(std::make_unique<State>()) {}
@@ -178,7 +179,14 @@ void QELNKLegacyStream::dealloc() {
 
 void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
                                        std::shared_ptr<OutputStream> outputStream) {
+  begin(inputStream, outputStream);
+}
+
+/// Begins a connection, and returns its number.
+uint64_t QELNKLegacyStream::begin(const std::shared_ptr<InputStream> &inputStream,
+                                  const std::shared_ptr<OutputStream> &outputStream) {
   std::shared_ptr<ByteStream> droppedInput, droppedOutput;  // go after the lock
+  uint64_t connection = 0;
   {
     const qelnk::Lock lock(state_->mutex);
     const qelnk::Lock reading(state_->readMutex);
@@ -189,10 +197,12 @@ void QELNKLegacyStream::setInputStream(std::shared_ptr<InputStream> inputStream,
     droppedInput = std::exchange(state_->input, inputStream);
     droppedOutput = std::exchange(state_->output, outputStream);
     state_->connectionThread = state_->thread;
+    connection = state_->connections;
   }
   scheduleStream(inputStream);
   scheduleStream(outputStream);
   if (inputStream || outputStream) state_->awaitHandshake();
+  return connection;
 }
 
 /// Where there is to be one in time.
@@ -219,12 +229,16 @@ void QELNKLegacyStream::State::endConnection(uint64_t connection, const std::str
   self->terminate(connection);
 }
 
+/// Of a connection that has opened nothing has been handled.
+void QELNKLegacyStream::State::opened(uint64_t connection) {
+  const qelnk::Lock lock(mutex);
+  if (connections == connection) handledCloseError = false;
+}
+
 /// Whether the end of a connection is the caller's to deal with: it is still there, and nobody else has.
 bool QELNKLegacyStream::State::takesEnd(uint64_t connection) {
   const qelnk::Lock lock(mutex);
-  if (connections != connection || handledCloseError.exchange(true)) return false;
-  endingConnection = connection;
-  return true;
+  return connections == connection && !handledCloseError.exchange(true);
 }
 
 void QELNKLegacyStream::scheduleStream(const std::shared_ptr<ByteStream> &stream) {
@@ -521,7 +535,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
       logDefault("NSStreamEventNone");
       break;
     case StreamEvent::opened:
-      state_->handledCloseError = false;
+      state_->opened(connection);
       setStatus(inputOpen, isInput, connection);
       setStatus(outputOpen, isOutput, connection);
       break;
@@ -543,6 +557,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
         if (state_->connections != connection) break;
         state_->connectionError = error;
       }
+      const State::Ending ending(*this, connection);
       if (error == std::errc::connection_refused) return informDelegateConnectionRefused();
       if (error == std::errc::address_not_available) return handleAddressNotAvailableForStream(stream);
       logDefault("NSStreamEventErrorOccurred: {}", error.message());
@@ -560,6 +575,7 @@ void QELNKLegacyStream::stream(const std::shared_ptr<ByteStream> &stream, Stream
 /// Tells that the connection has ended, and ends it; not one that has been made before this, or by the delegate.
 void QELNKLegacyStream::terminate(uint64_t connection) {
   if (state_->connections != connection) return;
+  const State::Ending ending(*this, connection);
   informDelegateStreamWasTerminated();
   endConnection(connection);
 }
@@ -570,7 +586,8 @@ void QELNKLegacyStream::readIncoming(const std::shared_ptr<InputStream> &input) 
   bool failed = false;
   qelnk::runGuarded("QELNKLegacyStream", [&] { failed = !state_->readAll(*this, *input); });
   if (failed) {
-    if (inputStream() == input) state_->status = 0;
+    const qelnk::Lock lock(state_->mutex);
+    if (state_->input == input) state_->status = 0;
     return;  // still reading, so that nothing more is read here
   }
   const bool stopped = state_->stoppedReading;

@@ -209,7 +209,10 @@ void QELNKClient::enqueue(std::span<const Message> messages) {
   state_->pending += messages.size();
   if (Loop *loop = currentLoop()) {
     loop->takeInbox();
-    for (const Message &message : messages) loop->append(message);
+    for (const Message &message : messages) {
+      message->connection_ = connection();
+      loop->append(message);
+    }
   } else if (!handIn(messages, false)) {
     for (const Message &message : messages) fail(message, ENOTCONN, "Client disconnected");
   }
@@ -220,6 +223,8 @@ bool QELNKClient::handIn(std::span<const Message> messages, bool cancel) {
   std::shared_ptr<qelnk::RunLoop> asleep;
   {
     const qelnk::Lock lock(state_->mutex);
+    if (!cancel)
+      for (const Message &message : messages) message->connection_ = state_->connection;
     if (state_->phase == State::Phase::ended) return false;
     for (const Message &message : messages) {
       if (!cancel && message->waiter_) message->sync_ = state_->phase != State::Phase::idle;
@@ -262,7 +267,6 @@ void QELNKClient::finishMessage(const Message &message) {
 // Everything about a message that has left the list. From here on it belongs to the host.
 void QELNKClient::complete(Message message) {
   auto block = std::exchange(message->responseBlock_, nullptr);
-  message->connection_ = connection();
   const auto waiter = std::exchange(message->waiter_, nullptr);
   message->finished_.store(true, std::memory_order_release);
   if (block) state_->responses.post(weak_from_this(), {std::move(message), std::move(block)});

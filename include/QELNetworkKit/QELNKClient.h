@@ -128,7 +128,7 @@ class QELNK_EXPORT QELNKClient : public QELNKSocket {
   /// The number of the connection, which the time before the first shares with it, or of the time without one. It never
   /// comes again: a callback that finds another one has nothing to do with the connection that there is. Any thread.
   uint64_t connection() const;
-  /// The connection that a message finished in. In its callback.
+  /// The connection that a message was queued on, and finishes with. In its callback.
   static uint64_t connectionOf(const QELNKMessage &message);
   /// The message that `response` answers, or null. Here the oldest one. On the io thread. What an override posts to the
   /// response queue before it returns null runs between the callbacks of the replies around this one.

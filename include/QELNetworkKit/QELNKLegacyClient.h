@@ -204,7 +204,7 @@ class QELNK_EXPORT QELNKLegacyClient : public QELNKLegacyStream, public qelnk::N
 
  private:
   struct ClientState;
-  void attempt(const std::string &host, bool isRepetition);
+  void attempt(const std::string &host, bool byItself);
   void connectFailed(int64_t error, std::optional<uint64_t> connection);
   void timeoutReached(uint64_t timer);
   void connectAfter(double seconds);

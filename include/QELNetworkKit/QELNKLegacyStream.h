@@ -241,8 +241,9 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// The last reference is gone.
   virtual void dealloc();
   /// Ends the connection: what disconnect() does.
-  virtual void _disconnect();
-  /// The same, but only where the connection still has this number, if one is given. Returns whether it did.
+  void _disconnect();
+  /// The same, and what every end of a connection comes to; only where it still has this number, if one is given.
+  /// Returns whether it had.
   virtual bool endConnection(std::optional<uint64_t> connection);
 
   // What the stream has to tell. Subclasses put theirs before it.
@@ -278,6 +279,7 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   void setStatus(uint64_t bit, bool condition, std::optional<uint64_t> connection);
   void readIncoming(const std::shared_ptr<qelnk::InputStream> &input);
   void terminate(uint64_t connection);
+  uint64_t begin(const std::shared_ptr<qelnk::InputStream> &input, const std::shared_ptr<qelnk::OutputStream> &output);
 
   const std::unique_ptr<State> state_;
 };

@@ -96,7 +96,7 @@ class QELNK_EXPORT QELNKMessage {
   ResponseBlock responseBlock_;
   std::optional<std::chrono::nanoseconds> timeout_, deadline_;
   std::optional<int64_t> identifier_;
-  uint64_t connection_ = 0;  // of the client's, which it finished in
+  uint64_t connection_ = 0;  // of the client's, which it was queued on
   std::shared_ptr<qelnk::Semaphore> waiter_;
   bool sent_ = false, sync_ = false, responseless_ = false;
   std::atomic<bool> finished_{false};

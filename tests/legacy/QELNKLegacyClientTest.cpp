@@ -396,9 +396,9 @@ TEST(LegacyClientEnds, WhileAnotherThreadConnects) {
       client->setPort(port);
       return client;
     }
-    void _disconnect() override {
+    bool endConnection(std::optional<uint64_t> connection) override {
       if (const auto now = std::exchange(meanwhile, nullptr)) std::thread(now).join();
-      QELNKLegacyClient::_disconnect();
+      return QELNKLegacyClient::endConnection(connection);
     }
     std::function<void()> meanwhile;
   };
@@ -457,7 +457,7 @@ TEST(LegacyClientEnds, NothingOfAnEarlierConnectionEndsTheNext) {
     ASSERT_TRUE(eventually([&] { return connectedAgain.load(); }));
     ASSERT_TRUE(eventually([&] { return second.accepted.size() == 1; }));
     second.latest().send(handshakeBytes("peer", "", "app"));
-    EXPECT_TRUE(eventually([&] { return client->isReady(); }));
+    EXPECT_TRUE(eventually([&] { return observer->has("ready"); }));
     EXPECT_EQ(observer->all(), Texts{"ready"});
     client->disconnect();
     second.accepted.clear();

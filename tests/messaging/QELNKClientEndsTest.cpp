@@ -295,6 +295,8 @@ TEST(QELNKClientEnds, IsConnectedAgainByWhoHearsOfTheEnd) {
     EXPECT_EQ(message->error().code, ENOTCONN);
     client->connectToHost("127.0.0.1", peer.port(), nullptr);
   });
+  // Hears of the end after that.
+  client->sendRequest(request(3), [&](auto &, auto &ended) { client->endConnection(client->connectionOf(*ended)); });
   client->disconnect();
   const auto message = client->sendRequest(request(2), nullptr);
   EXPECT_TRUE(eventually([&] { return message->isFinished(); }));

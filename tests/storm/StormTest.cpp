@@ -14,7 +14,9 @@
 #include <QELNetworkKit/Queue.h>
 #include <QELNetworkKit/RunLoop.h>
 #include <QELNetworkKit/ZMQContext.h>
+#include <QELNetworkKit/ZMQSocket.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,6 +28,7 @@
 
 #include "daemon/FakeDaemon.h"
 #include "netutil/WebSocketServer.h"
+#include "platform/RunLoopThread.h"
 #include "support/TestSupport.h"
 
 namespace qelnk::test {
@@ -110,6 +113,10 @@ struct LegacyEcho final : QELNKLegacyServerDelegate {
 class World {
  public:
   World() {
+    // The process's service thread keeps what its first watch opens.
+    const int descriptor = eventfd(0, EFD_CLOEXEC);
+    serviceLoop()->watch(descriptor, Readiness::readable, [](Readiness) {})->cancel();
+    close(descriptor);
     echo_->bindToPort(0, [](auto &, auto &message) { message->setResponse(message->request()); });
     publisher_->bindToPort(0);
     Value options = QELNKLegacyClient::defaultConnectOptions();
@@ -137,6 +144,9 @@ class World {
 
   FakeDaemon daemon{exampleWorkflows()};
   WebSocketServer webSockets{WebSocketServer::shaken([](auto &stream) { WebSocketServer::echo(stream); })};
+
+  /// A context closes monitors that had to be left to ZeroMQ with the next socket that it makes.
+  void closeMonitors() { shared_->zmqContext()->socketWithType(ZMQ_PAIR)->close(); }
 
   std::shared_ptr<QELNKContext> context() const {
     switch (dice(3)) {
@@ -475,11 +485,15 @@ TEST(Storm, LeavesNothingBehind) {
     Storm(world, 40).calmDown();
     if (round == count / 2) {
       std::this_thread::sleep_for(3s);  // for what ends by itself, watches and closing WebSockets
+      world.closeMonitors();
       threads = threadCount(), descriptors = descriptorCount(), before = openDescriptors();
     }
   }
-  EXPECT_TRUE(eventually([&] { return threadCount() <= threads && descriptorCount() <= descriptors; }))
-      << threadCount() << " threads, " << threads << " before, and open are\n"
+  EXPECT_TRUE(eventually([&] {
+    world.closeMonitors();
+    return threadCount() <= threads && descriptorCount() <= descriptors;
+  })) << threadCount()
+      << " threads, " << threads << " before, and open are\n"
       << openDescriptors() << "before:\n"
       << before;
   QLGetHandle().setSink(nullptr);
