@@ -284,7 +284,8 @@ void QELNKLegacyClient::connectFailed(int64_t error, std::optional<uint64_t> con
   informClient(false, 0, [error, willRetry = willRetryConnect()](const auto &client, auto *delegate) {
     delegate->networkClient(client, error, willRetry);
   });
-  retryConnect();
+  const qelnk::Lock lock(clientState_->mutex);
+  if (!inputStream()) retryConnect();  // somebody may have connected while it was told
 }
 
 bool QELNKLegacyClient::willRetryConnect() const {
@@ -421,7 +422,8 @@ void QELNKLegacyClient::informDelegateStreamWasTerminated() {
     informClient(false, 0, [willReconnect = attemptReconnect()](const auto &client, auto *delegate) {
       delegate->networkClientWasTerminated(client, willReconnect);
     });
-  reconnect();
+  const qelnk::Lock lock(clientState_->mutex);
+  if (!inputStream()) reconnect();  // somebody may have connected while it was told
 }
 
 /// The first sign of life after a reconnect, which may come before the handshake is complete.
@@ -488,8 +490,8 @@ void QELNKLegacyClient::handleAddressNotAvailableForStream(const std::shared_ptr
       sockaddr_in address{};
       if (bytes.size() != sizeof address) continue;
       std::memcpy(&address, bytes.data(), sizeof address);
-      if (endConnection(State::Ending::of(*this))) attempt(stringFromIPv4Address(address.sin_addr.s_addr), true);
-      return;
+      if (endConnection(State::Ending::of(*this))) return attempt(stringFromIPv4Address(address.sin_addr.s_addr), true);
+      return clientState_->set(&ClientState::attemptIPv4Fallback, true);  // for the connection that is there by now
     }
   }
   QELNKLegacyStream::handleAddressNotAvailableForStream(stream);

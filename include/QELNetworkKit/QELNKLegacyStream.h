@@ -246,7 +246,8 @@ class QELNK_EXPORT QELNKLegacyStream : public std::enable_shared_from_this<QELNK
   /// Returns whether it had.
   virtual bool endConnection(std::optional<uint64_t> connection);
 
-  // What the stream has to tell. Subclasses put theirs before it.
+  // What the stream has to tell. Subclasses put theirs before it, and do not end the connection there: what has been
+  // ended has no end to tell of any more.
   /// Calls the delegate's operation of the same meaning.
   virtual void informDelegateOfReceivedString(const std::string &string);
   /// Calls the delegate's operation of the same meaning.
