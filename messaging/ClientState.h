@@ -57,8 +57,8 @@ struct QELNK_HIDDEN QELNKClient::State {
   std::atomic<bool> cancelling{false};  // the inbox may hold a cancellation
   std::atomic<bool> syncRequests{false}, executing{false};
   std::atomic<size_t> pending{0};
-  std::atomic<uint64_t> connection{
-      0};  // counted, with the mutex held, as the phase becomes `ended` and as it leaves that
+  // Its number: counted, with the mutex held, as the phase becomes `ended` and as it leaves that.
+  std::atomic<uint64_t> connection{0};
   qelnk::CallPoster<QELNKClient, Response> responses;
   Loop *loop = nullptr;  // the io thread's, while it runs
 };
